@@ -1,0 +1,178 @@
+// Command-line service library (libclient_new.so): matches typed commands
+// against the daemon's parse trees, fills a record and calls the handler.
+//
+// Threads: handlers, running-configuration writers and the debug switch run on
+// the main loop that was given to cli_client_init. Output and key calls belong
+// to the command that runs on the calling thread: on the main loop the command
+// whose handler runs, on a worker thread the command it was started for. A
+// worker may print, and even end its command, before its handler has called
+// cli_proc_thread_start: its output waits until the handler has said whose
+// thread it is, an end before the start is final, a second start is harmless.
+// Two operators' commands may run side by side.
+#pragma once
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "frame/platform/tq_thread.h"
+
+// Modes in which a tree can be offered.
+#define CLI_MODE_EXEC 1     // typed as it stands
+#define CLI_MODE_SHOW 6     // typed after "show"
+#define CLI_MODE_DEBUG 17   // typed after "debug" or "no debug"
+#define CLI_MODE_CONFIG 33  // typed in configuration mode, perhaps after "no"
+
+// Bits of output_flags: the running configuration is asked for.
+#define CLI_OUTPUT_RUNNING 0x02
+#define CLI_OUTPUT_STARTUP 0x10
+
+// A key that cli_getc_no_block returns.
+#define CLI_KEY_CTRL_C 3
+
+// The parsed command. It belongs to the library and stays valid while its
+// handler runs and, once a worker thread was started, until cli_proc_thread_end.
+struct cli_record {
+    char words[256];        // words up to the running-configuration point
+    uint32_t output_flags;  // CLI_OUTPUT_ bits: write running configuration, change nothing
+    uint32_t no_flag;       // non-zero: the command began with "no"
+    uint32_t context;     // debug commands: 1, negated 2; others: non-zero chooses the second list
+    uint32_t debug_bits;  // debug-category slot
+    int32_t value1;       // number, keyword's value or hour; 0 when nothing filled it
+    int32_t value2;       // minute
+    char string1[256];
+    char string2[256];
+};
+
+typedef void (*cli_handler)(struct cli_record* record);
+
+// Where a node stores what it matched.
+enum cli_slot {
+    CLI_SLOT_NONE,
+    CLI_SLOT_DEBUG,
+    CLI_SLOT_VALUE1,
+    CLI_SLOT_VALUE2,
+    CLI_SLOT_STRING1,
+    CLI_SLOT_STRING2,
+};
+
+enum cli_node_kind {
+    CLI_NODE_KEYWORD,       // the keyword or a unique abbreviation; stores value in slot
+    CLI_NODE_NUMBER,        // a decimal number from minimum to maximum into slot
+    CLI_NODE_STRING,        // one word into slot
+    CLI_NODE_LINE,          // the rest of the line, at least one word, into slot
+    CLI_NODE_TIME,          // hh:mm, hour into slot, minute into slot2
+    CLI_NODE_SET_VAR,       // takes no word; stores value in slot
+    CLI_NODE_NOPREFIX,      // takes no word; next is open to a "no" command only
+    CLI_NODE_NOP,           // takes no word; joins branches
+    CLI_NODE_C2P,           // takes no word; handler writes the running configuration here
+    CLI_NODE_EOL,           // end of the command: runs handler
+    CLI_NODE_APPEND_POINT,  // root of a tree
+};
+
+// One node of a parse tree. The daemon's trees are constant data; the library
+// reads nodes and texts by address (help may change between two readings).
+struct cli_node {
+    enum cli_node_kind kind;
+    const struct cli_node* next;         // goes on here after a match
+    const struct cli_node* alternative;  // tried as well; Tno_alt ends the chain
+    const char* keyword;
+    const char* help;
+    enum cli_slot slot;
+    enum cli_slot slot2;
+    int32_t value;  // keyword and variable: what is stored; number: the minimum
+    int32_t maximum;
+    cli_handler handler;
+};
+
+#define Tno_alt nullptr
+
+constexpr cli_node common_keyword_action(const char* keyword, const char* help,
+                                         const cli_node* next, const cli_node* alternative,
+                                         cli_slot slot = CLI_SLOT_NONE, int32_t value = 0) {
+    return {CLI_NODE_KEYWORD, next,  alternative, keyword, help, slot,
+            CLI_SLOT_NONE,    value, 0,           nullptr};
+}
+constexpr cli_node common_number_action(const char* help, int32_t minimum, int32_t maximum,
+                                        cli_slot slot, const cli_node* next,
+                                        const cli_node* alternative) {
+    return {CLI_NODE_NUMBER, next,    alternative, nullptr, help, slot,
+            CLI_SLOT_NONE,   minimum, maximum,     nullptr};
+}
+// kind: CLI_NODE_STRING or CLI_NODE_LINE.
+constexpr cli_node string_action(cli_node_kind kind, const char* help, cli_slot slot,
+                                 const cli_node* next, const cli_node* alternative) {
+    return {kind, next, alternative, nullptr, help, slot, CLI_SLOT_NONE, 0, 0, nullptr};
+}
+constexpr cli_node time_action(const char* help, cli_slot hour, cli_slot minute,
+                               const cli_node* next, const cli_node* alternative) {
+    return {CLI_NODE_TIME, next, alternative, nullptr, help, hour, minute, 0, 0, nullptr};
+}
+constexpr cli_node set_cdb_var_action(cli_slot slot, int32_t value, const cli_node* next,
+                                      const cli_node* alternative) {
+    return {CLI_NODE_SET_VAR, next,  alternative, nullptr, nullptr, slot,
+            CLI_SLOT_NONE,    value, 0,           nullptr};
+}
+constexpr cli_node noprefix_action(const cli_node* next, const cli_node* alternative) {
+    return {CLI_NODE_NOPREFIX, next,          alternative, nullptr, nullptr,
+            CLI_SLOT_NONE,     CLI_SLOT_NONE, 0,           0,       nullptr};
+}
+constexpr cli_node nop_action(const cli_node* next, const cli_node* alternative) {
+    return {CLI_NODE_NOP,  next,          alternative, nullptr, nullptr,
+            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       nullptr};
+}
+constexpr cli_node c2p_action(cli_handler handler, const cli_node* next,
+                              const cli_node* alternative) {
+    return {CLI_NODE_C2P,  next,          alternative, nullptr, nullptr,
+            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       handler};
+}
+constexpr cli_node eol_action(cli_handler handler, const cli_node* alternative = Tno_alt) {
+    return {CLI_NODE_EOL,  nullptr,       alternative, nullptr, nullptr,
+            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       handler};
+}
+constexpr cli_node append_point_action(const cli_node* next) {
+    return {CLI_NODE_APPEND_POINT, next,          Tno_alt, nullptr, nullptr,
+            CLI_SLOT_NONE,         CLI_SLOT_NONE, 0,       0,       nullptr};
+}
+
+extern "C" {
+
+// Connects to the command-line service and serves it on the loop. Negative:
+// failure.
+int cli_client_init(const char* client, tq_thread_master* master);
+
+// Offers a tree in a mode. Negative: failure.
+int cli_add_command(int mode, const cli_node* root, const char* name);
+
+// All trees are there: start-up configuration is replayed, then commands are
+// taken.
+int cli_client_ready(void);
+
+// The platform's global debug switch: callback with 1 everything on, 2
+// everything off, 3 print the status on the terminal.
+int sys_add_debug(const char* name, int, int, int, void (*callback)(int action), int);
+
+// Text for the command's terminal; goes out at the latest when the command ends.
+void cli_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Error reply to a configuration command, which then counts as refused.
+void cli_printf_cdb(cli_record* record, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+// Sends pending output now.
+void cli_flush(void);
+
+// The next key typed, without waiting; -1 when there is none. A terminal that
+// went away reads as CLI_KEY_CTRL_C.
+int cli_getc_no_block(void);
+
+// One running-configuration line (the library adds the line end), written when
+// flag is 1.
+void c2p_printf(int flag, cli_record* record, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The command stays open, and output of the thread goes to its terminal, until
+// the end. The record is gone after the end.
+void cli_proc_thread_start(cli_record* record, pthread_t thread);
+void cli_proc_thread_end(cli_record* record, pthread_t thread);
+}
