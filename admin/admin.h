@@ -1,0 +1,39 @@
+// The admin thread with its own event loop: the daily update and the resume
+// timer run there; and the public timer on the main loop, which retries every
+// minute what failed at start.
+// Threads: as each call says.
+#pragma once
+
+#include <cstdint>
+
+#include "frame/platform/tq_thread.h"
+#include "http/status.h"
+
+// The admin thread's loop. Written once by that thread, used on it alone.
+extern tq_thread_master* http_update_admin_master;
+
+// Main thread, start-up: clears the update progress, sets auto mode, draws the
+// default time and starts the admin thread. Ends the process with code 1 when
+// there is no thread.
+void http_update_admin_init();
+
+// Main thread, start-up: installs the registration server on the loop and arms
+// the public timer. Ends the process with code 1 when the timer can't be added.
+int http_update_admin_reg_install(tq_thread_master* master);
+
+// The timers.
+int http_update_admin_timer_proc(tq_thread* task);
+int http_update_admin_public_timer(tq_thread* task);
+
+// 0 when the daily update is due now, else -1. Admin thread.
+[[nodiscard]] int http_update_admin_time_check();
+
+// Report of the daily run's passes.
+void http_update_admin_report(const AppSet& requested, uint32_t kind, const char* host,
+                              UpdateStatus status);
+
+// 0 to n - 1; a number in [0, 1); draws the default time. Main thread, before
+// others start.
+[[nodiscard]] int http_update_admin_rand(int n);
+[[nodiscard]] double http_update_admin_rand_fraction();
+void http_update_admin_rand_time();

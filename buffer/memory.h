@@ -1,0 +1,11 @@
+// The daemon's allocation wrappers.
+// Threads: any.
+#pragma once
+
+#include <cstdint>
+
+// size bytes (positive), zero-filled; null when memory is short.
+[[nodiscard]] void* mem_zalloc(int32_t size);
+
+// Releases what mem_zalloc gave. Null is ignored.
+void mem_free(void* memory);
