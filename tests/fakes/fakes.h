@@ -8,10 +8,12 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/platform/client_new.h"
 #include "frame/platform/http_util.h"
+#include "frame/platform/tech_support_msg.h"
 #include "frame/platform/tq_thread.h"
 
 namespace fakes {
@@ -19,7 +21,9 @@ namespace fakes {
 // All of them back to their defaults, nothing recorded.
 void Reset();
 
-// --- event loop, virtual time
+// --- event loop, virtual time. tq_thread_fetch yields what is ready now and
+// null when nothing is, so that a thread that runs a loop ends and its test
+// drives the loop. Using a handle that is not pending aborts.
 // Lets time pass on a loop: timers that come due run in order of their time.
 void Advance(tq_thread_master* loop, long seconds);
 // Runs the read tasks whose descriptors are readable now or within the time;
@@ -42,11 +46,14 @@ int CommandsEnded();         // cli_proc_thread_end calls
 std::map<int, const cli_node*> Trees();
 void FailCliInit(bool fail);
 void (*DebugSwitch())(int action);
+// Set-up calls so far as "name(argument,...)" lines.
+std::string CliCalls();
 
 // --- logs: the lines of the debug log since the last call
 std::string Syslog();
 
-// --- downloads: each call goes to the script, which gives the result
+// --- downloads: each call goes to the script, which gives the result; without
+// one every source fails
 struct Download {
     std::string url;
     std::string path;
@@ -62,11 +69,16 @@ int DownloadDebug();                // opened minus closed
 std::string TechOutput();  // since the last call
 int TechCompletions();
 std::vector<std::string> DumpFiles();
+tech_service_callback TechCallback();  // null when no service was offered
+std::string TechService();             // its name
+void FailTechInit(bool fail);
 
-// --- name service: host name to dotted text; a name that is absent fails
+// --- name service: host name to dotted text; a name that is absent fails, one
+// with an empty address is not resolved
 void SetHost(const std::string& name, const std::string& address);
 void FailDnsInit(bool fail);
 int DnsLookups();
+std::string DnsSource();  // address that the last look-up was to leave from
 
 // --- device: texts of the system information (absent: the call fails) and the
 // content of device files by plain path (absent: no such file)
@@ -77,5 +89,9 @@ void SetDeviceFile(const std::string& path, const std::string& content);
 void SetHamResult(int result);
 // Calls so far as "name(argument,...)" lines, process and thread ids left out.
 std::string HamCalls();
+
+// --- CPU rule: none applies while empty
+void SetCpuRule(const std::vector<int>& cpus);
+std::string CpuRuleProcess();  // the process last asked for
 
 }  // namespace fakes
