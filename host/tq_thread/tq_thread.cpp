@@ -1,0 +1,238 @@
+// Event loops over libevent's core, one event base a loop.
+//
+// libevent only tells that a task became ready: its callback moves the task to
+// the loop's queue, and tq_thread_fetch hands the queue out one task at a time.
+// The base is asked again only when the queue is empty. A task that adds itself
+// again therefore waits behind everything that was ready before it, and neither
+// a busy descriptor nor a row of due timers can keep the others away.
+#include "host/tq_thread/tq_thread_host.h"
+
+#include <assert.h>
+#include <event2/event.h>
+#include <event2/event_struct.h>
+#include <pthread.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <memory>
+#include <new>
+
+namespace {
+
+constexpr int64_t NS_PER_SECOND = 1'000'000'000;
+constexpr int64_t US_PER_SECOND = 1'000'000;
+// Longer delays are cut to this, so that no sum of times overflows.
+constexpr long DELAY_MAX_S = 3'153'600'000;  // 100 years
+constexpr long SPEED_MAX = 1'000'000;
+
+// A task on its loop. The record comes first: its address is the handle.
+struct Task {
+    tq_thread record;
+    event wait;
+    int64_t due_ns;  // timers: monotonic; others: 0
+    long speed;      // of the loop; another thread may ask for the remaining time
+    bool ready;      // in which of the loop's two lists it is
+    Task* previous;
+    Task* next;
+};
+
+struct TaskList {
+    Task* head;
+    Task* tail;
+};
+
+struct BaseDeleter {
+    void operator()(event_base* base) const { event_base_free(base); }
+};
+
+bool is_timer(const Task* task) { return task->record.fd < 0; }
+
+void list_insert_after(TaskList* list, Task* place, Task* task) {
+    task->previous = place;
+    task->next = place == nullptr ? list->head : place->next;
+    (task->next == nullptr ? list->tail : task->next->previous) = task;
+    (place == nullptr ? list->head : place->next) = task;
+}
+
+void list_remove(TaskList* list, Task* task) {
+    (task->previous == nullptr ? list->head : task->previous->next) = task->next;
+    (task->next == nullptr ? list->tail : task->next->previous) = task->previous;
+}
+
+int64_t monotonic_ns() {
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
+    return int64_t{now.tv_sec} * NS_PER_SECOND + now.tv_nsec;
+}
+
+// Anything but a positive number means the plain clock.
+long speed_from_environment() {
+    const char* text = getenv("TQ_THREAD_SPEED");
+    if (text == nullptr) return 1;
+    char* end = nullptr;
+    const long speed = strtol(text, &end, 10);
+    if (end == text || *end != '\0' || speed < 1) return 1;
+    return speed < SPEED_MAX ? speed : SPEED_MAX;
+}
+
+Task* task_of(tq_thread* handle) { return reinterpret_cast<Task*>(handle); }
+const Task* task_of(const tq_thread* handle) { return reinterpret_cast<const Task*>(handle); }
+
+}  // namespace
+
+struct tq_thread_master {
+    std::unique_ptr<event_base, BaseDeleter> base;
+    pthread_t owner;
+    long speed;
+    TaskList waiting;
+    TaskList ready;
+    // The task fetched last. Its memory stays until the next fetch, when its
+    // callback has returned: another thread may be reading its due time.
+    std::unique_ptr<Task> fetched;
+};
+
+static_assert(offsetof(Task, record) == 0);
+
+namespace {
+
+void assert_owner([[maybe_unused]] const tq_thread_master* master) {
+    assert(pthread_equal(master->owner, pthread_self()));
+}
+
+// The queue holds only what one turn of the base found: descriptors, then the
+// timers in the order of their due times. libevent's own order of timers is
+// that of a heap, in which equals change places.
+void task_becomes_ready(evutil_socket_t, short, void* argument) {
+    auto* task = static_cast<Task*>(argument);
+    tq_thread_master* master = task->record.master;
+    list_remove(&master->waiting, task);
+    Task* place = master->ready.tail;
+    if (is_timer(task)) {
+        while (place != nullptr && is_timer(place) && place->due_ns > task->due_ns) {
+            place = place->previous;
+        }
+    }
+    list_insert_after(&master->ready, place, task);
+    task->ready = true;
+}
+
+tq_thread* task_add(tq_thread_master* master, const tq_thread& record, short what,
+                    const timeval* delay, int64_t due_ns) {
+    assert_owner(master);
+    std::unique_ptr<Task> task(new (std::nothrow) Task{});
+    if (task == nullptr) return nullptr;
+    task->record = record;
+    task->due_ns = due_ns;
+    task->speed = master->speed;
+    if (event_assign(&task->wait, master->base.get(), record.fd, what, task_becomes_ready,
+                     task.get()) != 0 ||
+        event_add(&task->wait, delay) != 0) {
+        return nullptr;
+    }
+    list_insert_after(&master->waiting, master->waiting.tail, task.get());
+    return &task.release()->record;
+}
+
+tq_thread* descriptor_add(tq_thread_master* master, tq_thread_func func, void* arg, int fd,
+                          const char* name, short what) {
+    if (master == nullptr || func == nullptr || fd < 0) return nullptr;
+    return task_add(master, {master, func, arg, fd, name == nullptr ? "" : name}, what, nullptr, 0);
+}
+
+void list_clear(TaskList* list) {
+    while (list->head != nullptr) {
+        const std::unique_ptr<Task> task(list->head);
+        list_remove(list, task.get());
+        (void)event_del(&task->wait);  // fails only for an event that was never set up
+    }
+}
+
+}  // namespace
+
+tq_thread_master* tq_thread_master_create() {
+    std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
+                                                                       event_config_free);
+    // The coarse clock that libevent prefers would fire timers early by a tick.
+    if (config == nullptr ||
+        event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER) != 0) {
+        return nullptr;
+    }
+    std::unique_ptr<tq_thread_master> master(new (std::nothrow) tq_thread_master{});
+    if (master == nullptr) return nullptr;
+    master->base.reset(event_base_new_with_config(config.get()));
+    if (master->base == nullptr) return nullptr;
+    master->owner = pthread_self();
+    master->speed = speed_from_environment();
+    return master.release();
+}
+
+void tq_thread_master_finish(tq_thread_master* master) {
+    if (master == nullptr) return;
+    const std::unique_ptr<tq_thread_master> owned(master);
+    list_clear(&master->waiting);
+    list_clear(&master->ready);
+}
+
+tq_thread* tq_thread_add_read_withname(tq_thread_master* master, tq_thread_func func, void* arg,
+                                       int fd, const char* name) {
+    return descriptor_add(master, func, arg, fd, name, EV_READ);
+}
+
+tq_thread* tq_thread_add_write_withname(tq_thread_master* master, tq_thread_func func, void* arg,
+                                        int fd, const char* name) {
+    return descriptor_add(master, func, arg, fd, name, EV_WRITE);
+}
+
+tq_thread* tq_thread_add_timer(tq_thread_master* master, tq_thread_func func, void* arg,
+                               long seconds) {
+    return tq_thread_add_timer_withname(master, func, arg, seconds, nullptr);
+}
+
+// A negative delay counts as 0: a caller whose sum came out wrong keeps its
+// timer.
+tq_thread* tq_thread_add_timer_withname(tq_thread_master* master, tq_thread_func func, void* arg,
+                                        long seconds, const char* name) {
+    if (master == nullptr || func == nullptr) return nullptr;
+    const long delay_s = seconds < 0 ? 0 : (seconds < DELAY_MAX_S ? seconds : DELAY_MAX_S);
+    const int64_t delay_ns = delay_s * NS_PER_SECOND / master->speed;
+    const int64_t delay_us = (delay_ns + 999) / 1000;  // never before the due time
+    const timeval delay{delay_us / US_PER_SECOND, delay_us % US_PER_SECOND};
+    return task_add(master, {master, func, arg, -1, name == nullptr ? "" : name}, EV_TIMEOUT,
+                    &delay, monotonic_ns() + delay_ns);
+}
+
+// Null when the base fails and also when no task is left: tasks come from this
+// thread alone, so nothing could ever become ready again.
+tq_thread* tq_thread_fetch(tq_thread_master* master, tq_thread* task) {
+    assert_owner(master);
+    master->fetched.reset();
+    while (master->ready.head == nullptr) {
+        if (event_base_loop(master->base.get(), EVLOOP_ONCE) != 0) return nullptr;
+    }
+    Task* first = master->ready.head;
+    list_remove(&master->ready, first);
+    master->fetched.reset(first);
+    *task = first->record;
+    return task;
+}
+
+void tq_thread_call(tq_thread* task) { (void)task->func(task); }  // results carry no meaning here
+
+void tq_thread_cancel(tq_thread* task) {
+    if (task == nullptr) return;
+    tq_thread_master* master = task->master;
+    assert_owner(master);
+    const std::unique_ptr<Task> owned(task_of(task));
+    list_remove(owned->ready ? &master->ready : &master->waiting, owned.get());
+    (void)event_del(&owned->wait);  // fails only for an event that was never set up
+}
+
+// Rounded up, so that 0 says that the timer is due. At a higher speed these are
+// the seconds that the caller asked for, which pass faster.
+unsigned long tq_thread_timer_remain_second(const tq_thread* timer) {
+    const Task* task = task_of(timer);
+    const int64_t left_ns = task->due_ns - monotonic_ns();
+    if (left_ns <= 0) return 0;
+    return static_cast<unsigned long>((left_ns * task->speed + NS_PER_SECOND - 1) / NS_PER_SECOND);
+}
