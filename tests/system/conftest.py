@@ -1,0 +1,27 @@
+from __future__ import annotations
+
+from collections.abc import Iterator
+
+import pytest
+from lab import Device, LabServer, Scratch
+
+
+@pytest.fixture
+def scratch() -> Iterator[Scratch]:
+    made = Scratch()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def server(scratch: Scratch) -> LabServer:
+    return LabServer(scratch)
+
+
+@pytest.fixture
+def device(scratch: Scratch, server: LabServer) -> Device:
+    """A device whose daemon runs and asks the server."""
+    made = Device(scratch)
+    made.start()
+    made.use(server)
+    return made

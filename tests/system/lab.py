@@ -1,0 +1,432 @@
+"""Verbs of the whole-system tests: a lab update server, a device with its
+daemon, and apps that register with it. All of them real processes and sockets,
+except that an app is played by this process so that it can misbehave.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import urllib.request
+import xml.etree.ElementTree as ET
+from collections.abc import Callable
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any, TypeVar
+
+SOURCE_DIR = Path(__file__).resolve().parents[2]
+BIN_DIR = Path(os.environ.get("HTTP_CLIENT_BIN", SOURCE_DIR / "build/release/bin"))
+# A machine busy with other tests and a sanitizer is slow; a failure may be late.
+DEADLINE = 60.0
+T = TypeVar("T")
+
+ONE_FILE, MANUAL, INCREMENTAL, BUSY = 1, 2, 4, 8
+SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
+
+
+def wait_for(condition: Callable[[], T], what: str = "", deadline: float = DEADLINE) -> T:
+    """The first true value of condition; fails when none comes in time."""
+    end = time.monotonic() + deadline
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {deadline:.0f} s in vain {what or condition}")
+        time.sleep(0.02)
+
+
+def content(name: str, size: int) -> bytes:
+    """Bytes that look random and are the same for the same name."""
+    return random.Random(name).randbytes(size)
+
+
+class Scratch:
+    """Everything of one test: its folder and what has to be ended after it."""
+
+    def __init__(self) -> None:
+        # Short: prefixes are cut at 31 characters and socket paths at 107.
+        self.root = Path(tempfile.mkdtemp(prefix="hc", dir="/tmp"))
+        self.ended_last: list[Callable[[], None]] = []
+        self.reports: list[str] = []
+
+    def spawn(self, name: str, command: list[str | Path], **more: Any) -> subprocess.Popen[str]:
+        with (self.root / f"{name}.out").open("w") as out, (
+                self.root / f"{name}.err").open("w") as err:
+            process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=out, stderr=err, text=True, **more)
+        self.ended_last.append(lambda: self.end(process))
+        return process
+
+    @staticmethod
+    def end(process: subprocess.Popen[str], how: int = signal.SIGKILL) -> None:
+        if process.poll() is None:
+            process.send_signal(how)
+        process.wait()
+
+    def output(self, name: str) -> str:
+        return (self.root / f"{name}.out").read_text(errors="replace")
+
+    def close(self) -> None:
+        for end in reversed(self.ended_last):
+            end()
+        for path in sorted(self.root.glob("*.err")):
+            text = path.read_text(errors="replace")
+            if SANITIZER_REPORT.search(text):
+                self.reports.append(f"{path.name}:\n{text}")
+        shutil.rmtree(self.root)
+        assert not self.reports, "\n".join(self.reports)
+
+
+class LabServer:
+    """The lab update server on a folder of releases of its own."""
+
+    count = 0
+
+    def __init__(self, scratch: Scratch) -> None:
+        LabServer.count += 1
+        self.name = f"server{LabServer.count}"
+        self.folder = scratch.root / self.name
+        self.folder.mkdir()
+        program = SOURCE_DIR / "tools/lab_server/lab_server"
+        self.process = scratch.spawn(
+            self.name, ["/usr/bin/python3", program, "--port", "0", self.folder])
+        line = wait_for(lambda: re.search(r"http://([\d.]+):(\d+)/", scratch.output(self.name)),
+                        "for the lab server")
+        self.host, self.port = line[1], int(line[2])
+        self.lines: Callable[[], str] = lambda: scratch.output(self.name)
+
+    def release(self, app: str, version: str, files: dict[str, int | bytes],
+                **described: Any) -> dict[str, bytes]:
+        """Puts a release on the server; a number makes that many bytes."""
+        folder = self.folder / app / version
+        folder.mkdir(parents=True)
+        made = {name: what if isinstance(what, bytes) else content(app + version + name, what)
+                for name, what in files.items()}
+        for name, data in made.items():
+            (folder / name).write_bytes(data)
+        if described:
+            (folder / ".release.json").write_text(json.dumps(described))
+        return made
+
+    def lab(self, what: str, method: str = "GET", body: Any = None) -> Any:
+        data = None if body is None else json.dumps(body).encode()
+        url = f"http://{self.host}:{self.port}/lab/{what}"
+        request = urllib.request.Request(url, data=data, method=method)
+        with urllib.request.urlopen(request, timeout=10) as reply:
+            return json.loads(reply.read() or b"null")
+
+    def fault(self, **rule: Any) -> None:
+        self.lab("rules", "POST", rule)
+
+    def heal(self) -> None:
+        self.lab("rules", "DELETE")
+
+    def requests(self, pattern: str = "") -> list[dict[str, Any]]:
+        return [r for r in self.lab("requests")
+                if re.search(pattern, f"{r['method']} {r['path']}")]
+
+    def queries(self) -> list[dict[str, Any]]:
+        return self.requests("^POST")
+
+    def fetched(self) -> list[str]:
+        """Names of the files asked for, in order."""
+        return [r["path"].rsplit("/", 1)[1] for r in self.requests("^GET /files/")]
+
+    def wait_stalled(self, pattern: str, sent: int) -> None:
+        wait_for(lambda: any(r["sent"] >= sent and not r["done"] for r in self.requests(pattern)),
+                 f"for {pattern} to stall")
+
+
+@dataclass
+class UpdateRequest:
+    app: str
+    files: list[str]
+    records: dict[str, str] = field(default_factory=dict)
+
+    @classmethod
+    def parse(cls, payload: bytes) -> UpdateRequest:
+        name, count, rest = struct.unpack_from("32sHH", payload)
+        assert rest == len(payload) - 36 and payload.endswith(bytes(4))
+        at, files, records = 36, [], {}
+        for _ in range(count):
+            length = payload[at] or 256
+            files.append(payload[at + 1:at + length].decode())
+            at += length + 1
+        while at < len(payload) - 4:
+            name_length, text_length = struct.unpack_from("HH", payload, at)
+            at += 4
+            key = payload[at:at + name_length - 1].decode()
+            records[key] = payload[at + name_length:at + name_length + text_length - 1].decode()
+            at += name_length + text_length
+        return cls(name.rstrip(b"\0").decode(), files, records)
+
+
+# An app's answer to an update request: (result, text), or None to stay silent.
+Answer = Callable[["App", UpdateRequest], tuple[int, str] | None]
+
+
+def install(app: App, request: UpdateRequest) -> tuple[int, str]:
+    return 0, request.records["version"]
+
+
+class App:
+    """One registration connection with one app or more on it."""
+
+    REGIST, REGIST_RSP, UPDATE_REQ, UPDATE_RSP, VERSION, DEREGIST, MODE, SAVEPATH = (
+        1, 2, 3, 4, 5, 6, 7, 9)
+
+    def __init__(self, socket_path: Path, answer: Answer = install) -> None:
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.connect(str(socket_path))
+        self.answer = answer
+        self.registered: dict[str, int] = {}
+        self.requests: list[UpdateRequest] = []
+        self.hung_up = threading.Event()
+        threading.Thread(target=self._listen, daemon=True).start()
+
+    def register(self, name: str, version: str, save: str | Path = "", flags: int = 0) -> int:
+        self.registered.pop(name, None)
+        self.send(self.REGIST, struct.pack("I32s32s128s", flags, name.encode(), version.encode(),
+                                           str(save).encode()))
+        wait_for(lambda: name in self.registered or self.hung_up.is_set(), f"to register {name}")
+        return self.registered.get(name, -1)
+
+    def send(self, kind: int, payload: bytes) -> None:
+        self.socket.sendall(struct.pack("HHH6x", 1, kind, len(payload)) + payload)
+
+    def reply(self, name: str, result: int, text: str = "") -> None:
+        self.send(self.UPDATE_RSP, struct.pack("i32s32s", result, name.encode(), text.encode()))
+
+    def set_mode(self, name: str, manual: bool) -> None:
+        self.send(self.MODE, struct.pack("32si", name.encode(), int(manual)))
+
+    def deregister(self, name: str) -> None:
+        self.send(self.DEREGIST, name.encode() + b"\0")
+
+    def die(self) -> None:
+        self.socket.close()
+
+    def _listen(self) -> None:
+        try:
+            with self.socket.makefile("rb") as stream:
+                while len(header := stream.read(12)) == 12:
+                    _, kind, length = struct.unpack("HHH6x", header)
+                    self._receive(kind, stream.read(length))
+        except (OSError, ValueError):
+            pass  # the test closed its own side
+        self.hung_up.set()
+
+    def _receive(self, kind: int, payload: bytes) -> None:
+        if kind == self.REGIST_RSP:
+            result, name = struct.unpack("i32s", payload)
+            self.registered[name.rstrip(b"\0").decode()] = result
+        elif kind == self.UPDATE_REQ:
+            request = UpdateRequest.parse(payload)
+            answer = self.answer(self, request)
+            self.requests.append(request)
+            if answer is not None:
+                self.reply(request.app, *answer)
+
+
+class Command:
+    """http_client_cli at work."""
+
+    def __init__(self, process: subprocess.Popen[str], output: Callable[[], str]) -> None:
+        self.process = process
+        self.output = output
+
+    def wait_output(self, text: str) -> None:
+        wait_for(lambda: text in self.output(), f"for {text!r}")
+
+    def interrupt(self) -> None:
+        self.process.send_signal(signal.SIGINT)
+
+    def finish(self, status: int = 0) -> str:
+        code = self.process.wait(DEADLINE)
+        assert code == status, f"exit status {code}: {self.output()}"
+        return self.output()
+
+
+class Device:
+    """A device: its directories and device files, the daemon, its operator."""
+
+    def __init__(self, scratch: Scratch) -> None:
+        self.scratch = scratch
+        self.root = scratch.root
+        self.tmp, self.data, self.files = (self.root / n for n in ("t", "d", "r"))
+        self.work = self.tmp / "oam/http_client"
+        self.resume_file = self.data / "oam/http_client/http_recode.txt"
+        self.syslog_file = self.root / "syslog"
+        self.clock = ClockShift(self.root / "clock")
+        self.daemon: subprocess.Popen[str] | None = None
+        self.commands = 0
+        self.starts = 0
+        self.apps: list[App] = []
+        for path in (self.tmp, self.data, self.files / "proc/setmac",
+                     self.files / "etc/http_client"):
+            path.mkdir(parents=True)
+        for path, text in {"proc/setmac/SerialNO": "SN0001", "proc/setmac/projectid": "EG3210",
+                           "proc/macaddr": "00:11:22:33:44:55\n",
+                           "etc/http_client/device.conf":
+                           "os_name=LAB\nproject=_EG3210\nrelease_type=Release\n"
+                           "release=1.0\nhw_version=1.00\n"}.items():
+            (self.files / path).write_text(text)
+        scratch.ended_last.append(self.close)
+
+    # ---- the daemon ----
+
+    def environment(self, **more: str) -> dict[str, str]:
+        return {"PATH": os.environ["PATH"], "TZ": "UTC", "TMPDIR": str(self.tmp),
+                "DATA_VEMO_DIR": str(self.data), "HTTP_CLIENT_DEVICE_ROOT": str(self.files),
+                "PRINTK_SYSLOG_FILE": str(self.syslog_file),
+                # Nothing of a test may ask a real name server.
+                "DNS_CLIENT_SERVERS": "127.0.0.1:9",
+                "ASAN_OPTIONS": "verify_asan_link_order=0", **more}
+
+    def start(self, *options: str, speed: int = 1, **environment: str) -> None:
+        self.starts += 1
+        more = dict(environment, TQ_THREAD_SPEED=str(speed))
+        if self.clock.used:
+            more |= self.clock.environment()
+        self.daemon = self.scratch.spawn(
+            f"daemon{self.starts}", [BIN_DIR / "http_client.elf", *options],
+            env=self.environment(**more), cwd=self.root)
+        wait_for(self.ready, "for the daemon to be ready")
+
+    def ready(self) -> bool:
+        assert self.daemon is not None and self.daemon.poll() is None, "the daemon has ended: " + (
+            self.root / f"daemon{self.starts}.err").read_text()
+        for name in (".http_update", ".http_client_cli"):
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+                if probe.connect_ex(str(self.work / name)) != 0:
+                    return False
+        return True
+
+    def kill(self) -> None:
+        """Ends the daemon as a power cut would."""
+        assert self.daemon is not None and self.daemon.poll() is None, "the daemon had ended"
+        self.daemon.kill()
+        self.daemon.wait()
+        self.daemon = None
+
+    def close(self) -> None:
+        for app in self.apps:
+            app.die()
+        ended = None if self.daemon is None else self.daemon.poll()
+        if ended is not None:
+            self.scratch.reports.append(f"the daemon ended by itself, status {ended}")
+
+    # ---- its apps ----
+
+    def connect(self, answer: Answer = install) -> App:
+        app = App(self.work / ".http_update", answer)
+        self.apps.append(app)
+        return app
+
+    def app(self, name: str, version: str = "1.0", flags: int = 0, save: str | Path | None = None,
+            answer: Answer = install) -> App:
+        """Registers an app on a connection of its own, saving to a folder of its own."""
+        app = self.connect(answer)
+        assert app.register(name, version, self.saved(name) if save is None else save, flags) == 0
+        return app
+
+    def saved(self, app: str) -> str:
+        return f"{self.root}/apps/{app}/"
+
+    def disk(self, app: str) -> dict[str, bytes]:
+        """The files in an app's folder."""
+        return {p.name: p.read_bytes() for p in sorted(Path(self.saved(app)).glob("*"))}
+
+    # ---- its operator ----
+
+    def begin(self, *commands: str, options: tuple[str, ...] = ()) -> Command:
+        self.commands += 1
+        name = f"cli{self.commands}"
+        words = [word for command in commands for word in ("-c", command)]
+        process = self.scratch.spawn(name, [BIN_DIR / "http_client_cli", *options, *words],
+                                     env=self.environment(), start_new_session=True)
+        return Command(process, lambda: self.scratch.output(name))
+
+    def cli(self, *commands: str, status: int = 0, options: tuple[str, ...] = ()) -> str:
+        return self.begin(*commands, options=options).finish(status)
+
+    def errors(self) -> str:
+        """Standard error of the last command."""
+        return (self.root / f"cli{self.commands}.err").read_text()
+
+    def configure(self, *lines: str, second: bool = False) -> str:
+        return self.cli("configure", *lines, "end", options=("--second-list",) if second else ())
+
+    def use(self, *servers: LabServer, second: bool = False) -> None:
+        lines = [f"http update server {s.host} port {s.port}" for s in servers]
+        assert self.configure(*lines, second=second) == ""
+
+    def versions(self) -> dict[str, str]:
+        rows = self.cli("show http-update info version").splitlines()[2:]
+        return {row.split()[1]: row.split()[2] for row in rows}
+
+    # ---- what it leaves behind ----
+
+    def syslog(self) -> str:
+        return self.syslog_file.read_text() if self.syslog_file.exists() else ""
+
+    def dump(self) -> str:
+        return (self.work / ".http_reg_server_dump").read_text()
+
+    def wait_log(self, text: str, count: int = 1) -> None:
+        wait_for(lambda: self.syslog().count(text) >= count, f"for {text!r} in the log")
+
+    def resume(self) -> dict[str, list[str]]:
+        """The resume file: app to file paths, in order; empty when there is none."""
+        if not self.resume_file.exists():
+            return {}
+        return {app.get("name", ""): [f.get("name", "") for f in app.findall("file")]
+                for app in ET.parse(self.resume_file).getroot()}
+
+
+class ClockShift:
+    """Both clocks of the daemon, put forward or back while it runs.
+
+    A preloaded library (clock_shift.cpp) adds the seconds in a small shared
+    file to what the daemon reads.
+    """
+
+    def __init__(self, path: Path) -> None:
+        self.path = path
+        self.used = False
+        self.set(wall=0, monotonic=0)
+
+    def set(self, wall: int, monotonic: int) -> None:
+        self.wall, self.monotonic = wall, monotonic
+        with self.path.open("r+b" if self.path.exists() else "w+b") as file:
+            file.write(struct.pack("qq", wall, monotonic))
+
+    def pass_time(self, seconds: int) -> None:
+        self.set(self.wall + seconds, self.monotonic + seconds)
+
+    def now(self) -> time.struct_time:
+        return time.gmtime(time.time() + self.wall)
+
+    def environment(self) -> dict[str, str]:
+        return {"LD_PRELOAD": str(BIN_DIR.parent / "lib/libclock_shift.so"),
+                "CLOCK_SHIFT_FILE": str(self.path)}
+
+
+def private_mounts() -> bool:
+    """Gives this process mounts of its own, which go away with it; false if refused."""
+    new_mounts = 0x00020000
+    if ctypes.CDLL(None, use_errno=True).unshare(new_mounts) != 0:
+        return False
+    return subprocess.run(["mount", "--make-rprivate", "/"], check=False).returncode == 0
