@@ -1,0 +1,46 @@
+#include "http/status.h"
+
+// The texts are what operators' scripts know, odd spellings included.
+static constexpr const char* STATUS_TEXTS[] = {
+    "Notice the business module to upgrade successfully.",
+    "No bussiness modules registration.",
+    "The bussiness modules haven't registered.",
+    "There are business modules in the upgrading, please wait for a moment.",
+    "Communicate with the server failed.",
+    "Communicate with the server failed.",
+    "Communicate with the server failed.",
+    "Out of memory, application memory failure.",
+    "The server response message format is wrong.",
+    "Suspend, some business modules are upgrading or haven't registered release.",
+    "All the bussiness modules are the latest versions.",
+    "haven't started to download.",
+    "Downloading.",
+    "The user cancels the upgrade process",
+    "Not enough flash.",
+    "Download failed.",
+    "Notice failed the business module to upgrade.",
+};
+static constexpr UpdateStatus STATUS_COUNT = sizeof(STATUS_TEXTS) / sizeof(STATUS_TEXTS[0]);
+static_assert(STATUS_COUNT == UPDATE_NOTIFY_FAIL + 1);
+
+const char* update_status_str(UpdateStatus code) {
+    return code < STATUS_COUNT ? STATUS_TEXTS[code] : "Unknown error.";
+}
+
+const char* update_status_prefix(UpdateStatus code) {
+    return code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE ? "%warning: " : "%notice: ";
+}
+
+bool app_set_is_empty(const AppSet& set) {
+    for (const uint64_t word : set.words) {
+        if (word != 0) return false;
+    }
+    return true;
+}
+
+void app_set_and(const AppSet* first, const AppSet* second, AppSet* result) {
+    if (first == nullptr || second == nullptr || result == nullptr) return;
+    for (size_t i = 0; i < APP_SET_WORDS; i++) {
+        result->words[i] = first->words[i] & second->words[i];
+    }
+}
