@@ -1,0 +1,35 @@
+// The retries: a one-shot timer on the admin loop starts a resume run of the
+// listed apps and arms itself again while there are any. A budget of retries
+// gives up the entry at the front of the list when it is used up.
+// Threads: as each call says.
+#pragma once
+
+#include "frame/platform/tq_thread.h"
+#include "frame/sync.h"
+#include "resume/resume_list.h"
+#include "update/update_run.h"
+
+// Delay before the first resume run after the admin thread's start, in seconds.
+constexpr int RESUME_START_DELAY_S = 1800;
+
+// Handle of the pending timer, or null. Written on the admin thread; cleared
+// under the lock as its callback starts, so that who reads it under the lock may
+// query it.
+extern tq_thread* resume_timer GUARDED_BY(resume_lock);
+
+// A delay drawn at random, 1800 to 7200 seconds. Any thread.
+[[nodiscard]] int resume_delay();
+
+// Arms the timer, unless it is pending already (it then stays as it is) or the
+// list is empty (which refills the budget). Admin thread.
+void resume_timer_add(int seconds);
+
+// The timer: one resume run. Admin thread.
+int resume_timer_proc(tq_thread* task);
+
+// UpdateReportFn of resume runs.
+void resume_report(const AppSet& requested, uint32_t kind, const char* host, UpdateStatus status);
+
+// The report of the list: to the operator's terminal when output is 1, to
+// technical support when it is 0. Main thread.
+void resume_show(int output);
