@@ -1,0 +1,141 @@
+// Handlers of the messages that apps send. An app is addressed by its name,
+// whichever connection registered it: only registration and deregistration look
+// at the connection.
+
+#include "registry/reg_messages.h"
+
+#include <cstring>
+#include <string_view>
+
+#include "frame/log.h"
+#include "frame/platform/http_update.h"
+#include "frame/text.h"
+
+namespace {
+
+// A longer name could not be registered, and a log line takes no more.
+constexpr size_t LOGGED_NAME_SIZE = 1024;
+
+// Names are registered cut to their first 31 characters, so a field without a
+// terminator means the app of that cut name.
+std::string_view name_view(const char (&field)[APP_NAME_SIZE]) {
+    return text_view(field).substr(0, APP_NAME_SIZE - 1);
+}
+
+// Copies a payload of exactly the message's size; false for any other size. The
+// copy also gives the fields their alignment.
+template <typename Message>
+bool message_read(std::span<const uint8_t> payload, Message* message) {
+    if (payload.size() != sizeof *message) return false;
+    memcpy(message, payload.data(), sizeof *message);
+    return true;
+}
+
+template <typename Message>
+bool message_read_logged(std::span<const uint8_t> payload, Message* message) {
+    if (message_read(payload, message)) return true;
+    http_client_debug_dump("pkt length %d is not equal %d", static_cast<int>(payload.size()),
+                           static_cast<int>(sizeof *message));
+    return false;
+}
+
+int regist_handle(int sock, std::span<const uint8_t> payload) {
+    RegistMessage message{};
+    // An app whose idea of the message differs would wait for its answer for ever.
+    if (!message_read_logged(payload, &message)) return -1;
+
+    const std::string_view name = name_view(message.name);
+    RegistReply reply{};
+    (void)text_copy(reply.name, name);
+    reply.result = reg_app_add(sock, name, text_view(message.version), message.flags);
+    const std::string_view save_path = text_view(message.save_path);
+    if (reply.result == REG_OK && !save_path.empty() &&
+        reg_app_set_savepath(name, save_path) != 0) {
+        reply.result = REG_TABLE_FULL;
+    }
+    if (http_update_reg_send_normal(sock, HTTP_MSG_TYPE_REGIST_RSP, &reply, sizeof reply) < 0) {
+        http_client_debug_dump("send HTTP_MSG_TYPE_REGIST_RSP fail");
+        return -1;
+    }
+    return 0;
+}
+
+int update_result_handle(int, std::span<const uint8_t> payload) {
+    UpdateResultMessage message{};
+    if (message_read(payload, &message)) {
+        reg_app_update_result(name_view(message.name), text_view(message.text), message.result);
+    } else {
+        http_client_debug_dump("invalid packet in update-result");
+    }
+    return 0;
+}
+
+int version_handle(int, std::span<const uint8_t> payload) {
+    VersionMessage message{};
+    if (message_read_logged(payload, &message)) {
+        reg_app_set_version(name_view(message.name), text_view(message.version));
+    }
+    return 0;
+}
+
+int deregist_handle(int sock, std::span<const uint8_t> payload) {
+    char name[LOGGED_NAME_SIZE];
+    (void)text_copy(name, {reinterpret_cast<const char*>(payload.data()), payload.size()});
+    if (reg_app_del_by_name(name) == 0) {
+        http_client_debug_dump("[%d]<-->deregist [%s] success", sock, name);
+    } else {
+        http_client_debug_dump("[%d]<-->deregist [%s] invalid", sock, name);
+    }
+    if (reg_app_fd_in_use(sock)) return 0;
+    http_client_debug_dump("[%d]<-->deregist all and disconnect", sock);
+    return -1;
+}
+
+int mode_handle(int, std::span<const uint8_t> payload) {
+    ModeMessage message{};
+    if (message_read(payload, &message)) {
+        reg_app_set_mode(name_view(message.name), message.mode);
+    } else {
+        http_client_debug_dump("len %d is not equal %d", static_cast<int>(payload.size()),
+                               static_cast<int>(sizeof message));
+    }
+    return 0;
+}
+
+int save_path_handle(int, std::span<const uint8_t> payload) {
+    SavePathMessage message{};
+    if (message_read_logged(payload, &message)) {
+        // An app that is not registered is ignored: this message has no answer.
+        (void)reg_app_set_savepath(name_view(message.name), text_view(message.save_path));
+    }
+    return 0;
+}
+
+using MessageHandler = int (*)(int sock, std::span<const uint8_t> payload);
+
+// By type; null where apps send nothing.
+constexpr MessageHandler HANDLERS[HTTP_MSG_TYPE_MAX] = {
+    nullptr,        regist_handle,   nullptr,     nullptr, update_result_handle,
+    version_handle, deregist_handle, mode_handle, nullptr, save_path_handle,
+};
+
+}  // namespace
+
+int reg_msg_dispatch(int sock, uint16_t type, std::span<const uint8_t> payload) {
+    if (type == 0 || type >= HTTP_MSG_TYPE_MAX) {
+        http_client_debug_dump("type >= HTTP_MSG_TYPE_MAX");
+        return 0;
+    }
+    const MessageHandler handler = HANDLERS[type];
+    if (handler == nullptr) {
+        http_client_debug_dump("[%d]<-->deal invalid type %d", sock, type);
+        return 0;
+    }
+    const int result = handler(sock, payload);
+    if (result < 0) {
+        http_client_debug_dump("[%d]<-->type execute fail", sock);
+    } else {
+        http_client_debug_dump("[%d]<-->deal type %d success", sock, type);
+    }
+    return result;
+}
