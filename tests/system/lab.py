@@ -369,9 +369,14 @@ class Device:
     def configure(self, *lines: str, second: bool = False) -> str:
         return self.cli("configure", *lines, "end", options=("--second-list",) if second else ())
 
-    def use(self, *servers: LabServer, second: bool = False) -> None:
-        lines = [f"http update server {s.host} port {s.port}" for s in servers]
-        assert self.configure(*lines, second=second) == ""
+    def use(self, server: LabServer) -> None:
+        """Asks this server; the daily run is half a day away."""
+        assert self.configure(f"http update server {server.host} port {server.port}") == ""
+        self.daily_in(minutes=720)
+
+    def daily_in(self, minutes: int) -> None:
+        then = time.gmtime(time.time() + self.clock.wall + minutes * 60)
+        self.configure(time.strftime("http update time daily %H:%M", then))
 
     def versions(self) -> dict[str, str]:
         rows = self.cli("show http-update info version").splitlines()[2:]

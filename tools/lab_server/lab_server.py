@@ -157,7 +157,7 @@ class Handler(BaseHTTPRequestHandler):
         return Answer(200, reply_xml(newer, base, dead), {"Content-Type": "text/xml"})
 
     def file_reply(self, rule: Rule) -> Answer:
-        path = self.server.releases.file(self.path)
+        path = self.server.releases.file(self.path.split("?")[0])
         if path is None:
             return Answer(404, b"no such file\n")
         file = path.open("rb")

@@ -1,0 +1,80 @@
+"""The daemon loses its power, its disk or its single place, and goes on."""
+
+import re
+import subprocess
+
+import pytest
+from lab import BIN_DIR, Device, LabServer, Scratch, private_mounts, wait_for
+
+
+def test_kill_in_the_middle_of_a_download(device: Device, server: LabServer) -> None:
+    made = server.release("alpha", "2.0", {"a.bin": 1000, "b.bin": 2_000_000})
+    device.app("alpha")
+    server.fault(path="*/b.bin", stall_after=1_000_000)
+    update = device.begin("http update all")
+    server.wait_stalled("b.bin", 1_000_000)
+    device.kill()
+    update.process.wait(30)
+    assert update.process.returncode == 2, "the operator is told"
+    server.heal()
+
+    device.start()
+    device.use(server)
+    assert device.versions() == {} and "state: free" in device.cli("http update display-progress")
+    app = device.app("alpha")
+    assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
+    assert device.disk("alpha") == made, "nothing of the torn file is left in it"
+    wait_for(lambda: app.requests)
+
+
+def test_second_instance_leaves_the_first_alone(device: Device) -> None:
+    lock = (device.work / "http_client.running").read_bytes()
+    assert lock == f"{device.daemon.pid}\0".encode()
+    second = subprocess.run([BIN_DIR / "http_client.elf"], env=device.environment(), timeout=30,
+                            capture_output=True, check=False)
+    assert second.returncode == 0
+    assert "only instance is running [" in device.dump()
+    assert (device.work / "http_client.running").read_bytes() == lock
+    assert device.versions() == {}
+
+
+def test_command_line(scratch: Scratch) -> None:
+    device = Device(scratch)
+    for options in (["-dx"], ["word"], ["-d", "a"]):
+        wrong = subprocess.run([BIN_DIR / "http_client.elf", *options], text=True, timeout=30,
+                               env=device.environment(), capture_output=True, check=False)
+        assert wrong.returncode == 1 and wrong.stdout.startswith("Error: invalid option")
+    device.start("-dai")
+    assert device.cli("show debugging").startswith("http-client debugging status:\r\n"
+                                                   "  http-client info debugging is on\r\n")
+    line = device.dump().splitlines()[0]
+    assert re.match(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %d:\S" % device.daemon.pid, line)
+
+
+@pytest.fixture
+def small_disk(scratch: Scratch) -> str:
+    """A 64 KiB file system that only this process and its children see."""
+    if not private_mounts():
+        pytest.skip("mounting is not permitted here")
+    disk = scratch.root / "disk"
+    disk.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", disk], check=True)
+    scratch.ended_last.insert(0, lambda: subprocess.run(["umount", "-l", disk], check=True))
+    return f"{disk}/"
+
+
+def test_full_disk(small_disk: str, device: Device, server: LabServer) -> None:
+    made = server.release("alpha", "2.0", {"a.bin": 20_000, "b.bin": 100_000})
+    alpha = device.app("alpha", save=small_disk)
+    full = "Update module with server 127.0.0.1:\r\nalpha: Not enough flash.\n"
+    assert device.cli("http update all").endswith(full)
+    # The same when the length is not known beforehand.
+    server.fault(path="*/b.bin", content_length=-1)
+    assert device.cli("http update all").endswith(full)
+    server.heal()
+    on_disk = subprocess.run(["ls", "-A", small_disk], capture_output=True, check=True).stdout
+    assert on_disk == b"" and alpha.requests == []
+    subprocess.run(["mount", "-o", "remount,size=1m", small_disk], check=True)
+    assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
+    with open(small_disk + "b.bin", "rb") as file:
+        assert file.read() == made["b.bin"]

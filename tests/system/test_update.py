@@ -1,0 +1,177 @@
+"""The main job: apps register, an operator updates them, they have their new files."""
+
+import re
+
+import pytest
+from lab import INCREMENTAL, MANUAL, ONE_FILE, Device, LabServer, Scratch, wait_for
+
+WAIT = "Downloading updated files, please wait...\n"
+QUIT = "Press Ctrl+C to quit\n"
+
+
+def with_server(body: str) -> str:
+    return f"{WAIT}{QUIT}Update module with server 127.0.0.1:\r\n{body}"
+
+
+def test_all_apps_get_their_files_and_answer(device: Device, server: LabServer) -> None:
+    alpha_files = server.release("alpha", "2.0", {"a.bin": 300_000, "b.txt": b"", "c.cfg": 1})
+    beta_files = server.release("beta", "1.1", {"image": 5_000_000})
+    server.release("gamma", "3.0", {"g": 10})
+    alpha, beta, gamma = device.app("alpha"), device.app("beta"), device.app("gamma", "3.0")
+
+    table = device.cli("http check-version")
+    assert table == (
+        "Business modules need to be updated: alpha, beta.\n"
+        "    app-name           version          filename\n"
+        "--------------- -------------------- ------------------------\n"
+        "alpha           2.0                  a.bin                    \n"
+        "alpha           2.0                  b.txt                    \n"
+        "alpha           2.0                  c.cfg                    \n"
+        "beta            1.1                  image                    \n")
+    assert device.disk("alpha") == {}, "a check downloads nothing"
+
+    assert device.cli("http update all") == with_server(
+        "alpha, beta: download and notify successfully.\n")
+    assert device.disk("alpha") == alpha_files
+    assert device.disk("beta") == beta_files
+    wait_for(lambda: device.versions() == {"alpha": "2.0", "beta": "1.1", "gamma": "3.0"})
+    assert [r.files for r in alpha.requests] == [
+        [device.saved("alpha") + name for name in ("a.bin", "b.txt", "c.cfg")]]
+    assert alpha.requests[0].records == {"version": "2.0", "filecnt": "3"}
+    assert len(beta.requests) == 1 and gamma.requests == []
+
+    assert device.cli("http update all") == (
+        "Update module with server 127.0.0.1:\r\n"
+        "%notice: All the bussiness modules are the latest versions.\n")
+    query = server.queries()[-1]
+    assert query["apps"] == {"alpha": "2.0", "beta": "1.1", "gamma": "3.0"}
+    assert query["device"]["sn"] == "SN0001" and query["device"]["localIp"] == "127.0.0.1"
+
+
+def test_only_the_named_apps_are_asked_about(device: Device, server: LabServer) -> None:
+    for name in ("alpha", "beta", "gamma"):
+        server.release(name, "2.0", {f"{name}.bin": 1000})
+        device.app(name)
+    assert device.cli("http update beta gamma nobody") == with_server(
+        "beta, gamma: download and notify successfully.\n")
+    assert device.disk("alpha") == {}
+    assert server.queries()[0]["apps"] == {"beta": "1.0", "gamma": "1.0"}
+    unregistered = "%notice: The bussiness modules haven't registered.\n"
+    assert device.cli("http update nobody") == unregistered
+    assert device.cli("http update " + "x" * 32 + " alpha") == unregistered
+
+
+def test_nobody_to_update(device: Device) -> None:
+    nobody = "%notice: No bussiness modules registration.\n"
+    for command in ("http update all", "http background-update all", "http check-version"):
+        assert device.cli(command) == nobody
+
+
+def test_one_file_manual_and_incremental_apps(device: Device, server: LabServer) -> None:
+    for name in ("single", "manual", "increment"):
+        server.release(name, "2.0", {"1": 100, "2": 100, "3": 100})
+    single = device.app("single", flags=ONE_FILE)
+    manual = device.app("manual", flags=MANUAL)
+    increment = device.app("increment", flags=INCREMENTAL)
+    assert device.cli("http update all") == with_server(
+        "single, manual, increment: download and notify successfully.\n")
+    assert [len(app.requests[0].files) for app in (single, manual, increment)] == [1, 3, 3]
+    assert list(device.disk("single")) == ["1"]
+
+
+def test_save_path_comes_from_the_reply_when_the_app_has_none(
+        device: Device, server: LabServer) -> None:
+    folder = f"{device.root}/given/here/"
+    made = server.release("alpha", "2.0", {"a.bin": 1000}, savepath=f"\n  {folder} ")
+    server.release("beta", "2.0", {"b.bin": 1000})
+    alpha = device.app("alpha", save="")
+    device.app("beta", save="")
+    assert device.cli("http update all") == (
+        WAIT + QUIT + "Update module with server 127.0.0.1:\r\n"
+        "beta: The server response message format is wrong.\n"
+        "alpha: download and notify successfully.\n")
+    assert alpha.requests[0].files == [folder + "a.bin"]
+    assert (device.root / "given/here/a.bin").read_bytes() == made["a.bin"]
+
+
+def test_second_list_with_one_server_dead(
+        device: Device, server: LabServer, scratch: Scratch) -> None:
+    other = LabServer(scratch)
+    other.release("alpha", "2.0", {"a.bin": 1000})
+    device.configure("http update server 127.0.0.2 port 1",
+                     f"http update server {other.host} port {other.port}", second=True)
+    device.app("alpha")
+    second = ("--second-list",)
+    dead = "%notice: Communicate with the server failed.\n"
+    assert device.cli("http check-version", options=second).startswith(
+        f"Check version from server: 127.0.0.2\r\n{dead}"
+        "Check version from server: 127.0.0.1\r\nBusiness modules need to be updated: alpha.\n")
+    assert device.cli("http update all", options=second) == (
+        f"Update module with server 127.0.0.2:\r\n{dead}" + with_server(
+            "alpha: download and notify successfully.\n"))
+    assert server.requests() == [], "the first list is another list"
+    full = device.configure(*(f"http update server 127.0.0.{n}" for n in (3, 4)), second=True)
+    assert full == "% The number of update server can't exceed 3\r\n\r\n"
+
+
+def test_nine_dead_sources_before_the_tenth(device: Device, server: LabServer) -> None:
+    made = server.release("alpha", "2.0", {"a.bin": 1000})
+    app = device.app("alpha")
+    server.fault(method="POST", dead_sources=10, times=1)
+    assert "alpha: Download failed.\n" in device.cli("http update all")
+    assert device.disk("alpha") == {} and app.requests == []
+    server.fault(method="POST", dead_sources=9, times=1)
+    assert "alpha: download and notify successfully.\n" in device.cli("http update all")
+    assert device.disk("alpha") == made
+
+
+def test_background_update_and_a_second_run_refused(device: Device, server: LabServer) -> None:
+    made = server.release("alpha", "2.0", {"a.bin": 200_000})
+    app = device.app("alpha")
+    server.fault(path="/files/*", stall_after=100_000)
+    assert device.cli("http background-update alpha") == "Successfully into the background.\n"
+    server.wait_stalled("a.bin", 100_000)
+
+    busy = ("%notice: There are business modules in the upgrading, "
+            "please wait for a moment.\n")
+    for command in ("http update all", "http background-update all"):
+        assert device.cli(command) == busy
+    wait_for(lambda: "down_size: 100000\n" in device.cli("http update display-progress"))
+    assert device.cli("http update display-progress") == (
+        "state: running\nupdate-app: alpha.\ncurrent-app: alpha\nfile_num: 1\ndown_num: 0\n"
+        f"cur_file: {device.saved('alpha')}a.bin\nfile_size: 200000\ndown_size: 100000\n"
+        "----------------------------------\nupdated-result:\nalpha: Downloading.\r\n")
+    assert "alpha           2.0" in device.cli("http check-version"), "a check goes beside a run"
+
+    server.heal()
+    wait_for(lambda: app.requests)
+    assert device.disk("alpha") == made
+    wait_for(lambda: "state: free\n" in device.cli("http update display-progress"))
+    assert device.cli("http update display-progress").endswith(
+        "updated-result:\nalpha: Notice the business module to upgrade successfully.\r\n")
+
+
+@pytest.mark.parametrize("leaves", [False, True], ids=["ctrl-c", "terminal-goes-away"])
+def test_cancel_in_the_middle_of_a_large_file(
+        device: Device, server: LabServer, leaves: bool) -> None:
+    server.release("alpha", "2.0", {"a.bin": 100, "b.bin": 20_000_000, "c.bin": 100})
+    server.release("beta", "2.0", {"b.bin": 100})
+    alpha, beta = device.app("alpha"), device.app("beta")
+    server.fault(path="*/b.bin", stall_after=10_000_000)
+    update = device.begin("http update all")
+    server.wait_stalled("alpha/2.0/b.bin", 10_000_000)
+    update.wait_output(QUIT)
+    if leaves:
+        update.process.kill()
+        wait_for(lambda: "state: free" in device.cli("http update display-progress"))
+    else:
+        update.interrupt()
+        shown = update.finish()
+        assert re.sub(r"\.+Download", "Download", shown) == with_server(
+            "alpha: The user cancels the upgrade process\n"
+            "beta: haven't started to download.\n").replace(
+                QUIT, QUIT + "Download fail, Operation canceled\r\n")
+    assert device.disk("alpha") == {} and device.disk("beta") == {}
+    assert alpha.requests == [] and beta.requests == []
+    server.heal()
+    assert "alpha, beta: download and notify" in device.cli("http update all")
