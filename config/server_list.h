@@ -7,10 +7,10 @@
 // are for lists that one thread owns.
 #pragma once
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdint>
-
-#include "frame/sync.h"
 
 constexpr size_t SERVER_HOST_SIZE = 128;
 constexpr size_t SERVER_URI_SIZE = 256;
@@ -46,9 +46,10 @@ constexpr int HU_SERV_OK = 0;
 constexpr int HU_SERV_NOT_FOUND = 1;
 constexpr int HU_SERV_NO_MEMORY = 2;
 constexpr int HU_SERV_FULL = 3;
+constexpr int HU_SERV_INTERNAL = 4;
 
 // Sets up the lists, with the default server on the first default list, and the
-// source address.
+// source address. Called again it starts afresh.
 void hu_serv_config_init();
 
 void hu_serv_list_init(hu_serv_list* list);
@@ -84,8 +85,11 @@ void hu_serv_list_clear(hu_serv_list* list);
 // Text of a configuration result.
 [[nodiscard]] const char* hu_serv_errstr(int code);
 
-// Calls visitor for each server of the first configured list, newest first,
-// under its lock, after telling it the count through begin.
-void hu_serv_config_walk_first(void (*begin)(uint32_t count, void* argument),
-                               void (*visitor)(const UpdateServer& server, void* argument),
+// Calls reader with the first configured list, under its lock; reader may call
+// this module.
+void hu_serv_config_read_first(void (*reader)(const hu_serv_list& list, void* argument),
                                void* argument);
+
+// Makes a mutex of the kind that its thread may lock again. -1 when any step
+// fails.
+[[nodiscard]] int hu_serv_mutex_init(pthread_mutex_t* mutex);

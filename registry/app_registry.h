@@ -85,9 +85,6 @@ void reg_app_update_result(std::string_view name, std::string_view text, int32_t
 // -1 for an unknown name.
 [[nodiscard]] int reg_app_set_savepath(std::string_view name, std::string_view path);
 
-// Sets APP_FLAG_BUSY. Returns the app's connection, or -1 for an unknown name.
-[[nodiscard]] int reg_app_set_busy(std::string_view name);
-
 // Copies a slot's entry (zeroed first). -1 when the slot is free or out of
 // range, or entry is null.
 [[nodiscard]] int reg_app_get(int slot, AppEntry* entry);
