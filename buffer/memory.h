@@ -9,3 +9,8 @@
 
 // Releases what mem_zalloc gave. Null is ignored.
 void mem_free(void* memory);
+
+// For std::unique_ptr.
+struct MemFree {
+    void operator()(void* memory) const { mem_free(memory); }
+};

@@ -1,0 +1,153 @@
+#include "http/check_version.h"
+
+#include <sys/prctl.h>
+
+#include <cstring>
+
+#include "config/server_list.h"
+#include "frame/log.h"
+#include "frame/text.h"
+#include "http/status.h"
+#include "http/version_reply.h"
+
+// Room for the heading and every app's name.
+static constexpr size_t APPS_LINE_SIZE = 704;
+
+namespace {
+// What the rows of one app share.
+struct CheckRow {
+    char name[APP_NAME_SIZE];
+    char version[32];
+};
+}  // namespace
+
+static void print_status(UpdateStatus status) {
+    cli_printf("%s%s\n", update_status_prefix(status), update_status_str(status));
+}
+
+static void output_check_apps(const AppSet& updated) {
+    char line[APPS_LINE_SIZE];
+    size_t length = 0;
+    (void)text_appendf(line, sizeof(line), &length, "Business modules need to be updated:");
+    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+        AppEntry app;
+        if (!app_set_contains(updated, slot) || reg_app_get(slot, &app) != 0) continue;
+        (void)text_appendf(line, sizeof(line), &length, " %s,", app.name);
+    }
+    line[length - 1] = '.';
+    cli_printf("%s\n", line);
+}
+
+static int output_check_file(xmlNodePtr file, int position, void* argument) {
+    (void)position;
+    const auto* row = static_cast<const CheckRow*>(argument);
+    if (row == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "output_check_file-->loop is empty");
+        return -1;
+    }
+    if (row->name[0] == '\0') {
+        http_client_debug_print(HTTPC_LOG_ERROR, "output_check_file-->loop arg is empty");
+        return -1;
+    }
+    char file_name[256];
+    xml_node_name_get(file, file_name, sizeof(file_name));
+    char version[sizeof(row->version)];
+    text_copy(version, text_view(row->version));
+    if (version[0] == '\0') xml_child_content_get(file, "version", version, sizeof(version));
+    cli_printf("%-15.15s %-20.20s %-25.25s\n", row->name, version, file_name);
+    return 0;
+}
+
+static void output_check_rows(xmlNodePtr root, const AppEntry& app) {
+    xmlNodePtr element = xml_child_find_by_name(root, "app", app.name);
+    if (element == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "output_check-->get app_xml [%s] fail ", app.name);
+        return;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "output_check-->get app_xml [%s] ", app.name);
+    CheckRow row{};
+    text_copy(row.name, text_view(app.name));
+    xml_child_content_get(element, "version", row.version, sizeof(row.version));
+    http_client_debug_print(HTTPC_LOG_INFO, "output_check-->app [%s] version [%s] ", row.name,
+                            row.version);
+    xml_child_foreach(element, "file", &row, output_check_file);
+}
+
+void output_check(xmlDocPtr document, const AppSet& updated) {
+    if (document == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "output_check-->xml_doc is empty");
+        return;
+    }
+    if (app_set_is_empty(updated)) {
+        print_status(UPDATE_LATEST);
+        return;
+    }
+    output_check_apps(updated);
+    xmlNodePtr root = xml_root_get(document);
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "output_check-->xml_root is empty");
+        return;
+    }
+    cli_printf("    app-name           version          filename\n");
+    cli_printf("--------------- -------------------- ------------------------\n");
+    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+        AppEntry app;
+        if (!app_set_contains(updated, slot) || reg_app_get(slot, &app) != 0) continue;
+        output_check_rows(root, app);
+    }
+}
+
+static void check_server(UpdateServer* server, bool second) {
+    AppSet registered{};
+    reg_app_all(&registered);
+    AppSet updated{};
+    if (second) cli_printf("Check version from server: %s\r\n", server->host);
+    UpdateStatus status = UPDATE_OK;
+    const XmlDoc document = http_update_version_query(registered, &status, &updated, server);
+    if (document != nullptr) {
+        output_check(document.get(), updated);
+    } else {
+        print_status(status);
+    }
+}
+
+static void check_servers(const hu_serv_list& servers, bool second) {
+    AppSet registered{};
+    reg_app_all(&registered);
+    if (app_set_is_empty(registered)) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "updated_mask empty");
+        print_status(UPDATE_NO_APPS);
+        return;
+    }
+    for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
+         server = hu_serv_list_next(&servers, server)) {
+        check_server(server, second);
+    }
+}
+
+static void* http_check_version_thread(void* argument) {
+    auto* record = static_cast<cli_record*>(argument);
+    (void)pthread_detach(pthread_self());
+    (void)prctl(PR_SET_NAME, "http-check");
+    const bool second = record->context != 0;
+    hu_serv_list servers;
+    hu_serv_list_init(&servers);
+    if (hu_serv_list_copy(&servers, second ? SERVERS_SECOND : SERVERS_FIRST) != 0) {
+        cli_printf("%% Fail to alloc memory.");
+    } else {
+        check_servers(servers, second);
+    }
+    hu_serv_list_clear(&servers);
+    cli_proc_thread_end(record, pthread_self());
+    return nullptr;
+}
+
+void http_check_version_cmd(cli_record* record) {
+    pthread_t thread{};
+    const int error = pthread_create(&thread, nullptr, http_check_version_thread, record);
+    if (error != 0) {
+        cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
+        return;
+    }
+    cli_proc_thread_start(record, thread);
+}

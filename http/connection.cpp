@@ -1,0 +1,137 @@
+#include "http/connection.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "config/settings.h"
+#include "frame/identity.h"
+#include "frame/log.h"
+#include "frame/platform/dnsclient.h"
+#include "frame/text.h"
+#include "frame/unique_fd.h"
+
+// Linux bounds a blocking connect by the send time-out.
+static constexpr timeval CONNECT_TIMEOUT{3, 0};
+
+int ipv4_text_to_addr(const char* text, in_addr_t* address) {
+    if (text == nullptr || address == nullptr) return 0;
+    const in_addr_t value = inet_addr(text);
+    if (value == INADDR_NONE) return 0;
+    *address = value;
+    return 1;
+}
+
+// True once the DNS client is ready. A start-up without network leaves that to
+// the first connection; initialising twice, from two threads, does no harm.
+static bool dns_prepare() {
+    if (dns_ready.load(std::memory_order_relaxed)) return true;
+    if (dns_client_agent_init() != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[domain_to_ip]-->dns client agent init fail");
+        return false;
+    }
+    dns_ready.store(true, std::memory_order_relaxed);
+    return true;
+}
+
+int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storage& source) {
+    if (host == nullptr || address == nullptr) return 0;
+    if (ipv4_text_to_addr(host, address) == 1) return 1;
+    if (!dns_prepare()) return 0;
+    if (!hostname_verify(host)) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s unrecognized hostname",
+                                host);
+        return 0;
+    }
+    DnsRequest request{};
+    text_copy(request.name, host);
+    request.constant_260 = 1;
+    request.constant_408 = 2;
+    memcpy(request.source, &source, sizeof(request.source));
+    if (dns_domain_to_ip(&request) < 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s invalid domain", host);
+        return 0;
+    }
+    if (request.result != DNS_RESULT_RESOLVED) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s: dns parse failed[%d]",
+                                host, static_cast<int>(request.result));
+        return 0;
+    }
+    if (request.family != AF_INET) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s invalid ss_family", host);
+        return 0;
+    }
+    *address = request.address;
+    return 1;
+}
+
+static sockaddr_in ipv4_endpoint(in_addr_t address, uint16_t port) {
+    sockaddr_in endpoint{};
+    endpoint.sin_family = AF_INET;
+    endpoint.sin_port = htons(port);
+    endpoint.sin_addr.s_addr = address;
+    return endpoint;
+}
+
+static const sockaddr* generic(const sockaddr_in* endpoint) {
+    return reinterpret_cast<const sockaddr*>(endpoint);
+}
+
+static bool set_non_blocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) >= 0;
+}
+
+int http_update_url_connect_detail(const char* host, uint16_t port) {
+    const SourceAddress source = src_ip_get();
+    in_addr_t source_ip = INADDR_ANY;
+    if (source.is_set() && ipv4_text_to_addr(source.update_src_ip, &source_ip) == 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "HTTP: convert source ip error!\r\n");
+        return -1;
+    }
+    const sockaddr_in local = ipv4_endpoint(source_ip, 0);
+    sockaddr_storage asked_from{};
+    memcpy(&asked_from, &local, sizeof(local));
+    in_addr_t server_ip = INADDR_ANY;
+    if (url_domain_to_ip(host, &server_ip, asked_from) == 0) return -1;
+
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "create socket error");
+        return -1;
+    }
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIMEOUT, sizeof(CONNECT_TIMEOUT)) !=
+        0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "set SO_SNDTIMEO fail");
+        return -1;
+    }
+    const sockaddr_in remote = ipv4_endpoint(server_ip, port);
+    if (source.is_set() && bind(fd.get(), generic(&local), sizeof(local)) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "HTTP: bind source ip to socket error!\r\n");
+        return -1;
+    }
+    if (connect(fd.get(), generic(&remote), sizeof(remote)) != 0) {
+        // The time-out reads as "in progress", which is no reason for a failure.
+        const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;
+        http_client_debug_print(HTTPC_LOG_ERROR, "connect to %s:%d failed, %s", host, port,
+                                strerror(error));
+        return -1;
+    }
+    if (!set_non_blocking(fd.get())) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "%s: set socket non-blocking failed [%s]!\r\n",
+                                "http_update_url_connect_detail", strerror(errno));
+        return -1;
+    }
+    return fd.release();
+}
+
+UpdateStatus url_connect(UpdateServer* server) {
+    server->socket =
+        http_update_url_connect_detail(server->host, static_cast<uint16_t>(server->port));
+    if (server->socket >= 0) return UPDATE_OK;
+    http_client_debug_print(HTTPC_LOG_ERROR, "url_connect<-->connect local fail");
+    return UPDATE_CONNECT_FAIL;
+}

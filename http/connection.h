@@ -1,0 +1,29 @@
+// Connecting to an update server: IPv4 only, from the configured source address.
+// Threads: any; each connection belongs to the thread that opened it.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+
+#include "config/server_list.h"
+#include "http/status.h"
+
+// Converts dotted text, by the rules of inet_addr (short and hexadecimal forms
+// too), into network byte order. 1; or 0 for a missing argument, other text, and
+// 255.255.255.255, which inet_addr can't tell from an error.
+[[nodiscard]] int ipv4_text_to_addr(const char* text, in_addr_t* address);
+
+// Address of a host, network byte order: dotted text is converted, anything else
+// asked for at the name service, from the source address. 1; 0 when there is
+// none, with the reason logged.
+[[nodiscard]] int url_domain_to_ip(const char* host, in_addr_t* address,
+                                   const sockaddr_storage& source);
+
+// A connected, non-blocking socket, which the caller closes; -1 with the reason
+// logged. Takes 3 seconds at most beside the name look-up.
+[[nodiscard]] int http_update_url_connect_detail(const char* host, uint16_t port);
+
+// Connects server->socket. UPDATE_OK; UPDATE_CONNECT_FAIL leaves it -1.
+[[nodiscard]] UpdateStatus url_connect(UpdateServer* server);

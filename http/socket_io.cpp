@@ -1,0 +1,186 @@
+#include "http/socket_io.h"
+
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "frame/log.h"
+
+static constexpr double WAIT_DEFAULT_S = 5.0;
+static constexpr size_t CHUNK_SIZE = 2048;
+
+namespace {
+
+// Descriptor set for select. The C library's macros abort for descriptors above
+// 1,023, which a device with many apps reaches; the kernel itself takes any size.
+struct WaitSet {
+    explicit WaitSet(int fd) { words[fd / 64] |= uint64_t{1} << (fd % 64); }
+    fd_set* get() { return reinterpret_cast<fd_set*>(words); }
+
+    uint64_t words[SOCK_FD_MAX / 64]{};
+};
+static_assert(sizeof(fd_mask) == sizeof(uint64_t));
+
+int64_t monotonic_ms() {
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// The patience of one phase.
+class Phase {
+  public:
+    explicit Phase(const SockLimits& limits)
+        : limits_(limits), started_ms_(monotonic_ms()), left_(limits.timeouts) {}
+
+    // Called when nothing could be moved, with errno as it was left. True when
+    // that was a time-out and another one is allowed.
+    bool MayRetry() { return errno == ETIMEDOUT && --left_ > 0; }
+
+    // Called when total bytes have been moved so far. False with errno ETIMEDOUT
+    // when the peer is too slow.
+    [[nodiscard]] bool KeepsPace(size_t total) const {
+        const auto bytes = static_cast<int64_t>(total);
+        const int64_t allowed_ms = limits_.grace_ms + bytes * 1000 / limits_.bytes_per_s;
+        if (monotonic_ms() - started_ms_ <= allowed_ms) return true;
+        errno = ETIMEDOUT;
+        return false;
+    }
+
+    [[nodiscard]] int Retries() const { return limits_.timeouts - left_; }
+
+  private:
+    const SockLimits& limits_;
+    int64_t started_ms_;
+    int left_;
+};
+
+}  // namespace
+
+int sock_wait(int fd, int events, double timeout_s) {
+    if (fd < 0 || fd >= SOCK_FD_MAX) {
+        errno = EBADF;
+        return -1;
+    }
+    const double wait_s = timeout_s == SOCK_WAIT_DEFAULT ? WAIT_DEFAULT_S : timeout_s;
+    timeval left{};
+    left.tv_sec = static_cast<time_t>(wait_s);
+    left.tv_usec = static_cast<suseconds_t>((wait_s - static_cast<double>(left.tv_sec)) * 1e6);
+    WaitSet readable(fd);
+    WaitSet writable(fd);
+    int ready = 0;
+    do {
+        // An interrupted select leaves the sets alone and in left what remains.
+        ready = select(fd + 1, (events & SOCK_READABLE) != 0 ? readable.get() : nullptr,
+                       (events & SOCK_WRITABLE) != 0 ? writable.get() : nullptr, nullptr, &left);
+    } while (ready < 0 && errno == EINTR);
+    if (ready == 0) errno = ETIMEDOUT;
+    return ready;
+}
+
+long sock_read(int fd, void* buffer, size_t count, double timeout_s) {
+    while (sock_wait(fd, SOCK_READABLE, timeout_s) > 0) {
+        ssize_t got = 0;
+        do {
+            got = read(fd, buffer, count);
+        } while (got < 0 && errno == EINTR);
+        // The kernel may find, after all, nothing to read: wait again.
+        if (got >= 0 || errno != EAGAIN) return got;
+    }
+    return -1;
+}
+
+int sock_send(int fd, const void* data, size_t count, const SockLimits& limits) {
+    const auto* bytes = static_cast<const char*>(data);
+    Phase phase(limits);
+    size_t total = 0;
+    while (total < count) {
+        const ssize_t sent = send(fd, bytes + total, count - total, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            total += static_cast<size_t>(sent);
+            if (total == count || phase.KeepsPace(total)) continue;
+        } else {
+            if (errno == EINTR) continue;
+            if (errno == EAGAIN &&
+                (sock_wait(fd, SOCK_WRITABLE, limits.wait_s) > 0 || phase.MayRetry())) {
+                continue;
+            }
+        }
+        const int error = errno;
+        http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->send fail [%d, %s]", fd, error,
+                                strerror(error));
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+
+// One read of a phase that has total bytes already, time-outs retried. The number
+// of bytes, or -1 when the phase has failed, with errno saying why; 0 in errno
+// means that the peer has closed.
+static long phase_read(Phase* phase, int fd, void* buffer, size_t count, size_t total,
+                       double timeout_s) {
+    for (;;) {
+        const long got = sock_read(fd, buffer, count, timeout_s);
+        if (got > 0) return phase->KeepsPace(total + static_cast<size_t>(got)) ? got : -1;
+        if (got == 0) {
+            errno = 0;
+            return -1;
+        }
+        if (!phase->MayRetry()) return -1;
+    }
+}
+
+int sock_recv_endstr(int fd, char* buffer, int size, const char* end, const SockLimits& limits) {
+    if (buffer == nullptr || end == nullptr || size < 1) return -1;
+    const size_t room = static_cast<size_t>(size) - 1;
+    Phase phase(limits);
+    size_t total = 0;
+    while (total < room) {
+        const long got = phase_read(&phase, fd, buffer + total, room - total, total, limits.wait_s);
+        if (got < 0) {
+            const int error = errno;
+            http_client_debug_print(HTTPC_LOG_ERROR,
+                                    "sock %d<-->select fail retry %d [%s %d] in endstr", fd,
+                                    phase.Retries(), strerror(error), error);
+            return -1;
+        }
+        total += static_cast<size_t>(got);
+        if (memmem(buffer, total, end, strlen(end)) != nullptr) return static_cast<int>(total);
+    }
+    http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->head too long %d", fd,
+                            static_cast<int>(total));
+    return -1;
+}
+
+int sock_recv_commbuf(int fd, CommBuf* buffer, uint32_t count, const SockLimits& limits) {
+    uint8_t chunk[CHUNK_SIZE];
+    Phase phase(limits);
+    uint32_t total = 0;
+    while (total < count) {
+        const size_t wanted = std::min<size_t>(count - total, sizeof(chunk));
+        const long got = phase_read(&phase, fd, chunk, wanted, total, limits.wait_s);
+        if (got < 0) {
+            const int error = errno;
+            http_client_debug_print(HTTPC_LOG_ERROR,
+                                    "sock %d<-->select fail retry %d [%s %d] in commbuf receive",
+                                    fd, phase.Retries(), strerror(error), error);
+            return -1;
+        }
+        const int32_t appended = comm_buf_append(buffer, chunk, static_cast<int32_t>(got));
+        if (appended != got) {
+            http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->data copy %d fail for %d", fd,
+                                    static_cast<int>(got), appended);
+            return -1;
+        }
+        total += static_cast<uint32_t>(got);
+    }
+    http_client_debug_print(HTTPC_LOG_CONNECT, "sock %d<-->recv data success, total %u bytes", fd,
+                            total);
+    return 0;
+}

@@ -1,0 +1,56 @@
+// Reading from and writing to a server's non-blocking socket, every wait bounded.
+//
+// A phase (sending the request, receiving the header, receiving the body) ends
+// as failed when its waits have timed out SockLimits::timeouts times in all, or
+// when the peer falls behind SockLimits::bytes_per_s. The count alone would let
+// a peer that sends a byte every four seconds hold its thread for months.
+//
+// Threads: any; works on its arguments only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "buffer/comm_buf.h"
+
+constexpr int SOCK_READABLE = 1;
+constexpr int SOCK_WRITABLE = 2;
+constexpr double SOCK_WAIT_DEFAULT = -1.0;  // stands for 5 seconds
+
+// Descriptors must be below this: sock_wait brings its own set for select, larger
+// than the C library's.
+constexpr int SOCK_FD_MAX = 65536;
+
+struct SockLimits {
+    double wait_s = SOCK_WAIT_DEFAULT;
+    int timeouts = 10;
+    // A phase may take this long, and a second more for each bytes_per_s bytes it
+    // has moved. The slowest honest links (a 9600 bit/s radio or satellite modem,
+    // 960 bytes/s) keep twice that pace, and all the time-outs allowed (50 s) fit
+    // into less than half of the grace. So a peer that sends one byte a second is
+    // given up after two minutes, and no reply of 2 MiB takes longer than 71.
+    int64_t grace_ms = 120000;
+    int64_t bytes_per_s = 512;
+};
+
+// Waits until the socket is ready for events, a mask of SOCK_READABLE and
+// SOCK_WRITABLE. Above 0: ready; 0: timed out, errno is ETIMEDOUT; below 0:
+// error.
+[[nodiscard]] int sock_wait(int fd, int events, double timeout_s);
+
+// Reads what is there, at most count bytes, after waiting for it. 0: the peer has
+// closed; -1: error, or time-out with errno ETIMEDOUT.
+[[nodiscard]] long sock_read(int fd, void* buffer, size_t count, double timeout_s);
+
+// 0: every byte was sent; -1 with errno set.
+[[nodiscard]] int sock_send(int fd, const void* data, size_t count, const SockLimits& limits = {});
+
+// Reads into a zero-filled text buffer until end has appeared in it; what the
+// peer sent right behind it may be there too. Returns the bytes in the buffer (at
+// most size - 1), or -1.
+[[nodiscard]] int sock_recv_endstr(int fd, char* buffer, int size, const char* end,
+                                   const SockLimits& limits = {});
+
+// Appends exactly count bytes to the buffer. 0, or -1 with some of them appended.
+[[nodiscard]] int sock_recv_commbuf(int fd, CommBuf* buffer, uint32_t count,
+                                    const SockLimits& limits = {});

@@ -1,0 +1,112 @@
+#include "http/version_reply.h"
+
+#include <unistd.h>
+
+#include <memory>
+
+#include "buffer/memory.h"
+#include "frame/log.h"
+#include "http/connection.h"
+#include "http/exchange.h"
+#include "http/version_query.h"
+
+static void disconnect(UpdateServer* server) {
+    (void)close(server->socket);  // everything that matters has been read
+    server->socket = -1;
+}
+
+XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppSet* updated,
+                                 UpdateServer* server) {
+    *status = url_connect(server);
+    if (*status != UPDATE_OK) {
+        http_client_debug_print(HTTPC_LOG_CONNECT, "connect to %s failed.", server->host);
+        return nullptr;
+    }
+    AppSet sent;
+    *status = http_update_version_send(server, asked, &sent);
+    if (*status != UPDATE_OK) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "send version error");
+        disconnect(server);
+        return nullptr;
+    }
+    XmlDoc document = http_update_version_recv(server->socket, status);
+    disconnect(server);
+    if (document == nullptr) {
+        http_client_debug_print(HTTPC_LOG_CONNECT, "receive response from %s failed.",
+                                server->host);
+        return nullptr;
+    }
+    http_client_debug_print(HTTPC_LOG_CONNECT, "receive response from %s success.", server->host);
+    const AppSet needed = version_xmldoc_parse_app(document.get());
+    app_set_and(&sent, &needed, updated);
+    return document;
+}
+
+XmlDoc http_update_version_recv(int fd, UpdateStatus* status) {
+    *status = UPDATE_OK;
+    CommBuf body;
+    comm_buf_init(&body, 0);
+    if (pkg_recv(fd, &body) != 0) {
+        comm_buf_reset(&body);
+        http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->recv response fail %d", fd,
+                                static_cast<int>(*status));
+        *status = UPDATE_RECEIVE_FAIL;
+        return nullptr;
+    }
+    XmlDoc document = comm_to_buf(&body);
+    comm_buf_reset(&body);
+    if (document == nullptr) *status = UPDATE_BAD_REPLY;
+    return document;
+}
+
+// The buffer's whole content as a zero-terminated text; null when it is empty or
+// memory is short.
+static char* take_text(CommBuf* buffer) {
+    const uint32_t length = comm_buf_len(buffer);
+    if (length == 0 || length >= INT32_MAX) return nullptr;
+    auto* text = static_cast<char*>(mem_zalloc(static_cast<int32_t>(length + 1)));
+    if (text == nullptr) return nullptr;
+    if (comm_buf_read(buffer, text, length) == static_cast<int32_t>(length)) return text;
+    mem_free(text);
+    return nullptr;
+}
+
+XmlDoc comm_to_buf(CommBuf* buffer) {
+    if (buffer == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "invalid cbuf in comm to doc");
+        return nullptr;
+    }
+    std::unique_ptr<char, MemFree> text(take_text(buffer));
+    if (text == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "malloc fail in comm to doc");
+        return nullptr;
+    }
+    XmlDoc document(xml_doc_read_mem(text.get()));
+    text.reset();
+    if (document == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "comm_to_buf<-->get xml doc fail");
+        return nullptr;
+    }
+    if (xml_root_get(document.get()) == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "comm_to_buf<-->check xml doc fail");
+        return nullptr;
+    }
+    return document;
+}
+
+AppSet version_xmldoc_parse_app(xmlDocPtr document) {
+    AppSet needed{};
+    xmlNodePtr root = xml_root_get(document);
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[version_xmldoc_parse_app]<-->check doc fail");
+        return needed;
+    }
+    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+        AppEntry app;
+        if (reg_app_get(slot, &app) != 0) continue;
+        if (xml_child_find_by_name(root, "app", app.name) == nullptr) continue;
+        app_set_insert(&needed, slot);
+        http_client_debug_print(HTTPC_LOG_INFO, "%s<-->need update in server", app.name);
+    }
+    return needed;
+}
