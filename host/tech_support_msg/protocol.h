@@ -1,0 +1,41 @@
+// How a support program asks the daemon for its reports on the host. Header
+// only; both sides include it.
+//
+// The daemon listens on a local stream socket at tech_support_address (mode
+// 0600). One connection carries one request line and its reply, then the daemon
+// closes it:
+//
+//   report N\n   report number N (decimal, up to 9 digits)
+//                -> complete LENGTH\n and LENGTH bytes of text, or
+//                   no report\n when there is no report of that number
+//   files\n      -> the path of each offered file, one a line; a file need not
+//                   exist
+//
+// Anything else is closed without a reply, and so is a connection that keeps its
+// request or doesn't read while TECH_SUPPORT_CONNECTION_MAX others come after it.
+// A reply that ends before its LENGTH is not a report.
+// Threads: any; works on its arguments and the environment only.
+#pragma once
+
+#include <stddef.h>
+#include <stdlib.h>
+#include <sys/un.h>
+
+#include "frame/text.h"
+
+constexpr size_t TECH_SUPPORT_REQUEST_MAX = 64;  // with its line end
+constexpr size_t TECH_SUPPORT_CONNECTION_MAX = 4;
+constexpr size_t TECH_SUPPORT_REPORT_MAX = 1 << 20;  // a longer report is cut and says so
+
+// Below the directory prefix TMPDIR (default /tmp), cut to 31 characters as the
+// daemon cuts it.
+inline sockaddr_un tech_support_address() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const char* prefix = getenv("TMPDIR");
+    size_t length = 0;
+    (void)text_appendf(address.sun_path, sizeof address.sun_path, &length,
+                       "%.31s/oam/http_client/.tech_support",
+                       prefix == nullptr ? "/tmp" : prefix);  // always fits
+    return address;
+}
