@@ -56,6 +56,10 @@ extern std::atomic<int32_t> resume_retry_count;
     REQUIRES(resume_lock);
 
 [[nodiscard]] bool resume_empty();
+[[nodiscard]] uint32_t resume_app_count();
+
+// Name of the entry at that position from the front; false beyond the end.
+[[nodiscard]] bool resume_app_name(uint32_t position, char (&name)[RESUME_NAME_SIZE]);
 
 // Forgets all entries; their files stay on disk.
 void resume_clear();
@@ -64,7 +68,8 @@ void resume_clear();
 // files go as by resume_free_app with n + 1). The first n of the count paths
 // were fetched, the one at n failed, the others were not tried. incremental: the
 // first n were handed to the app already and are left out of the entry.
-// 0, or -1 when nothing was recorded; the array stays the caller's.
+// n is an index of the array, which stays the caller's. 0, or -1 when nothing was
+// recorded.
 [[nodiscard]] int resume_add(const char* name, FilenameArray array, int32_t count, int32_t n,
                              bool incremental);
 

@@ -1,0 +1,295 @@
+// Reading and writing of the resume file. A new file is written beside the old
+// one, synced and renamed over it, and the directory synced: whenever power
+// fails, one of the two is there whole.
+#include "resume/resume_file.h"
+
+#include <fcntl.h>
+#include <libxml/parserInternals.h>
+#include <libxml/xmlstring.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "frame/log.h"
+#include "frame/sync.h"
+#include "frame/text.h"
+#include "frame/unique_fd.h"
+#include "http/xml.h"
+#include "registry/app_registry.h"
+#include "resume/resume_list.h"
+#include "resume/resume_timer.h"
+
+// Fifty times the apps that can be registered. A file with more is broken, and
+// each entry would cost five resume runs before it is given up.
+static constexpr uint32_t RESUME_APP_MAX = 1000;
+
+static constexpr mode_t FILE_MODE = 0644;  // who could write it could have any file deleted
+
+char resume_file_path[PATH_SIZE] = "";
+
+// Only one new file at a time; taken before resume_lock.
+static Mutex s_write_lock;
+
+void resume_init() {
+    resume_retry_count = RESUME_RETRY_MAX;
+    resume_clear();
+    http_client_data_path(RESUME_FILE, &resume_file_path);
+    if (http_client_file_size(resume_file_path) > 0)
+        (void)read_apps(resume_file_path, resume_read_app);  // an empty list is fine too
+    else
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->no exist", resume_file_path);
+
+    MutexLock guard(resume_lock);
+    resume_timer = nullptr;
+    resume_changed = false;
+}
+
+// --- reading
+
+static int read_app(xmlNodePtr app, int, void* function) {
+    (void)(*static_cast<ReadAppFn*>(function))(app);  // a damaged app costs itself only
+    return 0;
+}
+
+int read_apps(const char* path, ReadAppFn function) {
+    const XmlDoc document(xml_doc_read_file(path));
+    if (document == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "read_apps-->[%s] read fail", path);
+        return -1;
+    }
+    xmlNodePtr root = xml_root_get(document.get());
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "read_apps-->[%s] root node fail", path);
+        return -1;
+    }
+    xml_child_foreach(root, "app", static_cast<void*>(&function), read_app);
+    return 0;
+}
+
+int resume_read_app(xmlNodePtr app) {
+    if (app == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "app_xml is empty in resume read app");
+        return -1;
+    }
+    char name[APP_NAME_SIZE];
+    xml_node_name_get(app, name, sizeof(name));
+    if (name[0] == '\0') {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->have no app_name", RESUME_FILE);
+        return -1;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "resume_read_app-->[%s] app_name [%s]", RESUME_FILE,
+                            name);
+    int32_t count = 0;
+    FilenameArray array = nullptr;
+    if (filename_count(app, &count, &array) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->have no file", name);
+        return -1;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d in resume read app", name, count);
+    if (count == 0) return 0;
+
+    int result = -1;
+    if (resume_app_count() >= RESUME_APP_MAX) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->over %u apps in resume file", name,
+                                RESUME_APP_MAX);
+    } else {
+        result = resume_add(name, array, count, 0, false);
+        if (result != 0) filename_unlink(array, count);
+    }
+    filename_free(array, count);
+    return result;
+}
+
+// --- building the document
+
+xmlNodePtr xml_new_child(xmlNodePtr parent, const char* name, const char* text,
+                         const char* attribute) {
+    if (parent == nullptr || name == nullptr) return nullptr;
+    xmlNodePtr child = xmlNewTextChild(parent, nullptr, xml_text(name), xml_text(text));
+    if (child == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->xmlNewNode fail", name);
+        return nullptr;
+    }
+    if (attribute == nullptr) return child;
+    if (xmlNewProp(child, xml_text("name"), xml_text(attribute)) == nullptr) {
+        xmlUnlinkNode(child);
+        xmlFreeNode(child);
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->xmlNewProp fail", attribute);
+        return nullptr;
+    }
+    return child;
+}
+
+// Whether a document may hold the text. Save paths come from apps as bytes; one
+// that is no text would make the file unreadable for all.
+static bool xml_can_carry(std::string_view text) {
+    while (!text.empty()) {
+        int length = static_cast<int>(text.size());
+        const int character = xmlGetUTF8Char(xml_text(text.data()), &length);
+        if (character < 0 || xmlIsCharQ(static_cast<unsigned>(character)) == 0) return false;
+        text.remove_prefix(static_cast<size_t>(length));
+    }
+    return true;
+}
+
+static bool app_can_carry_locked(const ResumeApp* app) REQUIRES(resume_lock) {
+    bool fits = xml_can_carry(app->name);
+    for (const ResumeFile* file = resume_next_file(app, &app->files); fits && file != nullptr;
+         file = resume_next_file(app, file))
+        fits = xml_can_carry(file->path);
+    return fits;
+}
+
+static int write_file(xmlNodePtr app_element, const char* path) {
+    if (xml_new_child(app_element, "file", nullptr, path) != nullptr) return 0;
+    http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write_apps]<-->create [%s] for [%s] fail",
+                            "file", path);
+    return -1;
+}
+
+static int write_app_locked(xmlNodePtr root, const ResumeApp* app) REQUIRES(resume_lock) {
+    xmlNodePtr app_element = xml_new_child(root, "app", nullptr, app->name);
+    if (app_element == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write_apps]<-->create [%s] for [%s] fail",
+                                "app", app->name);
+        return -1;
+    }
+    char count[16];
+    size_t length = 0;
+    (void)text_appendf(count, sizeof(count), &length, "%u", app->count);
+    if (xml_new_child(app_element, "filecnt", count, nullptr) == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write_apps]<-->create [%s] for [%d] fail",
+                                "filecnt", static_cast<int32_t>(app->count));
+        return -1;
+    }
+    for (const ResumeFile* file = resume_next_file(app, &app->files); file != nullptr;
+         file = resume_next_file(app, file))
+        if (write_file(app_element, file->path) != 0) return -1;
+    return 0;
+}
+
+int resume_write_apps(xmlNodePtr root) {
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write_apps]<-->root xml empty");
+        return -1;
+    }
+    MutexLock guard(resume_lock);
+    for (const ResumeApp* app = resume_next_app(&ResumeList); app != nullptr;
+         app = resume_next_app(app)) {
+        if (!app_can_carry_locked(app)) {
+            http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->not fit for the resume file",
+                                    app->name);
+            continue;
+        }
+        if (write_app_locked(root, app) != 0) return -1;
+    }
+    return 0;
+}
+
+// --- saving
+
+namespace {
+struct XmlBytesFree {
+    void operator()(xmlChar* bytes) const { xmlFree(bytes); }
+};
+}  // namespace
+
+// 0, or the error's number.
+static int write_synced(const char* path, std::string_view bytes) {
+    (void)unlink(path);  // left by a crash; and O_EXCL follows no symbolic link
+    const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
+    if (!fd.valid()) return errno;
+    while (!bytes.empty()) {
+        const ssize_t written = write(fd.get(), bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) return errno;
+        if (written > 0) bytes.remove_prefix(static_cast<size_t>(written));
+    }
+    return fsync(fd.get()) == 0 ? 0 : errno;
+}
+
+static int sync_directory_of(const char* path) {
+    char directory[PATH_SIZE];
+    const char* slash = strrchr(path, '/');
+    (void)text_copy(directory, slash == nullptr ? "." : std::string_view(path, slash + 1));
+    const UniqueFd fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.valid()) return errno;
+    // Not every file system can sync a directory; the rename then has to do.
+    return fsync(fd.get()) == 0 || errno == EINVAL ? 0 : errno;
+}
+
+// 0, or the error's number; neither the old nor the new file is left then.
+static int save(const char* path, xmlDocPtr document) {
+    xmlChar* bytes = nullptr;
+    int size = 0;
+    xmlDocDumpMemory(document, &bytes, &size);
+    const std::unique_ptr<xmlChar, XmlBytesFree> owned(bytes);
+
+    char beside[PATH_SIZE + 8];
+    size_t length = 0;
+    (void)text_appendf(beside, sizeof(beside), &length, "%s.new", path);
+    int error = ENOMEM;
+    if (bytes != nullptr && size > 0)
+        error = write_synced(beside, {xml_text(bytes), static_cast<size_t>(size)});
+    if (error == 0 && rename(beside, path) != 0) error = errno;
+    if (error == 0) error = sync_directory_of(path);
+    if (error != 0) {
+        (void)unlink(beside);  // whichever of them exists
+        (void)unlink(path);
+    }
+    return error;
+}
+
+int write_apps(const char* path, WriteAppsFn function) {
+    const XmlDoc document(xmlNewDoc(xml_text("1.0")));
+    if (document == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "write_apps-->[%s] xmlNewDoc fail", path);
+        return -1;
+    }
+    xmlNodePtr root = xmlNewNode(nullptr, xml_text("filelist"));
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "write_apps-->[%s] creat root fail", path);
+        return -1;
+    }
+    (void)xmlDocSetRootElement(document.get(), root);  // there was none before
+    if (function(root) < 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]-->app_write fail in write apps", path);
+        return -1;
+    }
+    const int error = save(path, document.get());
+    if (error != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "write_apps-->[%s] write fail [%s]", path,
+                                strerror(error));
+        return -1;
+    }
+    return 0;
+}
+
+// Takes the mark off before the list is read, so that a change made while the
+// file is written is not lost.
+static bool take_changed() {
+    MutexLock guard(resume_lock);
+    const bool changed = resume_changed;
+    resume_changed = false;
+    return changed;
+}
+
+void resume_write() {
+    if (http_client_make_data_dir(WORKING_DIR) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write]<-->[%s] mkdir fail [%s %d]",
+                                WORKING_DIR, strerror(errno), errno);
+        return;
+    }
+    MutexLock writer(s_write_lock);
+    if (!take_changed()) {
+        http_client_debug_print(HTTPC_LOG_INFO, "[resume_write]<-->resume list not changed");
+        return;
+    }
+    if (write_apps(resume_file_path, resume_write_apps) == 0) return;
+    MutexLock guard(resume_lock);
+    resume_changed = true;
+}
