@@ -1,4 +1,5 @@
 // The daemon's two log calls and the mask that switches the first.
+// Both leave errno as it was: callers log it more than once.
 // Threads: any, without a lock.
 #pragma once
 

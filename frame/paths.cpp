@@ -1,0 +1,125 @@
+// Directory prefixes, joined paths and the making of directories.
+#include "frame/paths.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "frame/log.h"
+#include "frame/text.h"
+
+static constexpr int PATH_COMPONENTS_MAX = 10;
+
+static char s_tmp_prefix[DIR_PREFIX_SIZE] = "/tmp";
+static char s_data_prefix[DIR_PREFIX_SIZE] = "/data/.vemo";
+
+static void prefix_read(const char* variable, const char* fallback,
+                        char (&prefix)[DIR_PREFIX_SIZE]) {
+    const char* value = getenv(variable);
+    if (value == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->getenv fail [%s]", variable,
+                                strerror(errno));
+        value = fallback;
+    }
+    (void)text_copy(prefix, value);  // a longer prefix is cut
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s]", variable, prefix);
+}
+
+void http_client_get_env_dir() {
+    prefix_read("TMPDIR", "/tmp", s_tmp_prefix);
+    prefix_read("DATA_VEMO_DIR", "/data/.vemo", s_data_prefix);
+}
+
+static void path_join(const char* prefix, const char* relative, char (*path)[PATH_SIZE]) {
+    if (relative == nullptr || path == nullptr) return;
+    memset(*path, 0, sizeof(*path));
+    size_t length = 0;
+    (void)text_appendf(*path, sizeof(*path), &length, "%s%s", prefix, relative);
+}
+
+void http_client_tmp_path(const char* relative, char (*path)[PATH_SIZE]) {
+    path_join(s_tmp_prefix, relative, path);
+}
+
+void http_client_data_path(const char* relative, char (*path)[PATH_SIZE]) {
+    path_join(s_data_prefix, relative, path);
+}
+
+int http_client_path_check(const char* path) {
+    const size_t length = strlen(path);
+    if (length >= PATH_SIZE) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->too long", path);
+        return -1;
+    }
+    int components = 0;
+    for (size_t i = 0; i < length; i++)
+        if (path[i] == '/' || i == length - 1) components++;
+    if (components > PATH_COMPONENTS_MAX) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->have too rank %d", path, components);
+        return -1;
+    }
+    return 0;
+}
+
+int http_client_make_path(const char* path) {
+    if (path == nullptr || path[0] == '\0') {
+        http_client_debug_print(HTTPC_LOG_ERROR, "dir is invalid");
+        return -1;
+    }
+    if (http_client_path_check(path) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->check fail", path);
+        return -1;
+    }
+    if (http_client_file_size(path) >= 0) return 0;
+
+    const size_t length = strlen(path);  // below PATH_SIZE, as checked
+    for (size_t i = 1; i < length; i++) {
+        if (path[i] != '/' && i != length - 1) continue;
+        char parent[PATH_SIZE] = {};
+        memcpy(parent, path, i + 1);
+        const int result = mkdir(parent, 0777);
+        if (result != 0 && errno != EEXIST) {
+            http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->mkdir [%d %d %s]", parent, result,
+                                    errno, strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int http_client_make_data_dir(const char* relative) {
+    char path[PATH_SIZE] = {};
+    http_client_data_path(relative, &path);
+    return http_client_make_path(path);
+}
+
+int http_client_file_size(const char* path) {
+    struct stat status {};
+    if (path == nullptr || stat(path, &status) != 0) return -1;
+    constexpr off_t largest = std::numeric_limits<int32_t>::max();
+    return static_cast<int>(status.st_size < largest ? status.st_size : largest);
+}
+
+void http_client_vsd_make_dir() {
+    (void)umask(0);
+    char path[PATH_SIZE];
+    http_client_tmp_path(WORKING_DIR, &path);
+    if (http_client_make_path(path) != 0) {
+        http_client_debug_dump("[%s %d]<-->[%s] mkdir fail [%s %d]", __func__, __LINE__, path,
+                               strerror(errno), errno);
+        exit(EXIT_FAILURE);
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->create", path);
+
+    http_client_data_path(WORKING_DIR, &path);
+    if (http_client_make_data_dir(WORKING_DIR) != 0) {
+        http_client_debug_dump("[%s %d]<-->[%s] mkdir fail [%s %d]", __func__, __LINE__, path,
+                               strerror(errno), errno);
+        return;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->create", path);
+}

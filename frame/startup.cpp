@@ -1,0 +1,145 @@
+// Process start-up. There is no orderly stop: the daemon runs until it is
+// killed, so nothing here is ever undone.
+#include "frame/startup.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "frame/debug.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/platform/cpurule.h"
+#include "frame/platform/tq_proc_ham.h"
+#include "frame/unique_fd.h"
+
+static constexpr char PROCESS_NAME[] = "http_client";
+static constexpr char PROGRAM[] = "./http_client.elf";
+
+// The health monitor's own numbers, see tq_proc_ham.h.
+static constexpr int HAM_EXIT_KIND = 0;
+static constexpr int HAM_EXIT_ACTION = 2;
+static constexpr int HAM_TIMEOUT_S = 120;
+static constexpr int HAM_TIMEOUT_ACTION = 3;
+static constexpr long FEED_DOG_S = 60;
+
+tq_thread_master* http_client_master = nullptr;
+bool ham_registered = false;
+
+static void http_client_usage() {
+    static constexpr const char* lines[] = {
+        "Options:",
+        "        -d           open http-client debugging",
+        "Parament:",
+        "        -a           open http-client all debugging",
+        "        -i           open http-client info debugging",
+        "        -c           open http-client connect debugging",
+        "        -r           open http-client register debugging",
+        "        -e           open http-client error debugging",
+        "e.g:",
+    };
+    static constexpr const char* examples[] = {"", " -d", " -da", " -di", " -dc", " -dr", " -de"};
+    printf("Error: invalid option\r\n");
+    printf("Format: %s [-d[a/i/c/r/e]]\r\n", PROGRAM);
+    for (const char* line : lines) printf("%s\r\n", line);
+    for (const char* example : examples) printf("    %s%s\r\n", PROGRAM, example);
+}
+
+[[noreturn]] static void usage_exit() {
+    http_client_usage();
+    exit(EXIT_FAILURE);
+}
+
+void http_client_parse_args(int argc, char** argv) {
+    if (argc > 2) usage_exit();
+    DebugMask.store(0, std::memory_order_relaxed);
+    if (argc == 1) return;
+    if (getopt(argc, argv, "d::") != 'd') usage_exit();
+    // Only the first letter of the argument counts; none means all.
+    const char letter = optarg == nullptr ? 'a' : optarg[0];
+    if (letter == '\0' || std::string_view("acdeir").find(letter) == std::string_view::npos)
+        usage_exit();
+    http_client_debug_option(letter);
+}
+
+void http_client_is_continue() {
+    char path[PATH_SIZE];
+    http_client_tmp_path("/oam/http_client/http_client.running", &path);
+    // Not through a symbolic link: other users may put files into the directory.
+    UniqueFd file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0777));
+    if (!file.valid()) {
+        http_client_debug_dump("[%s %d]<-->[%s] open fail [%s %d]", __func__, __LINE__, path,
+                               strerror(errno), errno);
+        exit(EXIT_FAILURE);
+    }
+    struct flock whole_file {};
+    whole_file.l_type = F_WRLCK;
+    whole_file.l_whence = SEEK_SET;
+    if (fcntl(file.get(), F_SETLK, &whole_file) != 0) {
+        if (errno == EACCES || errno == EAGAIN) {
+            http_client_debug_dump("only instance is running [%s %d]", strerror(errno), errno);
+            exit(EXIT_SUCCESS);
+        }
+        http_client_debug_dump("[%s %d]<-->[%s] fcntl fail [%s %d]", __func__, __LINE__, path,
+                               strerror(errno), errno);
+        exit(EXIT_FAILURE);
+    }
+    char pid[16] = {};
+    const int length = snprintf(pid, sizeof(pid), "%d", getpid());
+    // The lock is what counts; the number is for people.
+    if (ftruncate(file.get(), 0) == 0)
+        (void)!write(file.get(), pid, static_cast<size_t>(length) + 1);
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s] open success", path);
+    (void)file.release();  // open, and so locked, until the process ends
+}
+
+void http_client_bind_cpus() {
+    CpuAffinityRequest request{};
+    request.process = PROCESS_NAME;
+    if (get_cores_affinity(&request) != 0) return;
+    (void)sched_setaffinity(getpid(), sizeof(request.cpus), &request.cpus);  // best effort
+}
+
+void http_client_registe_ham() {
+    ham_registered = reg_process_exit_action(HAM_EXIT_KIND, HAM_EXIT_ACTION) >= 0;
+    if (!ham_registered)
+        http_client_debug_dump("[%s %d]<-->http-client register ham fail", __func__, __LINE__);
+}
+
+void http_client_signal_init() {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    (void)sigemptyset(&ignore.sa_mask);
+    (void)sigaction(SIGPIPE, &ignore, nullptr);  // can't fail for SIGPIPE
+}
+
+static bool feed_dog_arm(tq_thread_master* master) {
+    return tq_thread_add_timer_withname(master, http_client_feed_dog, nullptr, FEED_DOG_S,
+                                        "ham-ntfy") != nullptr;
+}
+
+void http_client_dead_detection(tq_thread_master* master) {
+    if (ham_client_reg_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0) {
+        http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify failed.", __func__, __LINE__);
+        return;
+    }
+    http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify success.", __func__, __LINE__);
+    if (!feed_dog_arm(master))
+        http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+}
+
+int http_client_feed_dog(tq_thread* task) {
+    if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0)
+        http_client_debug_dump("[%s %d]: ham_client_reset_thread_notify failed.", __func__,
+                               __LINE__);
+    if (!feed_dog_arm(task->master))
+        http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+    return 0;
+}

@@ -1,0 +1,237 @@
+// App file download and notification.
+//
+// What is left on disk is decided in one place, apps_down_finish: a complete set
+// is handed to the app; after a failure an operator's run deletes what it fetched,
+// while a daily or resume run keeps it and records it in the resume list.
+#include "update/app_download.h"
+
+#include <cstring>
+
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/text.h"
+#include "http/xml.h"
+#include "registry/update_request.h"
+#include "resume/resume_file.h"
+#include "resume/resume_list.h"
+#include "update/download.h"
+#include "update/filename_list.h"
+#include "update/progress.h"
+#include "update/update_run.h"
+
+namespace {
+
+// The files of one app's pass.
+struct AppFiles {
+    FilenameArray paths = nullptr;
+    int32_t count = 0;
+    int32_t done = 0;  // completed so far; the file at this index is the one that failed
+
+    AppFiles() = default;
+    AppFiles(const AppFiles&) = delete;
+    AppFiles& operator=(const AppFiles&) = delete;
+    ~AppFiles() { filename_free(paths, count); }
+};
+
+const char* last_component(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
+bool kind_is_by_operator(uint32_t kind) {
+    return kind == UPDATE_RUN_COMMAND || kind == UPDATE_RUN_BACKGROUND;
+}
+
+// The app's own save path, else the one that the reply gives.
+void save_path_get(const AppEntry& entry, xmlNodePtr app, char (&save_path)[APP_SAVE_PATH_SIZE]) {
+    if (entry.save_path[0] != '\0') {
+        (void)text_copy(save_path, entry.save_path);
+        return;
+    }
+    xml_child_content_get(app, "savepath", save_path, sizeof(save_path));
+    http_client_debug_print(HTTPC_LOG_INFO, "filename_update-->before savepath [%s] ", save_path);
+    str_trim(save_path);
+}
+
+// Puts the save path in front of a listed name. A name must come out as the last
+// part of its path: with a slash in it ("../x"), or behind a save path that does
+// not end in one, it would be written, or deleted, outside the save path.
+int filename_prefix(const AppEntry& entry, const char* save_path, char* name) {
+    if (name[0] == '\0') {
+        http_client_debug_print(HTTPC_LOG_ERROR, "filename is empty");
+        return -1;
+    }
+    if (strlen(save_path) + strlen(name) > FILENAME_SIZE - 1) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "filename is too long");
+        return -1;
+    }
+    char path[FILENAME_SIZE] = {};
+    size_t length = 0;
+    (void)text_appendf(path, sizeof(path), &length, "%s%s", save_path, name);
+    if (strcmp(last_component(path), name) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", entry.name,
+                                last_component(path));
+        return -1;
+    }
+    memcpy(name, path, sizeof(path));
+    return 0;
+}
+
+// Turns the listed names into local paths, in a directory that exists.
+int filename_update(const AppEntry& entry, xmlNodePtr app, FilenameArray array, int32_t count) {
+    if (array == nullptr || count == 0) return 0;
+    char save_path[APP_SAVE_PATH_SIZE] = {};
+    save_path_get(entry, app, save_path);
+    if (http_client_make_path(save_path) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->savapath mkdir fail", save_path);
+        return -1;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "filename_update-->after savepath [%s] ", save_path);
+    for (int32_t i = 0; i < count; i++) {
+        if (array[i] == nullptr) continue;
+        if (filename_prefix(entry, save_path, array[i]) != 0) return -1;
+    }
+    return 0;
+}
+
+// The paths of this pass: the stored ones in a resume run, else those of the
+// reply. On failure the result says what to record for the app.
+UpdateStatus app_files_get(xmlNodePtr app, const AppEntry& entry, uint32_t kind, AppFiles* files) {
+    if (kind == UPDATE_RUN_RESUME) {
+        files->paths = resume_get(entry.name, &files->count);
+        return files->paths == nullptr ? UPDATE_NO_MEMORY : UPDATE_OK;
+    }
+    if (filename_count(app, &files->count, &files->paths) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "parse filecnt failed");
+        return UPDATE_BAD_REPLY;
+    }
+    if (filename_update(entry, app, files->paths, files->count) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "parse file failed");
+        return UPDATE_BAD_REPLY;
+    }
+    return UPDATE_OK;
+}
+
+UpdateStatus app_file_fetch(xmlNodePtr app, const AppEntry& entry, const char* path) {
+    const char* name = last_component(path);
+    const xmlNodePtr file = xml_child_find_by_name(app, "file", name);
+    if (file == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", entry.name, name);
+        return UPDATE_BAD_REPLY;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "apps_down_files-->[%s] find file_xml [%s]", entry.name,
+                            name);
+    update_progress_begin_file(path);
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", path);
+    return down_file_try_downpaths(file, path);
+}
+
+// Every file is there: the app is told. The resume entry goes first, so that a
+// crash in between can't make a resume run fetch what the app already has.
+UpdateStatus finish_complete(xmlNodePtr app, const AppEntry& entry, uint32_t kind,
+                             const AppFiles& files) {
+    if (kind != UPDATE_RUN_RESUME) resume_free_app(entry.name, files.paths, files.done);
+    resume_write();
+    if (reg_update_req(app, entry.name, files.paths, files.done) >= 0) return UPDATE_OK;
+    filename_unlink(files.paths, files.done);
+    return UPDATE_NOTIFY_FAIL;
+}
+
+// A daily or resume run failed: what can be resumed is kept and recorded.
+void finish_for_resume(xmlNodePtr app, const AppEntry& entry, uint32_t kind, const AppFiles& files,
+                       UpdateStatus result) {
+    bool incremental = (entry.flags & APP_FLAG_INCREMENTAL) != 0 && files.done > 0;
+    if (incremental) {
+        http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->increme update", entry.name);
+        incremental = reg_update_req(app, entry.name, files.paths, files.done) >= 0;
+    }
+    bool recorded = false;
+    if (kind == UPDATE_RUN_DAILY || resume_retry_count.load(std::memory_order_relaxed) > 0) {
+        recorded = resume_add(entry.name, files.paths, files.count, files.done, incremental) == 0;
+        if (recorded && kind == UPDATE_RUN_DAILY)
+            resume_retry_count.store(RESUME_RETRY_MAX, std::memory_order_relaxed);
+    }
+    FilenameArray failed_file = files.paths + files.done;
+    if (!recorded) {
+        filename_unlink(failed_file, 1);
+        if (!incremental) filename_unlink(files.paths, files.done);
+    } else if (result == UPDATE_NO_STORAGE) {
+        http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->del for no flash", entry.name);
+        filename_unlink(failed_file, 1);
+    }
+    resume_write();
+}
+
+void apps_down_finish(xmlNodePtr app, const AppEntry& entry, int slot, const AppFiles& files) {
+    const uint32_t kind = update_progress_mode();
+    const UpdateStatus result = update_progress_result(slot);
+    if (result == UPDATE_DOWNLOADING) {
+        update_progress_set_result(slot, finish_complete(app, entry, kind, files));
+    } else if (kind_is_by_operator(kind)) {
+        resume_del_files(entry.name, files.paths, files.done + 1);
+    } else {
+        finish_for_resume(app, entry, kind, files, result);
+    }
+}
+
+void apps_down_files(xmlNodePtr app, const AppEntry& entry, int slot) {
+    AppFiles files;
+    const UpdateStatus ready = app_files_get(app, entry, update_progress_mode(), &files);
+    if (ready != UPDATE_OK) {
+        update_progress_set_result(slot, ready);
+        return;
+    }
+    update_progress_begin_files(static_cast<uint32_t>(files.count));
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", entry.name, files.count);
+    while (files.done < files.count) {
+        const UpdateStatus result = app_file_fetch(app, entry, files.paths[files.done]);
+        if (result != UPDATE_OK) {
+            update_progress_set_result(slot, result);
+            break;
+        }
+        files.done++;
+        update_progress_file_done();
+        if ((entry.flags & APP_FLAG_ONE_FILE) != 0) break;
+    }
+    apps_down_finish(app, entry, slot, files);
+}
+
+// One app of the pass. False ends the pass.
+bool app_down(xmlNodePtr root, const AppEntry& entry, int slot) {
+    update_progress_begin_app(slot);
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", entry.name);
+    const xmlNodePtr app = xml_child_find_by_name(root, "app", entry.name);
+    if (app == nullptr) {
+        update_progress_set_result(slot, UPDATE_BAD_REPLY);
+        http_client_debug_print(HTTPC_LOG_ERROR, "get app_xml %s fail", entry.name);
+        return true;
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "apps_down-->[%s] find app_xml", entry.name);
+    update_progress_set_result(slot, UPDATE_DOWNLOADING);
+    apps_down_files(app, entry, slot);
+
+    const UpdateStatus result = update_progress_result(slot);
+    const bool cancelled =
+        update_progress_mode() == UPDATE_RUN_COMMAND && result == UPDATE_CANCELLED;
+    return !cancelled && result != UPDATE_NO_MEMORY;
+}
+
+}  // namespace
+
+UpdateStatus apps_down(xmlDocPtr document, const AppSet& set) {
+    const xmlNodePtr root = xml_root_get(document);
+    if (root == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "apps_down-->check doc fail");
+        return UPDATE_BAD_REPLY;
+    }
+    const DownloadPass pass(update_progress_mode() == UPDATE_RUN_COMMAND);
+    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+        AppEntry entry;
+        if (reg_app_get(slot, &entry) != 0) {
+            update_progress_set_result(slot, UPDATE_BAD_REPLY);
+            continue;
+        }
+        if (app_set_contains(set, slot) && !app_down(root, entry, slot)) break;
+    }
+    return UPDATE_OK;
+}

@@ -1,0 +1,182 @@
+// Download of one file.
+#include "update/download.h"
+
+#include <cstring>
+
+#include "buffer/memory.h"
+#include "config/settings.h"
+#include "frame/log.h"
+#include "frame/platform/client_new.h"
+#include "frame/text.h"
+#include "http/connection.h"
+#include "http/xml.h"
+#include "update/progress.h"
+
+static constexpr int DOWNPATH_MAX = 10;
+static constexpr size_t URL_SIZE = 256;
+static constexpr char HTTP_SCHEME[] = "http://";
+static constexpr size_t HTTP_SCHEME_LENGTH = sizeof(HTTP_SCHEME) - 1;
+// The terminal is flushed when more than this has come since the last time.
+static constexpr int32_t FLUSH_BYTES = 10240;
+
+namespace {
+
+// What a foreground pass remembers between two progress calls.
+struct ForegroundProgress {
+    bool first_call;
+    int32_t unflushed;  // bytes
+};
+
+// One file on its way through its sources.
+struct FileAttempt {
+    const char* path;
+    UpdateStatus result;
+};
+
+constexpr int VISIT_NEXT = 0;
+constexpr int VISIT_STOP = -1;
+
+}  // namespace
+
+// One for the process: only one run exists at a time.
+static DownloadCtx s_context;
+static ForegroundProgress s_foreground;
+
+DownloadPass::DownloadPass(bool foreground) {
+    s_context = {};
+    if (!foreground) {
+        s_context.progress = down_progress_record;
+        return;
+    }
+    s_foreground = {true, 0};
+    s_context.user = &s_foreground;
+    s_context.progress = down_progress_show;
+    cli_printf("Downloading updated files, please wait...\n");
+}
+
+DownloadPass::~DownloadPass() { s_context = {}; }
+
+int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
+    update_progress_set_sizes(context->total, context->received);
+    return 0;
+}
+
+int down_progress_show(DownloadCtx* context, int32_t count) {
+    if (context == nullptr) return -1;
+    auto* foreground = static_cast<ForegroundProgress*>(context->user);
+    if (foreground->first_call) {
+        cli_printf("Press Ctrl+C to quit\n");
+        cli_flush();
+        foreground->first_call = false;
+    }
+    update_progress_set_sizes(context->total, context->received);
+    if (context->received == context->total) {
+        const UpdateProgress progress = update_progress_copy();
+        http_client_debug_print(HTTPC_LOG_INFO, "Download [%s] finished, bytes %d prepared",
+                                progress.cur_file, static_cast<int>(progress.file_size));
+        cli_flush();
+        return 0;
+    }
+    if (cli_getc_no_block() == CLI_KEY_CTRL_C) {
+        cli_printf("Download fail, Operation canceled\r\n");
+        return -1;
+    }
+    if (count == 0) {
+        cli_printf(".");
+        cli_flush();
+        return 0;
+    }
+    foreground->unflushed += count;
+    if (foreground->unflushed > FLUSH_BYTES) {
+        cli_flush();
+        foreground->unflushed = 0;
+    }
+    return 0;
+}
+
+// Calls the library, from the configured source address if there is one. False
+// when that address can't be used; nothing was downloaded then.
+static bool download_call(const char* url, const char* path, int* code) {
+    const uint32_t flag = update_progress_download_flag();
+    const SourceAddress source = src_ip_get();
+    if (!source.is_set()) {
+        *code = http_download_file_progress(&s_context, url, path, flag);
+        return true;
+    }
+    auto* tlv = static_cast<http_util_tlv*>(mem_zalloc(sizeof(http_util_tlv)));
+    if (tlv == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR,
+                                "down_files_single_downpath-->malloc http_util_tlv fail.");
+        return false;
+    }
+    uint32_t address = 0;
+    const bool converted = ipv4_text_to_addr(source.update_src_ip, &address) == 1;
+    if (converted) {
+        *tlv = {1, sizeof(tlv->address), address};
+        *code = http_download_file_progress_tlv(&s_context, url, path, flag, tlv);
+    } else {
+        http_client_debug_print(HTTPC_LOG_ERROR,
+                                "down_files_single_downpath-->get source ip addr err.");
+    }
+    mem_free(tlv);
+    return converted;
+}
+
+// Whether the download's code settles the file's result.
+static bool download_settled(int code, UpdateStatus* result) {
+    switch (code) {
+        case HTTP_DOWNLOAD_OK:
+        case HTTP_DOWNLOAD_COMPLETE_ALREADY:
+            *result = UPDATE_OK;
+            return true;
+        case HTTP_DOWNLOAD_CANCELLED:
+            *result = UPDATE_CANCELLED;
+            return true;
+        case HTTP_DOWNLOAD_NO_STORAGE:
+            *result = UPDATE_NO_STORAGE;
+            return true;
+        case HTTP_DOWNLOAD_NO_MEMORY:
+            *result = UPDATE_NO_MEMORY;
+            return true;
+        default:
+            return false;
+    }
+}
+
+static int down_files_single_downpath(xmlNodePtr element, int index, void* argument) {
+    auto* attempt = static_cast<FileAttempt*>(argument);
+    if (index > DOWNPATH_MAX) {
+        http_client_debug_print(HTTPC_LOG_ERROR,
+                                "down_files_single_downpath-->[%s] downpath over %d", attempt->path,
+                                index);
+        return VISIT_STOP;
+    }
+    char text[URL_SIZE];
+    xml_node_content_get(element, text, sizeof(text));
+    http_client_debug_print(HTTPC_LOG_INFO, "down_files_single_downpath-->before downpath [%s]",
+                            text);
+    str_trim(text);
+    http_client_debug_print(HTTPC_LOG_INFO, "down_files_single_downpath-->after downpath [%s]",
+                            text);
+    if (text[0] == '\0') {
+        http_client_debug_print(HTTPC_LOG_ERROR,
+                                "down_files_single_downpath-->downpath is empty for [%s]",
+                                attempt->path);
+        return VISIT_NEXT;
+    }
+    const bool has_scheme = strncmp(text, HTTP_SCHEME, HTTP_SCHEME_LENGTH) == 0;
+    char url[URL_SIZE] = {};
+    size_t length = 0;
+    (void)text_appendf(url, sizeof(url), &length, "%s%s", has_scheme ? "" : HTTP_SCHEME, text);
+
+    int code = 0;
+    if (!download_call(url, attempt->path, &code)) return VISIT_STOP;
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]-->downpath return %d", url, code);
+    return download_settled(code, &attempt->result) ? VISIT_STOP : VISIT_NEXT;
+}
+
+UpdateStatus down_file_try_downpaths(xmlNodePtr file, const char* path) {
+    FileAttempt attempt{path, UPDATE_DOWNLOAD_FAIL};
+    xml_child_foreach(file, "downpath", &attempt, down_files_single_downpath);
+    return attempt.result;
+}

@@ -1,0 +1,174 @@
+// Update and show commands. The foreground run belongs to its command: its thread
+// prints on the command's terminal and ends the command. The background run
+// belongs to nobody and reports to the debug log.
+#include "update/update_commands.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "buffer/memory.h"
+#include "config/server_list.h"
+#include "frame/log.h"
+#include "frame/report.h"
+#include "http/check_version.h"
+#include "registry/app_registry.h"
+#include "resume/resume_timer.h"
+#include "update/progress.h"
+#include "update/update_reports.h"
+#include "update/update_run.h"
+
+static void status_print(UpdateStatus code) {
+    cli_printf("%s%s\n", update_status_prefix(code), update_status_str(code));
+}
+
+static void status_log(UpdateStatus code) {
+    http_client_debug_print(HTTPC_LOG_ERROR, "%s%s\n", update_status_prefix(code),
+                            update_status_str(code));
+}
+
+static void thread_failure_print(int error) {
+    cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
+}
+
+// The apps that the command asks for. UPDATE_OK, or why there are none.
+static UpdateStatus requested_apps(const cli_record* record, AppSet* set) {
+    *set = {};
+    if (record->value1 != 0) {  // the keyword "all"
+        reg_app_all(set);
+        return app_set_is_empty(*set) ? UPDATE_NO_APPS : UPDATE_OK;
+    }
+    const bool refused = reg_app_parse_names(record->string1, set) < 0;
+    return refused || app_set_is_empty(*set) ? UPDATE_NOT_REGISTERED : UPDATE_OK;
+}
+
+// --- foreground
+
+static void update_report_cli(const AppSet& /*requested*/, uint32_t /*kind*/, const char* host,
+                              UpdateStatus status) {
+    cli_printf("Update module with server %s:\r\n", host);
+    if (status != UPDATE_OK)
+        status_print(status);
+    else
+        update_result_output(UPDATE_RUN_COMMAND);
+}
+
+static void update_foreground(const cli_record* record) {
+    const unsigned selector = record->context != 0 ? SERVERS_SECOND : SERVERS_FIRST;
+    AppSet set;
+    UpdateStatus status = requested_apps(record, &set);
+    if (status == UPDATE_OK)
+        status = http_update_run(set, UPDATE_RUN_COMMAND, update_report_cli, selector);
+    if (status != UPDATE_OK) status_print(status);
+}
+
+static void* http_update_thread(void* argument) {
+    (void)pthread_detach(pthread_self());
+    auto* record = static_cast<cli_record*>(argument);
+    if (record == nullptr) return nullptr;
+    (void)prctl(PR_SET_NAME, "http-update");
+    cli_proc_thread_start(record, pthread_self());
+    update_foreground(record);
+    cli_proc_thread_end(record, pthread_self());
+    return nullptr;
+}
+
+void http_update_cmd(cli_record* record) {
+    pthread_t thread{};
+    const int error = pthread_create(&thread, nullptr, http_update_thread, record);
+    if (error != 0) return thread_failure_print(error);
+    cli_proc_thread_start(record, thread);
+}
+
+// --- background
+
+static void update_report_background(const AppSet& /*requested*/, uint32_t /*kind*/,
+                                     const char* /*host*/, UpdateStatus status) {
+    if (status != UPDATE_OK)
+        status_log(status);
+    else
+        update_result_output(UPDATE_RUN_BACKGROUND);
+}
+
+static void* http_update_background_thread(void* argument) {
+    (void)pthread_detach(pthread_self());
+    auto* set = static_cast<AppSet*>(argument);
+    if (set == nullptr) return nullptr;
+    (void)prctl(PR_SET_NAME, "http-update-background");  // the system keeps 15 characters
+    const UpdateStatus status =
+        http_update_run(*set, UPDATE_RUN_BACKGROUND, update_report_background, SERVERS_FIRST);
+    if (status != UPDATE_OK) status_log(status);
+    mem_free(set);
+    return nullptr;
+}
+
+void http_update_background_cmd(cli_record* record) {
+    AppSet set;
+    const UpdateStatus status = requested_apps(record, &set);
+    if (status != UPDATE_OK) return status_print(status);
+    // Another run may begin before the thread's own: it then ends with this status
+    // in the log.
+    if (update_state_is_running()) return status_print(UPDATE_RUNNING);
+    auto* copy = static_cast<AppSet*>(mem_zalloc(sizeof(AppSet)));
+    if (copy == nullptr) return status_print(UPDATE_NO_MEMORY);
+    *copy = set;
+    pthread_t thread{};
+    const int error = pthread_create(&thread, nullptr, http_update_background_thread, copy);
+    if (error != 0) {
+        thread_failure_print(error);
+        mem_free(copy);
+        return;
+    }
+    cli_printf("Successfully into the background.\n");
+}
+
+// --- trees
+
+static void progress_cmd(cli_record* /*record*/) { update_progress_print(REPORT_TERMINAL); }
+static void test_cmd(cli_record* /*record*/) { update_test_print(REPORT_TERMINAL); }
+static void version_cmd(cli_record* /*record*/) { app_version_print(); }
+static void resume_cmd(cli_record* /*record*/) { resume_show(REPORT_TERMINAL); }
+
+// The app list's help is an array that the registry keeps current; the parse
+// nodes hold its address.
+static const cli_node s_background_end = eol_action(http_update_background_cmd);
+static const cli_node s_background_names =
+    string_action(CLI_NODE_LINE, reg_app_help_text(), CLI_SLOT_STRING1, &s_background_end, Tno_alt);
+static const cli_node s_background_all = common_keyword_action(
+    "all", "update all files", &s_background_end, &s_background_names, CLI_SLOT_VALUE1, 1);
+static const cli_node s_background_update = common_keyword_action(
+    "background-update", "update background proc", &s_background_all, Tno_alt);
+
+static const cli_node s_update_end = eol_action(http_update_cmd);
+static const cli_node s_update_names =
+    string_action(CLI_NODE_LINE, reg_app_help_text(), CLI_SLOT_STRING1, &s_update_end, Tno_alt);
+static const cli_node s_update_all = common_keyword_action("all", "update all files", &s_update_end,
+                                                           &s_update_names, CLI_SLOT_VALUE1, 1);
+static const cli_node s_progress_end = eol_action(progress_cmd);
+static const cli_node s_progress = common_keyword_action(
+    "display-progress", "display update progress", &s_progress_end, &s_update_all);
+static const cli_node s_update =
+    common_keyword_action("update", "http update", &s_progress, &s_background_update);
+
+static const cli_node s_check_end = eol_action(http_check_version_cmd);
+static const cli_node s_check =
+    common_keyword_action("check-version", "http check version", &s_check_end, &s_update);
+static const cli_node s_http = common_keyword_action("http", "http cmd", &s_check, Tno_alt);
+const cli_node exec_http_tree = append_point_action(&s_http);
+
+static const cli_node s_resume_end = eol_action(resume_cmd);
+static const cli_node s_resume =
+    common_keyword_action("resume", "http auto update resume info", &s_resume_end, Tno_alt);
+static const cli_node s_version_end = eol_action(version_cmd);
+static const cli_node s_version =
+    common_keyword_action("version", "http auto update info version", &s_version_end, &s_resume);
+static const cli_node s_info =
+    common_keyword_action("info", "http auto update info", &s_version, Tno_alt);
+static const cli_node s_test_end = eol_action(test_cmd);
+static const cli_node s_test =
+    common_keyword_action("test", "http auto update test info", &s_test_end, &s_info);
+static const cli_node s_http_update =
+    common_keyword_action("http-update", "http auto update state", &s_test, Tno_alt);
+const cli_node show_http_update_tree = append_point_action(&s_http_update);
