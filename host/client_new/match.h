@@ -1,0 +1,45 @@
+// Matching of typed lines against parse trees: tree and words in, handler and
+// filled record (or the line that says what is wrong) out.
+//
+// A word is taken by the keyword it equals; else by the one keyword it
+// abbreviates, and by nodes that take free words too, which come into play only
+// when the rest of the line does not fit the keyword.
+// Threads: any; works on its arguments and on the constant trees only.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "frame/platform/client_new.h"
+
+namespace client_new {
+
+// What can be typed in one mode of a session.
+struct Grammar {
+    const cli_node* root;
+    const cli_node* no_keyword;     // passing it makes it a "no" command
+    const cli_node* debug_keyword;  // passing it makes context 1, negated 2
+};
+
+struct Match {
+    cli_handler handler;  // null: refused
+    cli_record record;    // words, flags and slots filled
+    std::string refusal;  // one line with its line end
+};
+
+// line: any bytes. context: of a command that is not a debug command.
+Match match_line(const Grammar& grammar, std::string_view line, uint32_t context);
+
+// What may follow the line at its end, one line each; after a line that matches
+// nothing the refusal.
+std::string match_help(const Grammar& grammar, std::string_view line);
+
+// Keywords that the last, unfinished word of the line may become, in the order of
+// the tree. They belong to the tree.
+std::vector<std::string_view> match_complete(const Grammar& grammar, std::string_view line);
+
+// No words, or a comment (first word begins with "!" or "#").
+bool line_is_blank(std::string_view line);
+
+}  // namespace client_new

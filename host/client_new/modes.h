@@ -1,0 +1,26 @@
+// What can be typed in each mode of a session: the daemon's trees, and the
+// commands of the service itself around them.
+// Threads: main loop only.
+#pragma once
+
+#include "host/client_new/cli_protocol.h"
+#include "host/client_new/match.h"
+
+namespace client_new {
+
+using DebugSwitch = void (*)(int action);
+
+// False: there is no such mode, or no tree.
+bool modes_add_tree(int mode, const cli_node* root);
+
+void modes_add_debug_switch(DebugSwitch debug_switch);
+
+// Puts the grammars together; trees added later are not seen.
+void modes_build();
+
+const Grammar& modes_grammar(Mode mode);
+
+// Runs the lines of the start-up configuration.
+void modes_replay();
+
+}  // namespace client_new

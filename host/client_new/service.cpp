@@ -1,0 +1,367 @@
+// Sessions' sockets on the main loop.
+//
+// All tasks of the loop belong to the main thread. Threads of commands that leave
+// something to send, or end a command, write an eventfd; its task then looks at
+// every session. The main loop never waits for a terminal: what a socket does not
+// take stays in the session's queue until it is writable.
+#include "host/client_new/service.h"
+
+#include <errno.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "frame/platform/syslog_new.h"
+#include "frame/text.h"
+#include "host/client_new/command.h"
+#include "host/client_new/match.h"
+#include "host/client_new/modes.h"
+#include "host/client_new/session.h"
+#include "host/tq_thread/tq_thread_host.h"
+
+namespace client_new {
+
+namespace {
+
+constexpr size_t SESSIONS_MAX = 16;
+constexpr size_t WAITING_LINES_MAX = 16;
+constexpr int LISTEN_BACKLOG = 16;
+constexpr long ACCEPT_RETRY_S = 1;
+constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
+
+tq_thread_master* s_master = nullptr;
+UniqueFd s_listener;
+UniqueFd s_wake;
+bool s_commands_taken = false;
+std::vector<std::shared_ptr<Session>> s_sessions;
+
+int accept_ready(tq_thread* task);
+int wake_ready(tq_thread* task);
+int session_readable(tq_thread* task);
+int session_writable(tq_thread* task);
+
+void complain(const char* what) {
+    (void)printk_syslog_ext(LOG_ERR, "CLI", "ERROR", SYSLOG_OUTPUT, "%s: %s\n", what,
+                            strerror(errno));
+}
+
+bool arm_wake() {
+    return tq_thread_add_read_withname(s_master, wake_ready, nullptr, s_wake.get(), "cli-wake") !=
+           nullptr;
+}
+
+bool arm_listener() {
+    return tq_thread_add_read_withname(s_master, accept_ready, nullptr, s_listener.get(),
+                                       "cli-listen") != nullptr;
+}
+
+bool is_gone(Session* session) {
+    const MutexLock guard(cli_lock);
+    return session->gone;
+}
+
+bool is_busy(Session* session) {
+    const MutexLock guard(cli_lock);
+    return session->busy;
+}
+
+void drop(Session* session) {
+    const MutexLock guard(cli_lock);
+    session_drop_locked(session);
+}
+
+void say_goodbye(Session* session, std::string_view reason) {
+    const MutexLock guard(cli_lock);
+    session_send_locked(session, FRAME_BYE, reason);
+    session_drop_locked(session);
+}
+
+// Takes the session off the loop. Its record stays until its command has ended.
+void forget(const std::shared_ptr<Session>& session) {
+    tq_thread_cancel(session->read_task);
+    tq_thread_cancel(session->write_task);
+    session->read_task = nullptr;
+    session->write_task = nullptr;
+    std::erase(s_sessions, session);
+}
+
+void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
+    Mode mode{};
+    {
+        const MutexLock guard(cli_lock);
+        mode = session->mode;
+    }
+    const Grammar& grammar = modes_grammar(mode);
+    if (line_is_blank(line)) {
+        command_skip(session, "");
+        return;
+    }
+    if (line.ends_with('?')) {
+        const std::string help = match_help(grammar, line.substr(0, line.size() - 1));
+        {
+            const MutexLock guard(cli_lock);
+            session_print_locked(session.get(), help);
+        }
+        command_skip(session, "");
+        return;
+    }
+    const Match match = match_line(grammar, line, session->second_list ? 1 : 0);
+    if (match.handler == nullptr) {
+        command_skip(session, match.refusal);
+    } else {
+        command_run(session, match);
+    }
+}
+
+// Runs what waits, sends what the socket takes, and puts the session back on the
+// loop; or lets it go.
+void attend(const std::shared_ptr<Session>& session) {
+    while (s_commands_taken && !session->waiting_lines.empty() && !is_busy(session.get()) &&
+           !is_gone(session.get())) {
+        const std::string line = std::move(session->waiting_lines.front());
+        session->waiting_lines.pop_front();
+        run_line(session, line);
+    }
+    bool unsent = false;
+    {
+        const MutexLock guard(cli_lock);
+        session_flush_locked(session.get());
+        unsent = session_has_unsent_locked(session.get());
+    }
+    if (is_gone(session.get())) {
+        forget(session);
+        return;
+    }
+    if (session->read_task == nullptr) {
+        session->read_task = tq_thread_add_read_withname(s_master, session_readable, session.get(),
+                                                         session->socket.get(), "cli-read");
+    }
+    if (unsent && session->write_task == nullptr) {
+        session->write_task = tq_thread_add_write_withname(
+            s_master, session_writable, session.get(), session->socket.get(), "cli-write");
+    }
+    if (session->read_task == nullptr || (unsent && session->write_task == nullptr)) {
+        drop(session.get());  // the loop is out of memory: a deaf session helps nobody
+        forget(session);
+    }
+}
+
+void open_session(Session* session, std::string_view payload) {
+    OpenPayload open{};
+    if (session->opened || payload.size() != sizeof open) {
+        say_goodbye(session, "malformed request");
+        return;
+    }
+    memcpy(&open, payload.data(), sizeof open);
+    if (open.version != PROTOCOL_VERSION) {
+        say_goodbye(session, "this program and the daemon are of different releases");
+        return;
+    }
+    session->opened = true;
+    session->second_list = (open.flags & OPEN_SECOND_LIST) != 0;
+    session->waiting_lines.emplace_back();  // a blank line: answered when commands are taken
+}
+
+void add_keys(Session* session, std::string_view keys) {
+    const MutexLock guard(cli_lock);
+    const bool for_none = !session->busy && session->waiting_lines.empty();
+    if (for_none) return;  // came too late for its command
+    for (const char key : keys) session_add_key_locked(session, static_cast<unsigned char>(key));
+}
+
+void reply(Session* session, std::string_view text) {
+    const MutexLock guard(cli_lock);
+    session_send_locked(session, FRAME_REPLY, text);
+}
+
+std::string completions(const Grammar& grammar, std::string_view line) {
+    std::string words;
+    for (const std::string_view word : match_complete(grammar, line)) {
+        words += word;
+        words += '\n';
+    }
+    return words;
+}
+
+Mode mode_of(Session* session) {
+    const MutexLock guard(cli_lock);
+    return session->mode;
+}
+
+void take_frame(Session* session, const Frame& frame) {
+    if (!session->opened && frame.type != FRAME_OPEN) {
+        say_goodbye(session, "malformed request");
+        return;
+    }
+    switch (frame.type) {
+        case FRAME_OPEN:
+            open_session(session, frame.payload);
+            return;
+        case FRAME_COMMAND:
+            if (session->waiting_lines.size() >= WAITING_LINES_MAX) {
+                say_goodbye(session, "too many commands at once");
+                return;
+            }
+            session->waiting_lines.push_back(frame.payload);
+            return;
+        case FRAME_KEY:
+            add_keys(session, frame.payload);
+            return;
+        case FRAME_HELP:
+            reply(session, match_help(modes_grammar(mode_of(session)), frame.payload));
+            return;
+        case FRAME_COMPLETE:
+            reply(session, completions(modes_grammar(mode_of(session)), frame.payload));
+            return;
+        case FRAME_OUTPUT:
+        case FRAME_REFUSAL:
+        case FRAME_END:
+        case FRAME_REPLY:
+        case FRAME_BYE:
+            break;
+    }
+    say_goodbye(session, "malformed request");
+}
+
+void take_frames(Session* session) {
+    Frame frame{};
+    for (;;) {
+        const FrameReader::Result result = session->input.Next(&frame);
+        if (result == FrameReader::Result::kIncomplete) return;
+        if (result == FrameReader::Result::kTooLong) {
+            say_goodbye(session, "malformed request");
+            return;
+        }
+        take_frame(session, frame);
+        if (is_gone(session)) return;
+    }
+}
+
+// One read a turn of the loop, so that a chatty peer keeps nobody else waiting.
+void receive(Session* session) {
+    char bytes[4096];
+    const ssize_t count = recv(session->socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+    if (count > 0) {
+        session->input.Add({bytes, static_cast<size_t>(count)});
+        take_frames(session);
+    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+        drop(session);
+    }
+}
+
+std::shared_ptr<Session> session_of(const tq_thread* task) {
+    const auto found = std::ranges::find_if(
+        s_sessions, [&](const auto& session) { return session.get() == TQ_THREAD_ARG(task); });
+    return found == s_sessions.end() ? nullptr : *found;
+}
+
+int session_readable(tq_thread* task) {
+    const std::shared_ptr<Session> session = session_of(task);
+    if (session == nullptr) return -1;
+    session->read_task = nullptr;
+    receive(session.get());
+    attend(session);
+    return 0;
+}
+
+int session_writable(tq_thread* task) {
+    const std::shared_ptr<Session> session = session_of(task);
+    if (session == nullptr) return -1;
+    session->write_task = nullptr;
+    attend(session);
+    return 0;
+}
+
+int wake_ready(tq_thread*) {
+    if (!arm_wake()) complain("cli-wake");
+    eventfd_t count = 0;
+    (void)eventfd_read(s_wake.get(), &count);  // non-blocking; nothing to read is fine
+    const std::vector<std::shared_ptr<Session>> sessions = s_sessions;
+    for (const auto& session : sessions) attend(session);
+    return 0;
+}
+
+int accept_retry(tq_thread*) {
+    if (!arm_listener()) complain("cli-listen");
+    return 0;
+}
+
+// When descriptors or memory are short the listener would stay readable: look
+// again a little later instead of spinning.
+void accept_later() {
+    complain("accept");
+    if (tq_thread_add_timer_withname(s_master, accept_retry, nullptr, ACCEPT_RETRY_S,
+                                     "cli-accept") == nullptr) {
+        complain("cli-accept");
+    }
+}
+
+int accept_ready(tq_thread*) {
+    UniqueFd socket(accept4(s_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const bool short_of_means = !socket.valid() && (errno == EMFILE || errno == ENFILE ||
+                                                    errno == ENOMEM || errno == ENOBUFS);
+    if (short_of_means) {
+        accept_later();
+        return -1;
+    }
+    if (!arm_listener()) complain("cli-listen");
+    if (!socket.valid()) return -1;
+    auto session = std::make_shared<Session>();
+    session->socket = std::move(socket);
+    if (s_sessions.size() >= SESSIONS_MAX) {
+        say_goodbye(session.get(), "too many sessions are open");
+        return 0;
+    }
+    s_sessions.push_back(session);
+    attend(session);
+    return 0;
+}
+
+// The mode is on the socket before it has a name, and nobody can connect before
+// it listens: there is no moment at which a stranger gets in, whatever the
+// process's file-creation mask.
+bool bind_private(int fd, const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (!text_copy(address.sun_path, path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    (void)unlink(path.c_str());  // bind tells when something is still there
+    return fchmod(fd, 0600) == 0 &&
+           bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           chmod(path.c_str(), 0600) == 0 && listen(fd, LISTEN_BACKLOG) == 0;
+}
+
+}  // namespace
+
+bool service_listen(tq_thread_master* master, const std::string& path) {
+    UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!listener.valid() || !wake.valid() || !bind_private(listener.get(), path)) {
+        complain(path.c_str());
+        return false;
+    }
+    s_master = master;
+    s_listener = std::move(listener);
+    s_wake = std::move(wake);
+    command_init(s_wake.get());
+    if (arm_wake()) return true;
+    complain("cli-wake");
+    (void)unlink(path.c_str());
+    s_listener.reset();
+    return false;
+}
+
+bool service_start() {
+    s_commands_taken = true;
+    return arm_listener();
+}
+
+}  // namespace client_new

@@ -1,0 +1,124 @@
+// Output queue and keys of one terminal.
+#include "host/client_new/session.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include "frame/platform/client_new.h"
+
+namespace client_new {
+
+Mutex cli_lock;
+
+namespace {
+
+constexpr size_t FLUSH_BYTES = 8192;
+// A command's own thread waits when more than this is unsent. The main loop never
+// waits; a handler that runs there and floods a terminal that does not read loses
+// the terminal at the second figure.
+constexpr size_t WAIT_BYTES = 65536;
+constexpr size_t QUEUE_MAX_BYTES = 1048576;
+constexpr size_t KEYS_MAX = 64;
+constexpr int64_t ROOM_WAIT_MS = 5000;
+
+int64_t monotonic_ms() {
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+void frame_text_locked(Session* session) REQUIRES(cli_lock) {
+    std::string_view text = session->text;
+    while (!text.empty()) {
+        const std::string_view part = text.substr(0, REPLY_PAYLOAD_MAX);
+        frame_append(&session->queue, FRAME_OUTPUT, part);
+        text.remove_prefix(part.size());
+    }
+    session->text.clear();
+}
+
+// True: the terminal is gone, or read enough.
+bool has_room(Session* session) EXCLUDES(cli_lock) {
+    const MutexLock guard(cli_lock);
+    session_flush_locked(session);
+    return session->gone || session->queue.size() <= WAIT_BYTES;
+}
+
+}  // namespace
+
+void session_print_locked(Session* session, std::string_view text) {
+    if (session->gone) return;
+    session->text.append(text);
+    if (session->text.size() >= FLUSH_BYTES) session_flush_locked(session);
+}
+
+void session_send_locked(Session* session, FrameType type, std::string_view payload) {
+    if (session->gone) return;
+    frame_text_locked(session);
+    frame_append(&session->queue, type, payload.substr(0, REPLY_PAYLOAD_MAX));
+    session_flush_locked(session);
+}
+
+void session_flush_locked(Session* session) {
+    if (session->gone) return;
+    frame_text_locked(session);
+    size_t sent = 0;
+    while (sent < session->queue.size()) {
+        const ssize_t count = send(session->socket.get(), session->queue.data() + sent,
+                                   session->queue.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno != EAGAIN) {
+            session_drop_locked(session);
+            return;
+        }
+        if (count < 0) break;
+        sent += static_cast<size_t>(count);
+    }
+    session->queue.erase(0, sent);
+    if (session->queue.size() > QUEUE_MAX_BYTES) session_drop_locked(session);
+}
+
+bool session_has_unsent_locked(const Session* session) {
+    return !session->gone && !session->queue.empty();
+}
+
+void session_drop_locked(Session* session) {
+    session->gone = true;
+    session->text = std::string();
+    session->queue = std::string();
+    (void)shutdown(session->socket.get(), SHUT_RDWR);  // fails when the peer is gone already
+}
+
+void session_add_key_locked(Session* session, int key) {
+    if (session->keys.size() < KEYS_MAX) {
+        session->keys.push_back(key);
+    } else if (key == CLI_KEY_CTRL_C) {
+        session->keys.back() = key;  // asking to stop must not be lost behind a pasted text
+    }
+}
+
+int session_next_key_locked(Session* session) {
+    if (session->gone) return CLI_KEY_CTRL_C;
+    if (session->keys.empty()) return -1;
+    const int key = session->keys.front();
+    session->keys.pop_front();
+    return key;
+}
+
+void session_wait_for_room(const std::shared_ptr<Session>& session) {
+    const int64_t deadline_ms = monotonic_ms() + ROOM_WAIT_MS;
+    while (!has_room(session.get())) {
+        const int64_t left_ms = deadline_ms - monotonic_ms();
+        if (left_ms <= 0) {
+            const MutexLock guard(cli_lock);
+            session_drop_locked(session.get());
+            return;
+        }
+        pollfd waiting{session->socket.get(), POLLOUT, 0};
+        (void)poll(&waiting, 1, static_cast<int>(left_ms));  // the loop looks again anyway
+    }
+}
+
+}  // namespace client_new

@@ -1,0 +1,199 @@
+// Frames, signals and the life of one command.
+#include "connection.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "frame/text.h"
+
+using client_new::Frame;
+using client_new::FrameReader;
+using client_new::FrameType;
+
+namespace {
+
+constexpr std::string_view KEY_INTERRUPT = "\x03";
+
+bool open_signals(Connection* connection) {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    for (const int number : {SIGINT, SIGWINCH, SIGCONT, SIGTERM, SIGHUP}) {
+        (void)sigaddset(&set, number);
+    }
+    connection->signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    return connection->signals.valid() && sigprocmask(SIG_BLOCK, &set, nullptr) == 0;
+}
+
+bool connect_to(const std::string& path, Connection* connection) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (!text_copy(address.sun_path, path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    connection->socket.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connection->socket.valid() &&
+           connect(connection->socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                   sizeof address) == 0;
+}
+
+// A failure shows in the next read, after what the daemon said before.
+void send_frame(Connection* connection, FrameType type, std::string_view payload) {
+    std::string bytes;
+    client_new::frame_append(&bytes, type, payload);
+    std::string_view rest = bytes;
+    while (!rest.empty()) {
+        const ssize_t count =
+            send(connection->socket.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return;
+        rest.remove_prefix(static_cast<size_t>(count));
+    }
+}
+
+Event lose(std::string_view reason) {
+    write_all(STDERR_FILENO, "http_client_cli: ");
+    write_all(STDERR_FILENO, reason);
+    write_all(STDERR_FILENO, "\n");
+    return Event::kLost;
+}
+
+// True when *event is to be told.
+bool take_signal(Connection* connection, Event* event) {
+    signalfd_siginfo info{};
+    if (read(connection->signals.get(), &info, sizeof info) != ssize_t{sizeof info}) return false;
+    *event = info.ssi_signo == SIGINT     ? Event::kInterrupt
+             : info.ssi_signo == SIGWINCH ? Event::kResize
+             : info.ssi_signo == SIGCONT  ? Event::kContinue
+                                          : Event::kQuit;
+    return true;
+}
+
+// True when *event is to be told: a frame is whole, or the session is lost.
+bool take_frame(Connection* connection, Frame* frame, Event* event) {
+    const FrameReader::Result result = connection->reader.Next(frame);
+    if (result == FrameReader::Result::kIncomplete) return false;
+    *event = Event::kFrame;
+    if (result == FrameReader::Result::kTooLong) {
+        *event = lose("the daemon sent something unreadable");
+    } else if (frame->type == client_new::FRAME_BYE) {
+        *event = lose(frame->payload);
+    }
+    return true;
+}
+
+// False: the daemon is gone.
+bool receive(Connection* connection) {
+    char bytes[16384];
+    const ssize_t count = recv(connection->socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+    if (count > 0) connection->reader.Add({bytes, static_cast<size_t>(count)});
+    return count > 0 || (count < 0 && (errno == EINTR || errno == EAGAIN));
+}
+
+void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
+    client_new::EndPayload end{};
+    if (frame.payload.size() == sizeof end) memcpy(&end, frame.payload.data(), sizeof end);
+    connection->mode = end.mode;
+    connection->left = end.leave != 0;
+    *outcome = end.status == client_new::END_ACCEPTED ? Outcome::kAccepted : Outcome::kRefused;
+}
+
+// Shows frames until the command's end. forward_interrupt: SIGINT is the
+// command's business; otherwise it ends the program.
+Outcome finish_command(Connection* connection, bool forward_interrupt) {
+    for (;;) {
+        Frame frame{};
+        const Event event = connection_wait(connection, false, &frame);
+        if (event == Event::kLost) return Outcome::kLost;
+        if (event == Event::kQuit) return Outcome::kQuit;
+        if (event == Event::kInterrupt) {
+            if (!forward_interrupt) return Outcome::kQuit;
+            send_frame(connection, client_new::FRAME_KEY, KEY_INTERRUPT);
+        }
+        if (event != Event::kFrame) continue;
+        Outcome outcome{};
+        if (frame.type == client_new::FRAME_OUTPUT) write_all(STDOUT_FILENO, frame.payload);
+        if (frame.type == client_new::FRAME_REFUSAL) write_all(STDERR_FILENO, frame.payload);
+        if (frame.type == client_new::FRAME_END) {
+            end_command(connection, frame, &outcome);
+            return outcome;
+        }
+    }
+}
+
+}  // namespace
+
+void write_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(fd, text.data(), text.size());
+        if (count < 0 && errno == EAGAIN) {
+            pollfd waiting{fd, POLLOUT, 0};  // somebody made the terminal non-blocking
+            (void)poll(&waiting, 1, -1);
+            continue;
+        }
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return;  // there is nowhere to say so
+        text.remove_prefix(static_cast<size_t>(count));
+    }
+}
+
+bool connection_open(Connection* connection, bool second_list) {
+    const std::string path = client_new::cli_socket_path();
+    if (!connect_to(path, connection) || !open_signals(connection)) {
+        (void)fprintf(stderr, "http_client_cli: no daemon at %s: %s\n", path.c_str(),
+                      strerror(errno));
+        return false;
+    }
+    const client_new::OpenPayload open{client_new::PROTOCOL_VERSION,
+                                       second_list ? client_new::OPEN_SECOND_LIST : 0};
+    send_frame(connection, client_new::FRAME_OPEN,
+               {reinterpret_cast<const char*>(&open), sizeof open});
+    return finish_command(connection, false) == Outcome::kAccepted;
+}
+
+Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
+    for (;;) {
+        Event event{};
+        if (take_frame(connection, frame, &event)) return event;
+        pollfd waiting[] = {{connection->signals.get(), POLLIN, 0},
+                            {connection->socket.get(), POLLIN, 0},
+                            {STDIN_FILENO, POLLIN, 0}};
+        if (poll(waiting, input_too ? 3 : 2, -1) < 0) continue;
+        if (waiting[0].revents != 0 && take_signal(connection, &event)) return event;
+        if (waiting[1].revents != 0) {
+            if (!receive(connection)) return lose("the daemon has closed the session");
+            continue;
+        }
+        if (input_too && waiting[2].revents != 0) return Event::kInput;
+    }
+}
+
+Outcome connection_run(Connection* connection, std::string_view line) {
+    if (line.size() > client_new::LINE_LENGTH_MAX) {
+        (void)fprintf(stderr, "%% Line too long (at most %zu bytes)\n",
+                      client_new::LINE_LENGTH_MAX);
+        return Outcome::kRefused;
+    }
+    send_frame(connection, client_new::FRAME_COMMAND, line);
+    return finish_command(connection, true);
+}
+
+bool connection_ask(Connection* connection, FrameType type, std::string_view line,
+                    std::string* reply) {
+    if (line.size() > client_new::LINE_LENGTH_MAX) return true;  // there is no such command
+    send_frame(connection, type, line);
+    for (;;) {
+        Frame frame{};
+        const Event event = connection_wait(connection, false, &frame);
+        if (event == Event::kLost || event == Event::kQuit) return false;
+        if (event != Event::kFrame || frame.type != client_new::FRAME_REPLY) continue;
+        *reply = std::move(frame.payload);
+        return true;
+    }
+}

@@ -1,0 +1,50 @@
+// The program's side of a session: connects to the daemon, runs commands, asks
+// for help and completions. Signals come in through a descriptor, so that a key
+// or a resize can arrive at any moment and be taken at the right one.
+// Threads: one.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "frame/unique_fd.h"
+#include "host/client_new/cli_protocol.h"
+
+// What woke the program while it waited.
+enum class Event {
+    kFrame,      // the daemon sent one
+    kInput,      // standard input is readable
+    kInterrupt,  // SIGINT
+    kResize,     // SIGWINCH
+    kContinue,   // SIGCONT: the terminal may have been somebody else's
+    kQuit,       // SIGTERM or SIGHUP
+    kLost,       // the daemon closed the session; said so on standard error
+};
+
+struct Connection {
+    UniqueFd socket;
+    UniqueFd signals;
+    client_new::FrameReader reader{client_new::REPLY_PAYLOAD_MAX};
+    client_new::Mode mode = client_new::Mode::kExec;
+    bool left = false;  // the session ended by a command
+};
+
+enum class Outcome { kAccepted, kRefused, kQuit, kLost };
+
+// Opens a session. False: there is no daemon, or it does not want us; said so on
+// standard error.
+bool connection_open(Connection* connection, bool second_list);
+
+// Waits for a frame, a signal or, if asked, standard input.
+Event connection_wait(Connection* connection, bool input_too, client_new::Frame* frame);
+
+// Runs a command to its end; output and refusals go to standard output and error.
+Outcome connection_run(Connection* connection, std::string_view line);
+
+// Asks with FRAME_HELP or FRAME_COMPLETE. False: the session is lost or over.
+bool connection_ask(Connection* connection, client_new::FrameType type, std::string_view line,
+                    std::string* reply);
+
+// Writes all of it; a reader that went away ends the program as usual (SIGPIPE).
+void write_all(int fd, std::string_view text);

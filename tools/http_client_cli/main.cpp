@@ -1,0 +1,148 @@
+// The operator's terminal of the daemon http_client: commands from the command
+// line, from standard input or typed.
+#include <getopt.h>
+#include <locale.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "connection.h"
+#include "input.h"
+#include "tech_support.h"
+
+namespace {
+
+constexpr int EXIT_REFUSED = 1;
+constexpr int EXIT_NO_DAEMON = 2;  // and bad usage
+constexpr int EXIT_BY_SIGINT = 130;
+
+constexpr char USAGE[] =
+    "Usage: http_client_cli [--second-list] [-c COMMAND]...\n"
+    "       http_client_cli --tech-support FILE.tar.gz\n"
+    "\n"
+    "Runs commands in the daemon http_client: those given with -c, else those typed\n"
+    "at the terminal, else those on standard input, one a line. At the terminal \"?\"\n"
+    "shows what may follow, Tab completes a word, Ctrl+C stops a running command\n"
+    "and Ctrl+D leaves.\n"
+    "\n"
+    "  -c, --command COMMAND   run COMMAND; all commands run in one session\n"
+    "      --second-list       commands use the second list of update servers\n"
+    "      --tech-support FILE write reports and dump files for support into FILE\n"
+    "  -h, --help              show this text\n"
+    "      --version           show the version\n"
+    "\n"
+    "Exit status: 0 every command was accepted, 1 one was refused, 2 no daemon or\n"
+    "bad usage.\n";
+
+struct Options {
+    std::vector<const char*> commands;
+    const char* tech_support = nullptr;
+    bool second_list = false;
+};
+
+enum { OPTION_SECOND_LIST = 256, OPTION_TECH_SUPPORT, OPTION_VERSION };
+
+constexpr option LONG_OPTIONS[] = {
+    {"command", required_argument, nullptr, 'c'},
+    {"second-list", no_argument, nullptr, OPTION_SECOND_LIST},
+    {"tech-support", required_argument, nullptr, OPTION_TECH_SUPPORT},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, OPTION_VERSION},
+    {nullptr, 0, nullptr, 0}};
+
+[[noreturn]] void bad_usage() {
+    (void)fputs(USAGE, stderr);
+    exit(EXIT_NO_DAEMON);
+}
+
+Options parse_options(int argc, char** argv) {
+    Options options;
+    for (;;) {
+        switch (getopt_long(argc, argv, "c:h", LONG_OPTIONS, nullptr)) {
+            case 'c':
+                options.commands.push_back(optarg);
+                break;
+            case OPTION_SECOND_LIST:
+                options.second_list = true;
+                break;
+            case OPTION_TECH_SUPPORT:
+                options.tech_support = optarg;
+                break;
+            case 'h':
+                (void)fputs(USAGE, stdout);
+                exit(EXIT_SUCCESS);
+            case OPTION_VERSION:
+                (void)puts("http_client_cli " HTTP_CLIENT_VERSION);
+                exit(EXIT_SUCCESS);
+            case -1:
+                if (optind < argc) bad_usage();
+                if (options.tech_support != nullptr &&
+                    (options.second_list || !options.commands.empty())) {
+                    bad_usage();
+                }
+                return options;
+            default:
+                bad_usage();
+        }
+    }
+}
+
+// Counts a command's outcome into the exit status. False: that was the last one.
+bool go_on(const Connection& connection, Outcome outcome, int* status) {
+    if (outcome == Outcome::kRefused) *status = EXIT_REFUSED;
+    if (outcome == Outcome::kLost) *status = EXIT_NO_DAEMON;
+    if (outcome == Outcome::kQuit) *status = EXIT_REFUSED;  // it was not seen to end well
+    return outcome != Outcome::kLost && outcome != Outcome::kQuit && !connection.left;
+}
+
+int run_given(Connection* connection, const std::vector<const char*>& commands) {
+    int status = EXIT_SUCCESS;
+    for (const char* command : commands) {
+        if (!go_on(*connection, connection_run(connection, command), &status)) break;
+    }
+    return status;
+}
+
+int run_input(Connection* connection, bool terminal) {
+    int status = EXIT_SUCCESS;
+    for (;;) {
+        const char* prompt = !terminal ? ""
+                             : connection->mode == client_new::Mode::kExec
+                                 ? "http_client> "
+                                 : "http_client(config)# ";
+        std::string line;
+        const InputResult result = terminal ? edit_read_line(connection, prompt, &line)
+                                            : plain_read_line(connection, prompt, &line);
+        switch (result) {
+            case InputResult::kLine:
+                if (!go_on(*connection, connection_run(connection, line), &status)) return status;
+                break;
+            case InputResult::kInterrupted:
+                if (!terminal) return EXIT_BY_SIGINT;
+                break;
+            case InputResult::kEnd:
+            case InputResult::kQuit:
+                return status;
+            case InputResult::kLost:
+                return EXIT_NO_DAEMON;
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    (void)setlocale(LC_CTYPE, "");
+    const Options options = parse_options(argc, argv);
+    if (options.tech_support != nullptr) return tech_support_write(options.tech_support);
+
+    Connection connection;
+    if (!connection_open(&connection, options.second_list)) return EXIT_NO_DAEMON;
+    if (!options.commands.empty()) return run_given(&connection, options.commands);
+    const int status =
+        run_input(&connection, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0);
+    edit_close();
+    return status;
+}

@@ -1,0 +1,186 @@
+// Asks the daemon's support service, one request a connection, and packs what it
+// answers. A dump file is somebody else's: it is read only when it is a plain file
+// of a sensible size, and never through a symbolic link.
+#include "tech_support.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string>
+#include <vector>
+
+#include "connection.h"
+#include "frame/text.h"
+#include "tar_gz.h"
+
+namespace {
+
+constexpr int REPORTS = 2;
+constexpr int ANSWER_WAIT_MS = 30000;
+constexpr size_t ANSWER_MAX_BYTES = 16777216;
+constexpr off_t DUMP_MAX_BYTES = 16777216;
+constexpr size_t MEMBER_NAME_MAX = 100;
+constexpr int EXIT_NO_BUNDLE = 2;
+
+struct Dump {
+    std::string content;
+    long mtime_s;
+};
+
+std::string socket_path() {
+    return client_new::directory_prefix("TMPDIR", "/tmp") + "/oam/http_client/.tech_support";
+}
+
+void say(const std::string& what, const char* reason) {
+    (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
+}
+
+bool connect_to_service(UniqueFd* connection) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (void)text_copy(address.sun_path, socket_path());  // the prefix is short
+    connection->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connection->valid() &&
+           connect(connection->get(), reinterpret_cast<const sockaddr*>(&address),
+                   sizeof address) == 0;
+}
+
+// Reads until the service closes. False: errno says why.
+bool receive_all(int fd, std::string* answer) {
+    for (;;) {
+        pollfd waiting{fd, POLLIN, 0};
+        const int ready = poll(&waiting, 1, ANSWER_WAIT_MS);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) errno = ETIMEDOUT;
+        if (ready <= 0) return false;
+        char bytes[16384];
+        const ssize_t count = recv(fd, bytes, sizeof bytes, 0);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count == 0;
+        if (answer->size() + static_cast<size_t>(count) > ANSWER_MAX_BYTES) {
+            errno = EFBIG;
+            return false;
+        }
+        answer->append(bytes, static_cast<size_t>(count));
+    }
+}
+
+// False: no answer, said so.
+bool ask(const std::string& request, std::string* answer) {
+    UniqueFd connection;
+    if (connect_to_service(&connection) &&
+        send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
+            static_cast<ssize_t>(request.size()) &&
+        receive_all(connection.get(), answer)) {
+        return true;
+    }
+    say("no support service at " + socket_path(), strerror(errno));
+    return false;
+}
+
+// "complete LENGTH", a line end and as many bytes. False: anything else.
+bool take_report(std::string_view answer, std::string_view* report) {
+    constexpr std::string_view HEAD = "complete ";
+    const size_t line_end = answer.find('\n');
+    if (!answer.starts_with(HEAD) || line_end == answer.npos) return false;
+    size_t length = 0;
+    const auto [stop, error] =
+        std::from_chars(answer.data() + HEAD.size(), answer.data() + line_end, length);
+    *report = answer.substr(line_end + 1);
+    return error == std::errc() && stop == answer.data() + line_end && report->size() == length;
+}
+
+// Opening must not hang on a pipe, and a terminal must not become ours.
+bool read_dump(const std::string& path, Dump* dump) {
+    const UniqueFd fd(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (!fd.valid() || fstat(fd.get(), &info) != 0) {
+        if (errno != ENOENT) say(path, strerror(errno));  // it need not exist
+        return false;
+    }
+    if (!S_ISREG(info.st_mode) || info.st_size > DUMP_MAX_BYTES) {
+        say(path, S_ISREG(info.st_mode) ? "too large, left out" : "not a plain file, left out");
+        return false;
+    }
+    dump->mtime_s = info.st_mtim.tv_sec;
+    dump->content.resize(static_cast<size_t>(info.st_size));
+    size_t length = 0;
+    while (length < dump->content.size()) {
+        const ssize_t count =
+            read(fd.get(), dump->content.data() + length, dump->content.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;  // it was emptied meanwhile: what there is, is taken
+        length += static_cast<size_t>(count);
+    }
+    dump->content.resize(length);
+    return true;
+}
+
+// The file's own name without leading dots, so that an unpacked bundle shows it;
+// a number in front when another file has that name.
+std::string member_name(std::string_view path, std::vector<std::string>* taken) {
+    std::string_view name = path.substr(path.rfind('/') + 1);
+    while (name.starts_with('.')) name.remove_prefix(1);
+    std::string unique(name.substr(0, MEMBER_NAME_MAX - 8));
+    if (unique.empty() || std::ranges::find(*taken, unique) != taken->end()) {
+        unique = std::to_string(taken->size()) + "-" + unique;
+    }
+    taken->push_back(unique);
+    return unique;
+}
+
+void add_dumps(TarGz* tar, std::string_view paths) {
+    std::vector<std::string> taken;
+    for (size_t end = paths.find('\n'); end != paths.npos; end = paths.find('\n')) {
+        const std::string path(paths.substr(0, end));
+        paths.remove_prefix(end + 1);
+        Dump dump{};
+        if (!path.empty() && read_dump(path, &dump)) {
+            tar_gz_add(tar, member_name(path, &taken), dump.content, dump.mtime_s);
+        }
+    }
+}
+
+}  // namespace
+
+int tech_support_write(const char* path) {
+    std::string answers[REPORTS];
+    std::string paths;
+    for (int report = 0; report < REPORTS; ++report) {
+        if (!ask("report " + std::to_string(report) + "\n", &answers[report])) {
+            return EXIT_NO_BUNDLE;
+        }
+    }
+    if (!ask("files\n", &paths)) return EXIT_NO_BUNDLE;
+
+    TarGz tar{};
+    if (!tar_gz_create(&tar, path)) {
+        say(path, strerror(errno));
+        return EXIT_NO_BUNDLE;
+    }
+    const long now_s = time(nullptr);
+    for (int report = 0; report < REPORTS; ++report) {
+        const std::string name = "report-" + std::to_string(report) + ".txt";
+        std::string_view text;
+        if (take_report(answers[report], &text)) {
+            tar_gz_add(&tar, name, text, now_s);
+        } else {
+            say(name, "no such report");
+        }
+    }
+    add_dumps(&tar, paths);
+    if (tar_gz_finish(&tar)) return EXIT_SUCCESS;
+    say(path, strerror(errno));
+    return EXIT_NO_BUNDLE;
+}
