@@ -76,9 +76,17 @@ TEST_F(TqThread, TimersRunByDueTimeAndEqualsInOrderOfAdding) {
         ASSERT_NE(tq_thread_add_timer_withname(loop.master, note, nullptr, row.seconds, row.name),
                   nullptr);
     }
+    // Many at once, within the clock's grain of each other.
+    constexpr const char* LETTERS = "0123456789";
+    std::string expected;
+    for (int i = 0; i < 500; ++i) {
+        const char* name = LETTERS + i % 10;
+        tq_thread_add_timer_withname(loop.master, note, nullptr, 50, name);
+        expected += name;
+    }
     usleep(60'000);  // all are due when the loop first looks, so none wins by being early
-    EXPECT_TRUE(loop.Run(5));
-    EXPECT_EQ(s_trace, "abcde");
+    EXPECT_TRUE(loop.Run(505));
+    EXPECT_EQ(s_trace, "abcde" + expected);
 }
 
 TEST_F(TqThread, ReadTaskFiresOnceAndKnowsItsLoop) {
