@@ -1,0 +1,202 @@
+// The retries and the report, in virtual time, with an update driver by script.
+#include "resume/resume_timer.h"
+
+#include <ctime>
+#include <functional>
+#include <thread>
+
+#include "admin/admin.h"
+#include "config/server_list.h"
+#include "frame/report.h"
+#include "tests/resume/resume_fixture.h"
+
+tq_thread_master* http_update_admin_master = nullptr;
+
+static std::function<UpdateStatus(const AppSet&)> s_run;
+static int s_runs = 0;
+static int s_results_written = 0;
+
+UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateReportFn report,
+                             unsigned selector) {
+    EXPECT_EQ(kind, UPDATE_RUN_RESUME);
+    EXPECT_EQ(report, resume_report);
+    EXPECT_EQ(selector, SERVERS_BOTH);
+    s_runs++;
+    return s_run(requested);
+}
+
+void update_result_output(uint32_t kind) {
+    EXPECT_EQ(kind, UPDATE_RUN_RESUME);
+    s_results_written++;
+}
+
+class ResumeTimerTest : public ResumeTest {
+  protected:
+    void SetUp() override {
+        ResumeTest::SetUp();
+        http_update_admin_master = tq_thread_master_create();
+        s_run = [](const AppSet&) { return UPDATE_NO_APPS; };
+        s_runs = 0;
+    }
+    void TearDown() override {
+        tq_thread_master_finish(http_update_admin_master);
+        reg_app_del_by_fd(3);
+        ResumeTest::TearDown();
+    }
+    // Seconds until the timer; -1 for none.
+    static long Pending() {
+        const auto timers = fakes::Timers(http_update_admin_master);
+        EXPECT_LE(timers.size(), 1U);
+        return timers.empty() ? -1 : timers[0].first;
+    }
+    static void Fire() { fakes::Advance(http_update_admin_master, Pending()); }
+    static std::string Show() {
+        resume_show(REPORT_TERMINAL);
+        return fakes::Terminal();
+    }
+};
+
+TEST_F(ResumeTimerTest, DelayIsHalfAnHourToTwo) {
+    for (int i = 0; i < 3; i++) {
+        const int delay = resume_delay();
+        EXPECT_TRUE(delay >= 1800 && delay <= 7200 && delay % 60 == 0) << delay;
+        EXPECT_HAS(fakes::Syslog(),
+                   std::to_string(delay / 60) + " min<-->after the time begin to resume down\n");
+    }
+}
+
+TEST_F(ResumeTimerTest, TimerIsArmedOnceAndOnlyForAList) {
+    resume_retry_count = 2;
+    resume_timer_add(RESUME_START_DELAY_S);
+    EXPECT_EQ(Pending(), -1);
+    EXPECT_EQ(resume_retry_count, 5);
+
+    ASSERT_EQ(Add("app", {"a"}, 0), 0);
+    fakes::FailTimers(true);
+    resume_timer_add(RESUME_START_DELAY_S);
+    fakes::FailTimers(false);
+    EXPECT_HAS(fakes::Syslog(), "http update add timer fail\n");
+    EXPECT_EQ(Show().find("retry-time"), std::string::npos);
+
+    resume_timer_add(RESUME_START_DELAY_S);
+    fakes::Advance(http_update_admin_master, 100);
+    resume_timer_add(7200);
+    EXPECT_EQ(Pending(), 1700);
+
+    resume_free_first();
+    Fire();  // the list went empty meanwhile: the chain stops
+    EXPECT_EQ(Pending(), -1);
+    EXPECT_EQ(s_runs, 0);
+}
+
+TEST_F(ResumeTimerTest, RunAsksForTheListedAppsThatAreRegistered) {
+    ASSERT_EQ(reg_app_add(3, "other", "1", 0), REG_OK);
+    ASSERT_EQ(reg_app_add(3, "two", "1", 0), REG_OK);
+    for (const char* app : {"one", "two"}) ASSERT_EQ(Add(app, {"a"}, 0), 0);
+    s_run = [](const AppSet& requested) {
+        EXPECT_FALSE(app_set_contains(requested, 0));
+        EXPECT_TRUE(app_set_contains(requested, 1));
+        EXPECT_EQ(resume_retry_count, 4);
+        EXPECT_EQ(Pending(), -1);
+        int32_t count = 0;  // the run succeeds for the registered one
+        FilenameArray array = resume_get("two", &count);
+        filename_free(array, count);
+        return UPDATE_OK;
+    };
+    resume_timer_add(1800);
+    (void)fakes::Syslog();
+    Fire();
+    const std::string log = fakes::Syslog();
+    EXPECT_HAS(log, "two<-->begin to resume\n");
+    EXPECT_HAS(log, "one<-->begin to resume\n");
+    EXPECT_EQ(log.find("resume: "), std::string::npos);
+    EXPECT_EQ(Listed(), "one(1) a=-1");
+    EXPECT_TRUE(Pending() >= 1800 && Pending() <= 7200) << Pending();
+}
+
+TEST_F(ResumeTimerTest, FiveFiringsGiveTheFrontEntryUp) {
+    Touch({"a", "b"});
+    ASSERT_EQ(Add("back", {"a"}, 0), 0);
+    ASSERT_EQ(Add("front", {"b"}, 0), 0);
+    resume_timer_add(1800);
+    for (int left = 4; left > 0; left--) {
+        Fire();
+        EXPECT_EQ(resume_retry_count, left);
+    }
+    EXPECT_HAS(fakes::Syslog(), std::string("resume: ") + update_status_str(UPDATE_NO_APPS) + "\n");
+    Fire();
+    EXPECT_EQ(Listed(), "back(1) a=-1");
+    EXPECT_EQ(OnDisk({"a", "b"}), "a");
+    EXPECT_EQ(resume_retry_count, 5);
+    for (int i = 0; i < 5; i++) Fire();
+    EXPECT_EQ(s_runs, 10);
+    EXPECT_EQ(Pending(), -1);
+    EXPECT_EQ(Show(), "resume-list is empty\n");
+}
+
+TEST_F(ResumeTimerTest, RunThatRefillsTheBudgetKeepsTheEntry) {
+    ASSERT_EQ(Add("app", {"a"}, 0), 0);
+    resume_retry_count = 1;
+    s_run = [](const AppSet&) {
+        resume_retry_count = RESUME_RETRY_MAX;
+        return UPDATE_OK;
+    };
+    resume_timer_add(1800);
+    Fire();
+    EXPECT_EQ(Listed(), "app(1) a=-1");
+}
+
+TEST_F(ResumeTimerTest, ReportOfAServer) {
+    s_results_written = 0;
+    resume_report(AppSet{}, UPDATE_RUN_RESUME, "10.1.1.1", UPDATE_CONNECT_FAIL);
+    EXPECT_EQ(fakes::Syslog(), std::string("resume: update from server 10.1.1.1: ") +
+                                   update_status_str(UPDATE_CONNECT_FAIL) + "\n");
+    EXPECT_EQ(s_results_written, 0);
+    resume_report(AppSet{}, UPDATE_RUN_RESUME, "10.1.1.1", UPDATE_OK);
+    EXPECT_EQ(s_results_written, 1);
+}
+
+TEST_F(ResumeTimerTest, ShowPrintsTimeLeftAndCutColumns) {
+    ASSERT_EQ(setenv("TZ", "ZZZ-5:30", 1), 0);
+    tzset();
+    const auto add = [](const char* app, std::vector<std::string> paths) {
+        std::vector<char*> array;
+        for (std::string& path : paths) {
+            path.resize(FILENAME_SIZE);
+            array.push_back(path.data());
+        }
+        return resume_add(app, array.data(), static_cast<int32_t>(array.size()), 0, false);
+    };
+    ASSERT_EQ(add("sixteen-letters-", {"/" + std::string(60, 'p')}), 0);
+    ASSERT_EQ(add("app", {"/a%s", "/b", "/c"}), 0);
+    const std::string tail =
+        "app-name        NO. filename\n"
+        "--------------- --- ------------------------------------------------\n"
+        "app             1   /a%s                                            \n"
+        "app             2   /b                                              \n"
+        "app             3   /c                                              \n"
+        "sixteen-letters 1   /ppppppppppppppppppppppppppppppppppppppppppppppp\n";
+    EXPECT_EQ(Show(), "retry-count: 5\n" + tail);
+    resume_timer_add(7200);
+    EXPECT_HAS(Show(), "retry-count: 5\nretry-time: 02:00:00\napp-name");
+    fakes::Advance(http_update_admin_master, 3539);
+    resume_show(REPORT_TECH_SUPPORT);
+    EXPECT_EQ(fakes::TechOutput(), "retry-count: 5\nretry-time: 01:01:01\n" + tail);
+    EXPECT_EQ(fakes::Terminal(), "");
+    ASSERT_EQ(unsetenv("TZ"), 0);
+}
+
+TEST_F(ResumeTimerTest, ShowMayRunWhileTheTimerFires) {
+    ASSERT_EQ(Add("app", {"a"}, 0), 0);
+    s_run = [](const AppSet&) {
+        resume_retry_count = RESUME_RETRY_MAX;
+        return UPDATE_OK;
+    };
+    std::thread admin([] {
+        resume_timer_add(1800);
+        for (int i = 0; i < 200; i++) Fire();
+    });
+    for (int i = 0; i < 200; i++) EXPECT_HAS(Show(), "retry-count: ");
+    admin.join();
+    EXPECT_EQ(s_runs, 200);
+}
