@@ -6,7 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -34,8 +34,9 @@ class TempDir {
         std::ofstream(file, std::ios::binary) << content;
     }
     std::string Read(std::string_view name) const {
-        std::ifstream file(*this / name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        std::ostringstream text;
+        text << std::ifstream(*this / name, std::ios::binary).rdbuf();
+        return text.str();
     }
 
   private:
