@@ -1,0 +1,87 @@
+// An update server on loopback that answers each connection with the next of its
+// scripted replies and keeps the requests.
+// Threads: Requests may be called while the server runs.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "frame/unique_fd.h"
+
+// A response with the status 200 around a body.
+inline std::string Ok(const std::string& body) {
+    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+class ReplyServer {
+  public:
+    explicit ReplyServer(std::vector<std::string> replies)
+        : listener_(socket(AF_INET, SOCK_STREAM, 0)), replies_(std::move(replies)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
+            getsockname(listener_.get(), generic, &size) != 0) {
+            abort();
+        }
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~ReplyServer() {
+        (void)shutdown(listener_.get(), SHUT_RDWR);  // wakes accept
+        thread_.join();
+    }
+
+    uint16_t port() const { return port_; }
+    std::vector<std::string> Requests() {
+        const std::lock_guard guard(lock_);
+        return requests_;
+    }
+
+  private:
+    void Run() {
+        for (const std::string& reply : replies_) {
+            const UniqueFd fd(accept(listener_.get(), nullptr, nullptr));
+            if (!fd.valid()) return;
+            std::string request = ReadRequest(fd.get());
+            {
+                const std::lock_guard guard(lock_);
+                requests_.push_back(std::move(request));
+            }
+            (void)send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
+    }
+
+    static std::string ReadRequest(int fd) {
+        std::string text;
+        char chunk[4096];
+        for (;;) {
+            const size_t end = text.find("\r\n\r\n");
+            const size_t field = text.find("Content-Length: ");
+            if (end != std::string::npos && field != std::string::npos &&
+                text.size() >= end + 4 + strtoul(&text[field + 16], nullptr, 10)) {
+                return text;
+            }
+            const ssize_t count = recv(fd, chunk, sizeof(chunk), 0);
+            if (count <= 0) return text;
+            text.append(chunk, static_cast<size_t>(count));
+        }
+    }
+
+    UniqueFd listener_;
+    uint16_t port_ = 0;
+    std::vector<std::string> replies_;
+    std::mutex lock_;
+    std::vector<std::string> requests_;
+    std::thread thread_;
+};
