@@ -1,0 +1,598 @@
+// Downloads from a hostile server on the loopback: each test scripts what it answers.
+
+#include "frame/platform/http_util.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "frame/unique_fd.h"
+#include "host/http_update/deadline.h"
+#include "host/http_util/engine.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+constexpr char ATTRIBUTE[] = "user.http_client.partial";
+constexpr char OLD_DATE[] = "Last-Modified: Mon, 01 Jan 2024 00:00:00 GMT\r\n";
+constexpr char DATE[] = "Date: Tue, 02 Jan 2024 00:00:00 GMT\r\n";
+
+UniqueFd loopback_socket(int type, int* port, int backlog = 16) {
+    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    EXPECT_EQ(0, bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size));
+    if (type == SOCK_STREAM) {
+        EXPECT_EQ(0, listen(fd.get(), backlog));
+    }
+    EXPECT_EQ(0, getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size));
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+std::string response(const std::string& status, const std::string& headers,
+                     const std::string& body) {
+    return "HTTP/1.1 " + status + "\r\n" + headers + "\r\n" + body;
+}
+
+std::string whole(const std::string& body, const std::string& headers = "") {
+    return response("200 OK", headers + "Content-Length: " + std::to_string(body.size()) + "\r\n",
+                    body);
+}
+
+// Answers each connection with the next text of the script (the last one again and
+// again), then closes it, or holds it open until the end when the text ends in HOLD.
+class Server {
+  public:
+    static constexpr char HOLD[] = "<hold>";
+
+    Server() : listener_(loopback_socket(SOCK_STREAM, &port_)), thread_([this] { Run(); }) {}
+    ~Server() {
+        (void)shutdown(listener_.get(), SHUT_RDWR);
+        thread_.join();
+    }
+    void Script(std::vector<std::string> texts) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        script_ = std::move(texts);
+        requests_.clear();
+    }
+    std::vector<std::string> requests() {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return requests_;
+    }
+    std::string peer() {  // of the last connection
+        const std::lock_guard<std::mutex> guard(lock_);
+        return peer_;
+    }
+    std::string Url(const std::string& path = "/f.bin", const std::string& host = "127.0.0.1") {
+        return "http://" + host + ":" + std::to_string(port_) + path;
+    }
+
+  private:
+    void Run() {
+        for (;;) {
+            sockaddr_in peer{};
+            socklen_t size = sizeof peer;
+            UniqueFd fd(accept(listener_.get(), reinterpret_cast<sockaddr*>(&peer), &size));
+            if (!fd.valid()) return;
+            std::string request;
+            char byte = 0;
+            while (request.find("\r\n\r\n") == std::string::npos &&
+                   recv(fd.get(), &byte, 1, 0) == 1) {
+                request += byte;
+            }
+            std::string text;
+            {
+                const std::lock_guard<std::mutex> guard(lock_);
+                requests_.push_back(request);
+                peer_ = inet_ntoa(peer.sin_addr);
+                if (!script_.empty()) text = script_.front();
+                if (script_.size() > 1) script_.erase(script_.begin());
+            }
+            const bool hold = text.ends_with(HOLD);
+            if (hold) text.resize(text.size() - strlen(HOLD));
+            (void)send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL);
+            if (hold) held_.push_back(std::move(fd));
+        }
+    }
+
+    int port_ = 0;
+    UniqueFd listener_;
+    std::mutex lock_;
+    std::vector<std::string> script_;
+    std::vector<std::string> requests_;
+    std::string peer_;
+    std::vector<UniqueFd> held_;
+    std::thread thread_;
+};
+
+// Every call of the callback, and the promises that hold for each of them.
+struct Calls {
+    std::vector<int32_t> counts;
+    uint64_t sum = 0;
+    bool finished = false;
+    std::function<bool()> stop = [] { return false; };
+
+    static int Take(DownloadCtx* context, int32_t count) {
+        auto* calls = static_cast<Calls*>(context->user);
+        EXPECT_FALSE(calls->finished) << "called after the file was said to be finished";
+        EXPECT_GE(count, 0);
+        calls->counts.push_back(count);
+        calls->sum += static_cast<uint64_t>(count);
+        calls->finished = context->received == context->total;
+        return calls->stop() ? -1 : 0;
+    }
+    size_t Idle() const { return static_cast<size_t>(std::count(counts.begin(), counts.end(), 0)); }
+};
+
+class HttpUtil : public ::testing::Test {
+  protected:
+    int Get(unsigned flag = 0) { return GetUrl(server_.Url(), flag); }
+    int GetUrl(const std::string& url, unsigned flag = 0, const char* source = nullptr) {
+        calls_.counts.clear();
+        calls_.sum = 0;
+        calls_.finished = false;
+        context_ = DownloadCtx{};
+        context_.progress = Calls::Take;
+        context_.user = &calls_;
+        if (source == nullptr) {
+            return http_download_file_progress(&context_, url.c_str(), path_.c_str(), flag);
+        }
+        const http_util_tlv tlv{1, 4, inet_addr(source)};
+        return http_download_file_progress_tlv(&context_, url.c_str(), path_.c_str(), flag, &tlv);
+    }
+    std::string Content() const { return directory_.Read("f.bin"); }
+    bool Marked() const { return getxattr(path_.c_str(), ATTRIBUTE, nullptr, 0) > 0; }
+    bool Asked(size_t request, const std::string& header) {
+        const std::vector<std::string> all = server_.requests();
+        return request < all.size() && all[request].find("\r\n" + header) != std::string::npos;
+    }
+    // Leaves "01234" of "0123456789" behind, as a download that was cut.
+    void LeavePart(const std::string& headers) {
+        server_.Script({response("200 OK", headers + "Content-Length: 10\r\n", "01234")});
+        ASSERT_EQ(DOWNLOAD_BROKEN, Get(1));
+        ASSERT_EQ("01234", Content());
+    }
+
+    TempDir directory_;
+    std::string path_ = directory_ / "f.bin";
+    Server server_;
+    DownloadCtx context_{};
+    Calls calls_;
+};
+
+bool mapped(const char* library) {
+    std::ifstream maps("/proc/self/maps");
+    return std::string(std::istreambuf_iterator<char>(maps), {}).find(library) != std::string::npos;
+}
+
+TEST_F(HttpUtil, LibcurlComesWithTheFirstDownload) {
+    if (mapped("libcurl")) GTEST_SKIP() << "not the first test, or one static program";
+    server_.Script({whole("x")});
+    EXPECT_EQ(0, Get());
+    EXPECT_TRUE(mapped("libcurl"));
+}
+
+TEST_F(HttpUtil, OutcomeOfEachResponse) {
+    const std::string big(300000, 'b');
+    const struct {
+        const char* name;
+        std::string text;
+        int result;
+        std::string content;  // "old": what lay there is untouched
+    } rows[] = {
+        {"whole", whole("new"), 0, "new"},
+        {"larger than a buffer", whole(big), 0, big},
+        {"empty", whole(""), 0, ""},
+        {"more than announced", whole("new").append("trailing"), 0, "new"},
+        {"chunked", response("200 OK", "Transfer-Encoding: chunked\r\n", "3\r\nnew\r\n0\r\n\r\n"),
+         0, "new"},
+        {"HTTP/1.0", "HTTP/1.0 200 OK\r\nContent-Length: 3\r\n\r\nnew", 0, "new"},
+        {"cut", response("200 OK", "Content-Length: 9\r\n", "new"), DOWNLOAD_BROKEN, "new"},
+        {"chunks cut", response("200 OK", "Transfer-Encoding: chunked\r\n", "3\r\nnew\r\n"),
+         DOWNLOAD_BROKEN, "new"},
+        {"no length", response("200 OK", "", "new"), DOWNLOAD_NO_LENGTH, "old"},
+        {"not found", response("404 Not Found", "Content-Length: 5\r\n", "error"),
+         DOWNLOAD_BAD_STATUS, "old"},
+        {"not found, no body", response("404 Not Found", "Content-Length: 0\r\n", ""),
+         DOWNLOAD_BAD_STATUS, "old"},
+        {"no content", response("204 No Content", "", ""), DOWNLOAD_BAD_STATUS, "old"},
+        {"a part unasked",
+         response("206 Partial", "Content-Range: bytes 0-2/9\r\nContent-Length: 3\r\n", "new"),
+         DOWNLOAD_BAD_STATUS, "old"},
+        {"redirect to nowhere", response("302 Found", "Content-Length: 3\r\n", "new"),
+         DOWNLOAD_BAD_STATUS, "old"},
+        {"redirect to a file", response("302 Found", "Location: file:///etc/passwd\r\n", ""),
+         DOWNLOAD_BAD_URL, "old"},
+        {"more than the disk holds",
+         response("200 OK", "Content-Length: 999999999999999999\r\n", "n"),
+         HTTP_DOWNLOAD_NO_STORAGE, "old"},
+        {"length is no number", response("200 OK", "Content-Length: -3\r\n", "new"),
+         DOWNLOAD_BROKEN, "old"},
+        {"not HTTP", "SSH-2.0-x\r\n", DOWNLOAD_BROKEN, "old"},
+        {"nothing", "", DOWNLOAD_BROKEN, "old"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        directory_.Write("f.bin", "old");
+        server_.Script({row.text});
+        EXPECT_EQ(row.result, Get());
+        EXPECT_EQ(row.content, Content());
+        EXPECT_EQ(row.result == 0, calls_.finished);
+        if (row.result == 0) {
+            EXPECT_EQ(row.content.size(), calls_.sum);
+        }
+        if (row.result == 0) {
+            EXPECT_FALSE(Marked());
+        }
+    }
+    ASSERT_EQ(0, unlink(path_.c_str()));
+    server_.Script({response("404 Not Found", "Content-Length: 5\r\n", "error")});
+    EXPECT_EQ(DOWNLOAD_BAD_STATUS, Get());
+    EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+TEST_F(HttpUtil, BadAddressesFailAtOnce) {
+    int port = 0;
+    loopback_socket(SOCK_STREAM, &port).reset();  // nobody listens there any more
+    const struct {
+        std::string url;
+        int result;
+    } rows[] = {
+        {"ftp://127.0.0.1/f", DOWNLOAD_BAD_URL},
+        {"127.0.0.1/f", DOWNLOAD_BAD_URL},
+        {"http://", DOWNLOAD_BAD_URL},
+        {"http://a\nb/", DOWNLOAD_BAD_URL},
+        {"http://[::1]/f", DOWNLOAD_NO_ADDRESS},
+        {"http://-bad-/f", DOWNLOAD_NO_ADDRESS},
+        {"http://127.0.0.1:" + std::to_string(port) + "/", DOWNLOAD_NO_CONNECTION},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.url);
+        EXPECT_EQ(row.result, GetUrl(row.url));
+    }
+    EXPECT_EQ(DOWNLOAD_NO_CONNECTION, GetUrl(server_.Url(), 0, "203.0.113.7"));  // not ours
+    EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+TEST_F(HttpUtil, RedirectsAreFollowedAFewTimes) {
+    const auto to = [](const std::string& where) {
+        return response("302 Found", "Location: " + where + "\r\nContent-Length: 4\r\n", "page");
+    };
+    server_.Script({to("/other dir/f?x=1"), to(server_.Url("/end")), whole("new")});
+    EXPECT_EQ(0, Get());
+    EXPECT_EQ("new", Content());
+    EXPECT_EQ(0U, server_.requests()[1].find("GET /other%20dir/f?x=1 "));
+    EXPECT_EQ(0U, server_.requests()[2].find("GET /end "));
+    server_.Script({to("/again")});
+    EXPECT_EQ(DOWNLOAD_BAD_STATUS, Get());
+    EXPECT_EQ("new", Content());
+    EXPECT_LT(server_.requests().size(), 10U);
+}
+
+TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
+    if (setxattr(directory_.path().c_str(), ATTRIBUTE, "x", 1, 0) != 0)
+        GTEST_SKIP() << "no attributes";
+    const std::string tag = "ETag: \"a\"\r\n";
+    const std::string weak = "ETag: W/\"a\"\r\n";
+    const std::string dates = std::string(OLD_DATE) + DATE;
+    const std::string same_second = std::string(OLD_DATE) + "Date" + (OLD_DATE + 13);
+    const std::string rest_headers = "Content-Range: bytes 5-9/10\r\nContent-Length: 5\r\n";
+    const std::string rest = response("206 Partial", tag + rest_headers, "56789");
+    const std::string all = whole("ABCDEFGHIJ");
+    const struct {
+        const char* name;
+        std::string first;  // headers of the download that was cut
+        std::vector<std::string> script;
+        std::string asked;  // header of the next request, "" for no range
+        int result;
+        std::string content;
+    } rows[] = {
+        {"strong tag", tag, {rest}, "If-Range: \"a\"", 0, "0123456789"},
+        {"tag left out of the part",
+         tag,
+         {response("206 Partial", rest_headers, "56789")},
+         "If-Range: \"a\"",
+         0,
+         "0123456789"},
+        {"old date",
+         dates,
+         {response("206 Partial", rest_headers, "56789")},
+         "If-Range: Mon, 01 Jan 2024 00:00:00 GMT",
+         0,
+         "0123456789"},
+        {"changed", tag, {all}, "If-Range: \"a\"", 0, "ABCDEFGHIJ"},
+        {"another tag with the part",
+         tag,
+         {response("206 Partial", "ETag: \"b\"\r\n" + rest_headers, "56789"), all},
+         "If-Range: \"a\"",
+         0,
+         "ABCDEFGHIJ"},
+        {"another part",
+         tag,
+         {response("206 Partial", tag + "Content-Range: bytes 4-9/10\r\nContent-Length: 6\r\n",
+                   "456789"),
+          all},
+         "If-Range: \"a\"",
+         0,
+         "ABCDEFGHIJ"},
+        {"another size",
+         tag,
+         {response("206 Partial", tag + "Content-Range: bytes 5-10/11\r\nContent-Length: 6\r\n",
+                   "56789A"),
+          all},
+         "If-Range: \"a\"",
+         0,
+         "ABCDEFGHIJ"},
+        {"range refused",
+         tag,
+         {response("416 Range", "Content-Range: bytes */3\r\nContent-Length: 0\r\n", ""), all},
+         "If-Range: \"a\"",
+         0,
+         "ABCDEFGHIJ"},
+        {"refused for ever",
+         tag,
+         {response("416 Range", "Content-Length: 0\r\n", "")},
+         "If-Range: \"a\"",
+         DOWNLOAD_BAD_STATUS,
+         "01234"},
+        {"gone",
+         tag,
+         {response("404 Not Found", "Content-Length: 1\r\n", "x")},
+         "If-Range: \"a\"",
+         DOWNLOAD_BAD_STATUS,
+         "01234"},
+        {"cut again",
+         tag,
+         {response("206 Partial", tag + rest_headers, "56")},
+         "If-Range: \"a\"",
+         DOWNLOAD_BROKEN,
+         "0123456"},
+        {"weak tag", weak, {all}, "", 0, "ABCDEFGHIJ"},
+        {"date of this very second", same_second, {all}, "", 0, "ABCDEFGHIJ"},
+        {"nothing to prove it", "", {all}, "", 0, "ABCDEFGHIJ"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        LeavePart(row.first);
+        server_.Script(row.script);
+        EXPECT_EQ(row.result, Get(1));
+        EXPECT_EQ(row.content, Content());
+        EXPECT_EQ(!row.asked.empty(), Asked(0, "Range: bytes=5-\r\n"));
+        if (!row.asked.empty()) {
+            EXPECT_TRUE(Asked(0, row.asked + "\r\n"));
+        }
+        EXPECT_EQ(row.result != 0, Marked());
+        EXPECT_EQ(row.result == 0, calls_.finished);
+    }
+}
+
+TEST_F(HttpUtil, WhatLiesThereIsContinuedOnlyIfItIsThePart) {
+    if (setxattr(directory_.path().c_str(), ATTRIBUTE, "x", 1, 0) != 0)
+        GTEST_SKIP() << "no attributes";
+    const std::string tag = "ETag: \"a\"\r\n";
+    const std::string all = whole("ABCDEFGHIJ", tag);
+    LeavePart(tag);
+    server_.Script({all});
+    EXPECT_EQ(0, GetUrl(server_.Url("/2.0/f.bin"), 1));  // another version: same tag and size
+    EXPECT_FALSE(Asked(0, "Range:"));
+    EXPECT_EQ(0, Get(1));  // a complete file is nobody's part
+    EXPECT_FALSE(Asked(1, "Range:"));
+    LeavePart(tag);
+    server_.Script({all});
+    EXPECT_EQ(0, Get(0));
+    EXPECT_FALSE(Asked(0, "Range:"));
+
+    // After a power cut only the synced bytes count; here the last two are not.
+    LeavePart(tag);
+    char mark[1024] = "";
+    ASSERT_LT(0, getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof mark));
+    const std::string text(mark);
+    ASSERT_EQ(0U, text.find("1\n"));
+    const std::string after_boot = "1\nanother boot\n3" + text.substr(text.find("\n5\n") + 2);
+    ASSERT_EQ(0, setxattr(path_.c_str(), ATTRIBUTE, after_boot.data(), after_boot.size(), 0));
+    server_.Script({response("206 Partial", "Content-Range: bytes 3-9/10\r\nContent-Length: 7\r\n",
+                             "3456789")});
+    EXPECT_EQ(0, Get(1));
+    EXPECT_TRUE(Asked(0, "Range: bytes=3-\r\n"));
+    EXPECT_EQ("0123456789", Content());
+
+    // All bytes are there, but the last run ended before it could say so.
+    LeavePart(tag);
+    ASSERT_LT(0, getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof mark));
+    directory_.Write("f.bin", "0123456789");
+    server_.Script(
+        {response("206 Partial", "Content-Range: bytes 9-9/10\r\nContent-Length: 1\r\n", "9")});
+    EXPECT_EQ(HTTP_DOWNLOAD_COMPLETE_ALREADY, Get(1));
+    EXPECT_EQ("0123456789", Content());
+    EXPECT_FALSE(Marked());
+    EXPECT_TRUE(calls_.finished);
+}
+
+TEST_F(HttpUtil, OnlyAPlainFileIsReplaced) {
+    server_.Script({whole("new")});
+    directory_.Write("target", "precious");
+    ASSERT_EQ(0, symlink((directory_ / "target").c_str(), path_.c_str()));
+    EXPECT_EQ(0, Get(1));
+    EXPECT_EQ("precious", directory_.Read("target"));
+    EXPECT_EQ("new", Content());
+    // Someone may still run the old file: it is replaced, not emptied.
+    const UniqueFd old(open(path_.c_str(), O_RDONLY));
+    server_.Script({whole("newer")});
+    EXPECT_EQ(0, Get());
+    char bytes[8] = "";
+    EXPECT_EQ(3, read(old.get(), bytes, sizeof bytes));
+    EXPECT_STREQ("new", bytes);
+    ASSERT_EQ(0, unlink(path_.c_str()));
+    ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
+    EXPECT_EQ(DOWNLOAD_BAD_FILE, Get(1));
+    path_ = directory_ / "missing/f.bin";
+    EXPECT_EQ(DOWNLOAD_BAD_FILE, Get());
+}
+
+TEST_F(HttpUtil, CallbackRunsWhileNothingComes) {
+    int silent_port = 0;
+    const UniqueFd silent_dns = loopback_socket(SOCK_DGRAM, &silent_port);
+    ASSERT_EQ(
+        0, setenv("DNS_CLIENT_SERVERS", ("127.0.0.1:" + std::to_string(silent_port)).c_str(), 1));
+    int full_port = 0;
+    const UniqueFd full = loopback_socket(SOCK_STREAM, &full_port, 0);
+    std::vector<UniqueFd> waiting;  // they fill the backlog, so that a connection hangs
+    for (int i = 0; i < 3; ++i) {
+        waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(full_port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        (void)connect(waiting.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    const struct {
+        const char* name;
+        std::string url;
+        std::string text;
+        size_t idle;  // calls with count 0 before the caller stops
+    } rows[] = {
+        {"look-up", "http://silent.test/f", "", 1},
+        {"connecting", "http://127.0.0.1:" + std::to_string(full_port) + "/f", "", 2},
+        {"before the response", server_.Url(), Server::HOLD, 2},
+        {"inside the file", server_.Url(),
+         response("200 OK", "Content-Length: 9\r\n", "new") + Server::HOLD, 2},
+        {"size unknown", server_.Url(),
+         response("200 OK", "Transfer-Encoding: chunked\r\n", "3\r\nnew\r\n") + Server::HOLD, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        server_.Script({row.text});
+        const Deadline deadline(4500);  // below any time limit of the library
+        calls_.stop = [&] { return calls_.Idle() >= row.idle; };
+        EXPECT_EQ(HTTP_DOWNLOAD_CANCELLED, GetUrl(row.url));
+        EXPECT_GT(deadline.LeftMs(), 0);
+        EXPECT_EQ(row.idle, calls_.Idle());
+        EXPECT_FALSE(calls_.finished);
+    }
+    (void)unsetenv("DNS_CLIENT_SERVERS");
+}
+
+TEST_F(HttpUtil, CancelStopsARunningTransfer) {
+    server_.Script({whole(std::string(4 << 20, 'x'))});
+    calls_.stop = [&] { return calls_.counts.size() == 3; };
+    EXPECT_EQ(HTTP_DOWNLOAD_CANCELLED, Get());
+    EXPECT_EQ(3U, calls_.counts.size());
+    EXPECT_LT(Content().size(), size_t{4 << 20});
+}
+
+TEST_F(HttpUtil, StalledServerIsGivenUp) {
+    server_.Script({whole("x")});
+    ASSERT_EQ(0, Get());  // loads the engine
+    void* engine = dlopen("libhttp_util_engine.so", RTLD_NOW | RTLD_NOLOAD);
+    void* symbol = dlsym(engine == nullptr ? RTLD_DEFAULT : engine, "http_util_engine_download");
+    if (symbol == nullptr) GTEST_SKIP() << "one static program";
+    server_.Script({response("200 OK", "Content-Length: 9\r\n", "new") + Server::HOLD});
+    const std::string url = server_.Url();
+    DownloadJob job;
+    job.context = &context_;
+    job.url = url.c_str();
+    job.path = path_.c_str();
+    job.limits.stall_s = 1;
+    context_.progress = nullptr;
+    EXPECT_EQ(DOWNLOAD_BROKEN, reinterpret_cast<int (*)(const DownloadJob*)>(symbol)(&job));
+}
+
+// A name server that answers every question with 127.0.0.1, once.
+std::string answer_one_question(int fd) {
+    unsigned char packet[600];
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    const ssize_t got = recvfrom(fd, packet, 512, 0, reinterpret_cast<sockaddr*>(&peer), &size);
+    if (got < 12) return "";
+    ssize_t end = 12;
+    while (packet[end] != 0) end += packet[end] + 1;
+    end += 5;
+    packet[2] = 0x81;
+    packet[3] = 0x80;
+    packet[7] = 1;
+    memset(packet + 8, 0, 4);
+    const unsigned char record[] = {0xc0, 12, 0, 1, 0, 1, 0, 0, 0, 9, 0, 4, 127, 0, 0, 1};
+    memcpy(packet + end, record, sizeof record);
+    (void)sendto(fd, packet, static_cast<size_t>(end) + sizeof record, 0,
+                 reinterpret_cast<sockaddr*>(&peer), size);
+    return inet_ntoa(peer.sin_addr);
+}
+
+TEST_F(HttpUtil, LookUpAndConnectionLeaveFromTheSourceAddress) {
+    int port = 0;
+    const UniqueFd dns = loopback_socket(SOCK_DGRAM, &port);
+    ASSERT_EQ(0, setenv("DNS_CLIENT_SERVERS", ("127.0.0.1:" + std::to_string(port)).c_str(), 1));
+    std::string asker;
+    std::thread name_server([&] { asker = answer_one_question(dns.get()); });
+    server_.Script({whole("new")});
+    EXPECT_EQ(0, GetUrl(server_.Url("/f.bin", "updates.test"), 0, "127.0.0.5"));
+    name_server.join();
+    EXPECT_EQ("127.0.0.5", asker);
+    EXPECT_EQ("127.0.0.5", server_.peer());
+    EXPECT_TRUE(Asked(0, "Host: updates.test:"));
+    (void)unsetenv("DNS_CLIENT_SERVERS");
+}
+
+TEST_F(HttpUtil, FullDiskIsToldApart) {
+    server_.Script({whole("x")});
+    ASSERT_EQ(0, Get());
+    // A mount namespace belongs to the thread that makes it, and goes with it.
+    std::thread([&] {
+        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", directory_.path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+            return;  // only root can
+        }
+        const std::string large(100000, 'x');
+        directory_.Write("f.bin", "old");
+        server_.Script({whole(large)});
+        EXPECT_EQ(HTTP_DOWNLOAD_NO_STORAGE, Get());
+        EXPECT_EQ("old", Content());  // seen before a byte was written
+        // What the old file takes comes free: 60 of 64 KiB are replaced.
+        directory_.Write("f.bin", std::string(61440, 'o'));
+        server_.Script({whole(std::string(61440, 'n'))});
+        EXPECT_EQ(0, Get());
+        server_.Script({response("200 OK", "Transfer-Encoding: chunked\r\n",
+                                 "186a0\r\n" + large + "\r\n0\r\n\r\n")});
+        EXPECT_EQ(HTTP_DOWNLOAD_NO_STORAGE, Get());
+    }).join();
+}
+
+TEST_F(HttpUtil, DebuggingTellsNoSecrets) {
+    const std::string log = directory_ / "log";
+    ASSERT_EQ(0, setenv("PRINTK_SYSLOG_FILE", log.c_str(), 1));
+    server_.Script({whole("new", "Set-Cookie: hidden\r\nX-Text: shown\x1b[2J\r\n")});
+    std::string url = server_.Url();
+    url.insert(7, "user:hidden@");
+    EXPECT_EQ(0, GetUrl(url));
+    EXPECT_EQ("", directory_.Read("log"));
+    http_open_debug();
+    EXPECT_EQ(0, GetUrl(url));
+    http_close_debug();
+    const std::string lines = directory_.Read("log");
+    EXPECT_EQ(std::string::npos, lines.find("hidden")) << lines;
+    EXPECT_EQ(std::string::npos, lines.find('\x1b'));
+    EXPECT_NE(std::string::npos, lines.find(server_.Url() + " to " + path_));
+    EXPECT_NE(std::string::npos, lines.find("X-Text: shown"));
+    EXPECT_NE(std::string::npos, lines.find("ends with 0, 3 bytes"));
+    EXPECT_EQ(0, Get());
+    EXPECT_EQ(lines, directory_.Read("log"));
+    (void)unsetenv("PRINTK_SYSLOG_FILE");
+}
+
+}  // namespace
