@@ -4,58 +4,60 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "frame/log.h"
-#include "frame/text.h"
 #include "resume/resume_file.h"
 #include "resume/resume_list.h"
 #include "resume/resume_timer.h"
 #include "tests/fakes/fakes.h"
 #include "tests/support/temp_dir.h"
 
+using Names = std::vector<std::string>;
+
+// A file-name array of paths below a directory.
+struct Paths {
+    Paths(const std::string& directory, Names names) : texts(std::move(names)) {
+        for (std::string& text : texts) {
+            text = directory + "/" + text;
+            text.resize(FILENAME_SIZE);
+            array.push_back(text.data());
+        }
+    }
+    int32_t count() const { return static_cast<int32_t>(array.size()); }
+    Names texts;
+    std::vector<char*> array;
+};
+
 class ResumeTest : public testing::Test {
   protected:
-    using Names = std::vector<std::string>;
-
     void SetUp() override {
         fakes::Reset();
         DebugMask = DEBUG_ALL;
         ASSERT_EQ(setenv("TMPDIR", dir_.path().c_str(), 1), 0);
         ASSERT_EQ(setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1), 0);
         http_client_get_env_dir();
-        Restart();
+        resume_init();
         (void)fakes::Syslog();
     }
-    void TearDown() override {
-        resume_clear();
-        DebugMask = 0;
-    }
+    void TearDown() override { resume_clear(); }
 
-    static void Restart() { resume_init(); }
-    std::string File() const { return dir_.Read(RESUME_FILE); }
-
-    // Calls f with the array of the paths that the names have in the directory.
-    template <typename F>
-    auto WithPaths(const Names& names, F f) {
-        FilenameArray array = filename_malloc(static_cast<int32_t>(names.size()));
-        const auto count = static_cast<int32_t>(names.size());
-        for (int32_t i = 0; i < count; i++)
-            memcpy(array[i], (dir_ / names[static_cast<size_t>(i)]).c_str(),
-                   dir_.path().size() + names[static_cast<size_t>(i)].size() + 2);
-        const auto owned = std::unique_ptr<char*, std::function<void(char**)>>(
-            array, [count](char** paths) { filename_free(paths, count); });
-        return f(array, count);
-    }
     int Add(const char* app, const Names& names, int32_t n, bool incremental = false) {
-        return WithPaths(names, [&](FilenameArray array, int32_t count) {
-            return resume_add(app, array, count, n, incremental);
-        });
+        Paths paths(dir_.path(), names);
+        return resume_add(app, paths.array.data(), paths.count(), n, incremental);
     }
-
+    std::string File() const { return dir_.Read(RESUME_FILE); }
+    void Touch(const Names& names) {
+        for (const std::string& name : names) dir_.Write(name, "x");
+    }
+    // Those of the names whose files exist.
+    std::string OnDisk(const Names& names) {
+        std::string text;
+        for (const std::string& name : names)
+            if (std::filesystem::exists(dir_ / name)) text += name;
+        return text;
+    }
     // "app(count) name=state ...; app ..." in list order.
     std::string Listed() {
         MutexLock guard(resume_lock);
@@ -64,21 +66,13 @@ class ResumeTest : public testing::Test {
             text += (text.empty() ? "" : "; ") + std::string(app->name);
             text += "(" + std::to_string(app->count) + ")";
             for (ResumeFile* file = resume_next_file(app, &app->files); file;
-                 file = resume_next_file(app, file))
-                text += " " + Relative(file->path) + "=" + std::to_string(file->state);
+                 file = resume_next_file(app, file)) {
+                const std::string path = file->path;
+                const bool ours = path.starts_with(dir_.path());
+                text += " " + path.substr(ours ? dir_.path().size() + 1 : 0) + "=" +
+                        std::to_string(file->state);
+            }
         }
-        return text;
-    }
-    std::string Relative(const std::string& path) const {
-        return path.starts_with(dir_ / "") ? path.substr(dir_.path().size() + 1) : path;
-    }
-    void Touch(const Names& names) {
-        for (const std::string& name : names) dir_.Write(name, "x");
-    }
-    std::string OnDisk(const Names& names) {
-        std::string text;
-        for (const std::string& name : names)
-            if (std::filesystem::exists(dir_ / name)) text += name;
         return text;
     }
 
