@@ -1,11 +1,26 @@
 #include "registry/update_request.h"
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "http/xml.h"
 #include "tests/registry/registry_fixture.h"
 #include "tests/support/failing_alloc.h"
+
+// Runs once, between the look-up of the app and the sending of its request.
+static std::function<void()> s_before_request;
+
+// The linker leads the daemon's calls here and __real_ to the library.
+extern "C" {
+int __real_http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int length);
+int __wrap_http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int length) {
+    if (type == HTTP_MSG_TYPE_UPDATE_REQ && s_before_request) {
+        std::exchange(s_before_request, nullptr)();
+    }
+    return __real_http_update_reg_send_normal(fd, type, payload, length);
+}
+}
 
 namespace {
 
@@ -120,18 +135,44 @@ TEST_F(UpdateRequest, RefusedRequestLeavesTheAppAlone) {
 
 // The main loop has not seen the end of the old connection yet.
 TEST_F(UpdateRequest, FailedSendFreesTheNameAtOnce) {
-    const int next = Connect();
+    for (const bool queued : {false, true}) {
+        SCOPED_TRACE(queued);
+        const int next = Connect();
+        const int app = Connect();
+        ASSERT_EQ(Register(app, "alpha"), REG_OK);
+        (void)shutdown(app, SHUT_RD);  // sends to it fail
+        if (queued) SendOnly(app, HTTP_MSG_TYPE_VERSION, Bytes(VersionMessage{"alpha", "old"}));
+        std::thread([] { EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1); }).join();
+        ExpectLog("<-->deregister [alpha] in free by fd");
+        EXPECT_EQ(First().fd, -1);
+        EXPECT_EQ(Register(next, "alpha"), REG_OK);
+        EXPECT_EQ(First().flags, 0U);
+        EXPECT_STREQ(First().version, "1.0");
+        EXPECT_STREQ(reg_app_help_text(), "Files:alpha (multiple files splitted by space)");
+        char byte = 0;
+        EXPECT_LT(send(app, &byte, 1, MSG_NOSIGNAL), 0);
+        Disconnect(next);
+        Turn();
+    }
+}
+
+// The main loop ends the app's connection and accepts another just before the
+// request goes out.
+TEST_F(UpdateRequest, NewConnectionDoesNotGetTheOldOnesRequest) {
     const int app = Connect();
     ASSERT_EQ(Register(app, "alpha"), REG_OK);
-    (void)shutdown(app, SHUT_RD);  // sends to it fail
-    SendOnly(app, HTTP_MSG_TYPE_REGIST, RegistPayload("alpha"));
-    std::thread([] { EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1); }).join();
-    ExpectLog("<-->deregister [alpha] in free by fd");
-    EXPECT_EQ(First().fd, -1);
-    EXPECT_EQ(Register(next, "alpha"), REG_OK);
-    EXPECT_TRUE(Ended(app));
-    EXPECT_EQ(First().flags, 0U);
-    EXPECT_STREQ(reg_app_help_text(), "Files:alpha (multiple files splitted by space)");
+    int other = -1;
+    s_before_request = [&] {
+        Disconnect(app);
+        Turn();
+        other = Connect();
+        EXPECT_EQ(Register(other, "beta"), REG_OK);
+    };
+    EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1);
+    Turn();
+    EXPECT_EQ(Receive(other).first, 0);
+    EXPECT_STREQ(First().name, "beta");
+    EXPECT_FALSE(Ended(other));
 }
 
 // Connections come and go, and descriptors with them, while requests are sent:
