@@ -25,6 +25,10 @@ constexpr int64_t US_PER_SECOND = 1'000'000;
 // Longer delays are cut to this, so that no sum of times overflows.
 constexpr long DELAY_MAX_S = 3'153'600'000;  // 100 years
 constexpr long SPEED_MAX = 1'000'000;
+// Timers of at least this delay wake the processor on a common grid, at most one
+// grain late: the minute timers of an idle daemon then share one wake-up.
+constexpr long GRID_DELAY_S = 30;
+constexpr int64_t GRID_GRAIN_NS = 250'000'000;
 
 // A task on its loop. The record comes first: its address is the handle.
 struct Task {
@@ -64,6 +68,12 @@ int64_t monotonic_ns() {
     timespec now{};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
     return int64_t{now.tv_sec} * NS_PER_SECOND + now.tv_nsec;
+}
+
+int64_t wake_time_ns(int64_t due_ns, long delay_s, long speed) {
+    if (delay_s < GRID_DELAY_S) return due_ns;
+    const int64_t grain_ns = GRID_GRAIN_NS / speed;
+    return (due_ns + grain_ns - 1) / grain_ns * grain_ns;
 }
 
 // Anything but a positive number means the plain clock.
@@ -195,11 +205,13 @@ tq_thread* tq_thread_add_timer_withname(tq_thread_master* master, tq_thread_func
                                         long seconds, const char* name) {
     if (master == nullptr || func == nullptr) return nullptr;
     const long delay_s = seconds < 0 ? 0 : (seconds < DELAY_MAX_S ? seconds : DELAY_MAX_S);
-    const int64_t delay_ns = delay_s * NS_PER_SECOND / master->speed;
-    const int64_t delay_us = (delay_ns + 999) / 1000;  // never before the due time
-    const timeval delay{delay_us / US_PER_SECOND, delay_us % US_PER_SECOND};
+    const int64_t now_ns = monotonic_ns();
+    const int64_t due_ns = now_ns + delay_s * NS_PER_SECOND / master->speed;
+    const int64_t wait_ns = wake_time_ns(due_ns, delay_s, master->speed) - now_ns;
+    const int64_t wait_us = (wait_ns + 999) / 1000;  // never before the due time
+    const timeval delay{wait_us / US_PER_SECOND, wait_us % US_PER_SECOND};
     return task_add(master, {master, func, arg, -1, name == nullptr ? "" : name}, EV_TIMEOUT,
-                    &delay, monotonic_ns() + delay_ns);
+                    &delay, due_ns);
 }
 
 // Null when the base fails and also when no task is left: tasks come from this
