@@ -106,13 +106,6 @@ TEST_F(ServerList, ChangesAnswerForTheirList) {
     for (const int code : {0, -1, 4, 99}) EXPECT_STREQ(hu_serv_errstr(code), "Internal error");
 }
 
-TEST_F(ServerList, LongTextsAreCut) {
-    const std::string host(200, 'h');
-    const std::string uri(300, 'u');
-    ASSERT_EQ(hu_serv_config_add(host.c_str(), 5, uri.c_str(), true), HU_SERV_OK);
-    EXPECT_EQ(Copy(SERVERS_SECOND), host.substr(73) + ":5" + uri.substr(45) + " ");
-}
-
 // Copies and texts that a run takes while the operator configures are whole.
 TEST_F(ServerList, ConfigurationChangesUnderARun) {
     std::atomic<bool> done{false};

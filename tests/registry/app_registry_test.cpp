@@ -59,29 +59,6 @@ TEST_F(AppRegistry, AddAnswersForItsTable) {
     EXPECT_EQ(reg_app_get(0, nullptr), -1);
 }
 
-// A name that was cut must still be unique, and its app reachable.
-TEST_F(AppRegistry, LongTextsAreCutToTheirFields) {
-    const std::string name(APP_NAME_SIZE, 'n');
-    const std::string kept = name.substr(1);
-    ASSERT_EQ(reg_app_add(5, name, std::string(40, 'v'), 0), REG_OK);
-    ASSERT_EQ(reg_app_add(6, name, "1", 0), REG_DUPLICATE);
-    ASSERT_EQ(reg_app_set_savepath(kept, std::string(200, 'p')), 0);
-    EXPECT_EQ(Get(0).name, kept);
-    EXPECT_EQ(Get(0).version, std::string(31, 'v'));
-    EXPECT_EQ(Get(0).save_path, std::string(127, 'p'));
-    EXPECT_EQ(reg_app_set_savepath("nobody", "/x"), -1);
-}
-
-TEST_F(AppRegistry, ConnectionTakesItsAppsAlong) {
-    Add("alpha", 0, 5);
-    Add("beta", 0, 6);
-    Add("gamma", 0, 5);
-    EXPECT_TRUE(reg_app_fd_in_use(5));
-    reg_app_del_by_fd(5);
-    EXPECT_FALSE(reg_app_fd_in_use(5));
-    EXPECT_EQ(All(), 0x2U);
-}
-
 TEST_F(AppRegistry, ResultsEndBusyAndSetTheVersion) {
     struct Row {
         const char* name;
@@ -151,13 +128,6 @@ TEST_F(AppRegistry, HelpTextFollowsTheTable) {
     (void)reg_app_del_by_name("alpha");
     (void)reg_app_del_by_name("beta");
     EXPECT_STREQ(help, "Files: null");
-    std::string expected = "Files:";
-    for (int i = 0; i < APP_REG_MAX; ++i) {
-        const std::string name = std::to_string(10 + i) + std::string(29, 'n');
-        Add(name);
-        expected += name + " ";
-    }
-    EXPECT_EQ(help, expected + "(multiple files splitted by space)");
 }
 
 }  // namespace

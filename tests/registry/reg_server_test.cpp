@@ -116,6 +116,9 @@ TEST_F(RegServer, UnterminatedFieldsAreCut) {
     EXPECT_EQ(First().save_path, std::string(127, 'n'));
     Send(app, HTTP_MSG_TYPE_VERSION, std::string(32, 'n') + std::string(32, 'w'));
     EXPECT_EQ(First().version, std::string(31, 'w'));
+    const int other = Connect();
+    Send(other, HTTP_MSG_TYPE_REGIST, std::string(sizeof(RegistMessage), 'n'));
+    EXPECT_EQ(Answer(other, name), REG_DUPLICATE);
 }
 
 TEST_F(RegServer, ServesTenConnections) {
