@@ -221,14 +221,18 @@ class CliService : public testing::Test {
                     "configure\n"
                     "http update time daily 24:00");
         std::promise<bool> started;
-        std::thread([&started] {
+        s_loop = std::thread([&started] {
             tq_thread_master* master = tq_thread_master_create();
             s_jobs = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
             (void)tq_thread_add_read_withname(master, run_job, nullptr, s_jobs, "jobs");
             started.set_value(cli_sample::start(master));
             cli_sample::serve(master);
-        }).detach();
+        });
         ASSERT_TRUE(started.get_future().get());
+    }
+    static void TearDownTestSuite() {
+        OnLoop([] { cli_sample::g_stop = true; });
+        s_loop.join();
     }
     // Runs something on the main loop and waits for it.
     static void OnLoop(const std::function<void()>& job) {
@@ -254,6 +258,7 @@ class CliService : public testing::Test {
     }
 
     static inline TempDir s_dir;
+    static inline std::thread s_loop;
     static inline int s_jobs = -1;
     static inline std::function<void()> s_job;
 };

@@ -16,6 +16,7 @@ namespace cli_sample {
 inline std::atomic<int> g_flooded{0};  // workers of "work flood" that have ended
 inline std::atomic<int> g_held{0};     // of "work hold"
 inline std::atomic<bool> g_go{false};  // lets "work hold" go on
+inline bool g_stop = false;            // ends serve; main loop only
 inline std::string g_server;           // configured by "http update server"; main loop only
 inline std::string g_file_help = "Files: null";
 
@@ -204,7 +205,7 @@ inline bool start(tq_thread_master* master) {
 
 inline void serve(tq_thread_master* master) {
     tq_thread task{};
-    while (tq_thread_fetch(master, &task) != nullptr) tq_thread_call(&task);
+    while (!g_stop && tq_thread_fetch(master, &task) != nullptr) tq_thread_call(&task);
 }
 
 }  // namespace cli_sample

@@ -149,9 +149,10 @@ bool open_editor(Connection* connection) {
     (void)el_set(edit, EL_HIST, history, s_editor->history);
     (void)el_set(edit, EL_PROMPT, prompt_text);
     (void)el_set(edit, EL_GETCFN, read_key);
-    (void)el_set(edit, EL_ADDFN, "cli-help", "What may follow", help_key);
-    (void)el_set(edit, EL_ADDFN, "cli-complete", "Complete the word", complete_key);
-    (void)el_set(edit, EL_ADDFN, "cli-clear", "Clear the line", clear_key);
+    // The wide call keeps the names by address; the other one would leak copies.
+    (void)el_wset(edit, EL_ADDFN, L"cli-help", L"What may follow", help_key);
+    (void)el_wset(edit, EL_ADDFN, L"cli-complete", L"Complete the word", complete_key);
+    (void)el_wset(edit, EL_ADDFN, L"cli-clear", L"Clear the line", clear_key);
     (void)el_set(edit, EL_BIND, "?", "cli-help", nullptr);
     (void)el_set(edit, EL_BIND, "^I", "cli-complete", nullptr);
     (void)el_set(edit, EL_BIND, "^C", "cli-clear", nullptr);

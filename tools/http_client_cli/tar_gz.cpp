@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -39,7 +38,8 @@ static_assert(sizeof(UstarHeader) == BLOCK);
 // Digits and the terminator fill the field.
 template <size_t N>
 void octal(char (&field)[N], unsigned long value) {
-    (void)snprintf(field, N, "%0*lo", static_cast<int>(N - 1), value);
+    for (size_t i = N - 1; i-- > 0; value /= 8) field[i] = static_cast<char>('0' + value % 8);
+    field[N - 1] = '\0';
 }
 
 void write_bytes(TarGz* tar, const void* bytes, size_t size) {
@@ -85,7 +85,9 @@ void tar_gz_add(TarGz* tar, std::string_view name, std::string_view content, lon
     unsigned long sum = 0;
     const auto* bytes = reinterpret_cast<const unsigned char*>(&header);
     for (size_t i = 0; i < sizeof header; ++i) sum += bytes[i];
-    (void)snprintf(header.checksum, sizeof header.checksum, "%06lo", sum);  // leaves the blank
+    char digits[7];
+    octal(digits, sum);
+    memcpy(header.checksum, digits, sizeof digits);  // a blank stays at the end
 
     write_bytes(tar, &header, sizeof header);
     write_bytes(tar, content.data(), content.size());
