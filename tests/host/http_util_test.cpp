@@ -55,11 +55,20 @@ std::string whole(const std::string& body, const std::string& headers = "") {
                     body);
 }
 
+std::string part(const std::string& headers, const std::string& range, const std::string& body) {
+    return response("206 Partial",
+                    headers + "Content-Range: bytes " + range +
+                        "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n",
+                    body);
+}
+
 // Answers each connection with the next text of the script (the last one again and
 // again), then closes it, or holds it open until the end when the text ends in HOLD.
+// PAUSE in a text is longer than what the library waits before it reports a few bytes.
 class Server {
   public:
     static constexpr char HOLD[] = "<hold>";
+    static constexpr char PAUSE[] = "<pause>";
 
     Server() : listener_(loopback_socket(SOCK_STREAM, &port_)), thread_([this] { Run(); }) {}
     ~Server() {
@@ -106,6 +115,11 @@ class Server {
             }
             const bool hold = text.ends_with(HOLD);
             if (hold) text.resize(text.size() - strlen(HOLD));
+            for (size_t pause; (pause = text.find(PAUSE)) != std::string::npos;) {
+                (void)send(fd.get(), text.data(), pause, MSG_NOSIGNAL);
+                text.erase(0, pause + strlen(PAUSE));
+                (void)usleep(300000);
+            }
             (void)send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL);
             if (hold) held_.push_back(std::move(fd));
         }
@@ -190,40 +204,36 @@ TEST_F(HttpUtil, LibcurlComesWithTheFirstDownload) {
 
 TEST_F(HttpUtil, OutcomeOfEachResponse) {
     const std::string big(300000, 'b');
+    const std::string ok = "HTTP/1.1 200 OK\r\n";
+    const std::string three = "Content-Length: 3\r\n\r\nnew";
+    const std::string chunked = ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nnew\r\n";
+    const int bad_status = DOWNLOAD_BAD_STATUS;
     const struct {
         const char* name;
         std::string text;
         int result;
         std::string content;  // "old": what lay there is untouched
     } rows[] = {
-        {"whole", whole("new"), 0, "new"},
+        {"whole", ok + three, 0, "new"},
         {"larger than a buffer", whole(big), 0, big},
         {"empty", whole(""), 0, ""},
-        {"more than announced", whole("new").append("trailing"), 0, "new"},
-        {"chunked", response("200 OK", "Transfer-Encoding: chunked\r\n", "3\r\nnew\r\n0\r\n\r\n"),
-         0, "new"},
-        {"HTTP/1.0", "HTTP/1.0 200 OK\r\nContent-Length: 3\r\n\r\nnew", 0, "new"},
-        {"cut", response("200 OK", "Content-Length: 9\r\n", "new"), DOWNLOAD_BROKEN, "new"},
-        {"chunks cut", response("200 OK", "Transfer-Encoding: chunked\r\n", "3\r\nnew\r\n"),
-         DOWNLOAD_BROKEN, "new"},
-        {"no length", response("200 OK", "", "new"), DOWNLOAD_NO_LENGTH, "old"},
-        {"not found", response("404 Not Found", "Content-Length: 5\r\n", "error"),
-         DOWNLOAD_BAD_STATUS, "old"},
-        {"not found, no body", response("404 Not Found", "Content-Length: 0\r\n", ""),
-         DOWNLOAD_BAD_STATUS, "old"},
-        {"no content", response("204 No Content", "", ""), DOWNLOAD_BAD_STATUS, "old"},
-        {"a part unasked",
-         response("206 Partial", "Content-Range: bytes 0-2/9\r\nContent-Length: 3\r\n", "new"),
-         DOWNLOAD_BAD_STATUS, "old"},
-        {"redirect to nowhere", response("302 Found", "Content-Length: 3\r\n", "new"),
-         DOWNLOAD_BAD_STATUS, "old"},
-        {"redirect to a file", response("302 Found", "Location: file:///etc/passwd\r\n", ""),
-         DOWNLOAD_BAD_URL, "old"},
-        {"more than the disk holds",
-         response("200 OK", "Content-Length: 999999999999999999\r\n", "n"),
-         HTTP_DOWNLOAD_NO_STORAGE, "old"},
-        {"length is no number", response("200 OK", "Content-Length: -3\r\n", "new"),
-         DOWNLOAD_BROKEN, "old"},
+        {"last byte late", ok + "Content-Length: 3\r\n\r\nne" + Server::PAUSE + "w", 0, "new"},
+        {"more than announced", ok + three + "trailing", 0, "new"},
+        {"chunked", chunked + "0\r\n\r\n", 0, "new"},
+        {"HTTP/1.0", "HTTP/1.0 200 OK\r\n" + three, 0, "new"},
+        {"cut", ok + "Content-Length: 9\r\n\r\nnew", DOWNLOAD_BROKEN, "new"},
+        {"chunks cut", chunked, DOWNLOAD_BROKEN, "new"},
+        {"no length", ok + "\r\nnew", DOWNLOAD_NO_LENGTH, "old"},
+        {"not found", "HTTP/1.1 404 Not Found\r\n" + three, bad_status, "old"},
+        {"no body", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", bad_status, "old"},
+        {"no content", "HTTP/1.1 204 No Content\r\n\r\n", bad_status, "old"},
+        {"a part unasked", part("", "0-2/9", "new"), bad_status, "old"},
+        {"redirect to nowhere", "HTTP/1.1 302 Found\r\n" + three, bad_status, "old"},
+        {"to a file", "HTTP/1.1 302 Found\r\nLocation: file:///a\r\n" + three, DOWNLOAD_BAD_URL,
+         "old"},
+        {"too large", ok + "Content-Length: 999999999999999999\r\n\r\nn", HTTP_DOWNLOAD_NO_STORAGE,
+         "old"},
+        {"length below zero", ok + "Content-Length: -3\r\n\r\nnew", DOWNLOAD_BROKEN, "old"},
         {"not HTTP", "SSH-2.0-x\r\n", DOWNLOAD_BROKEN, "old"},
         {"nothing", "", DOWNLOAD_BROKEN, "old"},
     };
@@ -234,16 +244,11 @@ TEST_F(HttpUtil, OutcomeOfEachResponse) {
         EXPECT_EQ(row.result, Get());
         EXPECT_EQ(row.content, Content());
         EXPECT_EQ(row.result == 0, calls_.finished);
-        if (row.result == 0) {
-            EXPECT_EQ(row.content.size(), calls_.sum);
-        }
-        if (row.result == 0) {
-            EXPECT_FALSE(Marked());
-        }
+        EXPECT_TRUE(row.result != 0 || calls_.sum == row.content.size());
     }
     ASSERT_EQ(0, unlink(path_.c_str()));
-    server_.Script({response("404 Not Found", "Content-Length: 5\r\n", "error")});
-    EXPECT_EQ(DOWNLOAD_BAD_STATUS, Get());
+    server_.Script({"HTTP/1.1 404 Not Found\r\n" + three});
+    EXPECT_EQ(bad_status, Get());
     EXPECT_NE(0, access(path_.c_str(), F_OK));
 }
 
@@ -292,9 +297,16 @@ TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
     const std::string weak = "ETag: W/\"a\"\r\n";
     const std::string dates = std::string(OLD_DATE) + DATE;
     const std::string same_second = std::string(OLD_DATE) + "Date" + (OLD_DATE + 13);
-    const std::string rest_headers = "Content-Range: bytes 5-9/10\r\nContent-Length: 5\r\n";
-    const std::string rest = response("206 Partial", tag + rest_headers, "56789");
     const std::string all = whole("ABCDEFGHIJ");
+    const std::string refused = response("416 Range", "Content-Length: 0\r\n", "");
+    const std::string gone = response("404 Not Found", "Content-Length: 1\r\n", "x");
+    const std::string cut = response("206 Partial", "Content-Range: bytes 5-9/10\r\n", "56");
+    const std::string good = part(tag, "5-9/10", "56789");
+    const std::string dated = part("", "5-9/10", "56789");
+    const std::string by_date = "If-Range: Mon, 01 Jan 2024 00:00:00 GMT";
+    const std::string by_tag = "If-Range: \"a\"";
+    const std::string old = "0123456789";
+    const std::string fresh = "ABCDEFGHIJ";
     const struct {
         const char* name;
         std::string first;  // headers of the download that was cut
@@ -303,69 +315,20 @@ TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
         int result;
         std::string content;
     } rows[] = {
-        {"strong tag", tag, {rest}, "If-Range: \"a\"", 0, "0123456789"},
-        {"tag left out of the part",
-         tag,
-         {response("206 Partial", rest_headers, "56789")},
-         "If-Range: \"a\"",
-         0,
-         "0123456789"},
-        {"old date",
-         dates,
-         {response("206 Partial", rest_headers, "56789")},
-         "If-Range: Mon, 01 Jan 2024 00:00:00 GMT",
-         0,
-         "0123456789"},
-        {"changed", tag, {all}, "If-Range: \"a\"", 0, "ABCDEFGHIJ"},
-        {"another tag with the part",
-         tag,
-         {response("206 Partial", "ETag: \"b\"\r\n" + rest_headers, "56789"), all},
-         "If-Range: \"a\"",
-         0,
-         "ABCDEFGHIJ"},
-        {"another part",
-         tag,
-         {response("206 Partial", tag + "Content-Range: bytes 4-9/10\r\nContent-Length: 6\r\n",
-                   "456789"),
-          all},
-         "If-Range: \"a\"",
-         0,
-         "ABCDEFGHIJ"},
-        {"another size",
-         tag,
-         {response("206 Partial", tag + "Content-Range: bytes 5-10/11\r\nContent-Length: 6\r\n",
-                   "56789A"),
-          all},
-         "If-Range: \"a\"",
-         0,
-         "ABCDEFGHIJ"},
-        {"range refused",
-         tag,
-         {response("416 Range", "Content-Range: bytes */3\r\nContent-Length: 0\r\n", ""), all},
-         "If-Range: \"a\"",
-         0,
-         "ABCDEFGHIJ"},
-        {"refused for ever",
-         tag,
-         {response("416 Range", "Content-Length: 0\r\n", "")},
-         "If-Range: \"a\"",
-         DOWNLOAD_BAD_STATUS,
-         "01234"},
-        {"gone",
-         tag,
-         {response("404 Not Found", "Content-Length: 1\r\n", "x")},
-         "If-Range: \"a\"",
-         DOWNLOAD_BAD_STATUS,
-         "01234"},
-        {"cut again",
-         tag,
-         {response("206 Partial", tag + rest_headers, "56")},
-         "If-Range: \"a\"",
-         DOWNLOAD_BROKEN,
-         "0123456"},
-        {"weak tag", weak, {all}, "", 0, "ABCDEFGHIJ"},
-        {"date of this very second", same_second, {all}, "", 0, "ABCDEFGHIJ"},
-        {"nothing to prove it", "", {all}, "", 0, "ABCDEFGHIJ"},
+        {"strong tag", tag, {good}, by_tag, 0, old},
+        {"tag left out of the part", tag, {dated}, by_tag, 0, old},
+        {"old date", dates, {dated}, by_date, 0, old},
+        {"changed", tag, {all}, by_tag, 0, fresh},
+        {"other tag", tag, {part("ETag: \"b\"\r\n", "5-9/10", "56789"), all}, by_tag, 0, fresh},
+        {"other part", tag, {part(tag, "4-9/10", "456789"), all}, by_tag, 0, fresh},
+        {"other size", tag, {part(tag, "5-10/11", "56789A"), all}, by_tag, 0, fresh},
+        {"range refused", tag, {refused, all}, by_tag, 0, fresh},
+        {"refused for ever", tag, {refused}, by_tag, DOWNLOAD_BAD_STATUS, "01234"},
+        {"gone", tag, {gone}, by_tag, DOWNLOAD_BAD_STATUS, "01234"},
+        {"cut again", tag, {cut}, by_tag, DOWNLOAD_BROKEN, "0123456"},
+        {"weak tag", weak, {all}, "", 0, fresh},
+        {"date of this very second", same_second, {all}, "", 0, fresh},
+        {"nothing to prove it", "", {all}, "", 0, fresh},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -374,9 +337,7 @@ TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
         EXPECT_EQ(row.result, Get(1));
         EXPECT_EQ(row.content, Content());
         EXPECT_EQ(!row.asked.empty(), Asked(0, "Range: bytes=5-\r\n"));
-        if (!row.asked.empty()) {
-            EXPECT_TRUE(Asked(0, row.asked + "\r\n"));
-        }
+        EXPECT_TRUE(row.asked.empty() || Asked(0, row.asked + "\r\n"));
         EXPECT_EQ(row.result != 0, Marked());
         EXPECT_EQ(row.result == 0, calls_.finished);
     }
@@ -406,8 +367,7 @@ TEST_F(HttpUtil, WhatLiesThereIsContinuedOnlyIfItIsThePart) {
     ASSERT_EQ(0U, text.find("1\n"));
     const std::string after_boot = "1\nanother boot\n3" + text.substr(text.find("\n5\n") + 2);
     ASSERT_EQ(0, setxattr(path_.c_str(), ATTRIBUTE, after_boot.data(), after_boot.size(), 0));
-    server_.Script({response("206 Partial", "Content-Range: bytes 3-9/10\r\nContent-Length: 7\r\n",
-                             "3456789")});
+    server_.Script({part("", "3-9/10", "3456789")});
     EXPECT_EQ(0, Get(1));
     EXPECT_TRUE(Asked(0, "Range: bytes=3-\r\n"));
     EXPECT_EQ("0123456789", Content());
