@@ -5,6 +5,7 @@ except that an app is played by this process so that it can misbehave.
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import json
 import os
@@ -58,6 +59,7 @@ class Scratch:
     def __init__(self) -> None:
         # Short: prefixes are cut at 31 characters and socket paths at 107.
         self.root = Path(tempfile.mkdtemp(prefix="hc", dir="/tmp"))
+        self.checks: list[Callable[[], None]] = []
         self.ended_last: list[Callable[[], None]] = []
         self.reports: list[str] = []
 
@@ -76,11 +78,12 @@ class Scratch:
         process.wait()
 
     def output(self, name: str) -> str:
-        return (self.root / f"{name}.out").read_text(errors="replace")
+        # Bytes, because line ends are part of what is compared.
+        return (self.root / f"{name}.out").read_bytes().decode(errors="replace")
 
     def close(self) -> None:
-        for end in reversed(self.ended_last):
-            end()
+        for step in self.checks + self.ended_last[::-1]:
+            step()
         for path in sorted(self.root.glob("*.err")):
             text = path.read_text(errors="replace")
             if SANITIZER_REPORT.search(text):
@@ -107,13 +110,13 @@ class LabServer:
         self.host, self.port = line[1], int(line[2])
         self.lines: Callable[[], str] = lambda: scratch.output(self.name)
 
-    def release(self, app: str, version: str, files: dict[str, int | bytes],
+    def release(self, app: str, version: str, contents: dict[str, int | bytes],
                 **described: Any) -> dict[str, bytes]:
         """Puts a release on the server; a number makes that many bytes."""
         folder = self.folder / app / version
         folder.mkdir(parents=True)
         made = {name: what if isinstance(what, bytes) else content(app + version + name, what)
-                for name, what in files.items()}
+                for name, what in contents.items()}
         for name, data in made.items():
             (folder / name).write_bytes(data)
         if described:
@@ -216,6 +219,9 @@ class App:
         self.send(self.DEREGIST, name.encode() + b"\0")
 
     def die(self) -> None:
+        # Closing alone would leave it open while the listening thread reads.
+        with contextlib.suppress(OSError):
+            self.socket.shutdown(socket.SHUT_RDWR)
         self.socket.close()
 
     def _listen(self) -> None:
@@ -283,7 +289,7 @@ class Device:
                            "os_name=LAB\nproject=_EG3210\nrelease_type=Release\n"
                            "release=1.0\nhw_version=1.00\n"}.items():
             (self.files / path).write_text(text)
-        scratch.ended_last.append(self.close)
+        scratch.checks.append(self.close)
 
     # ---- the daemon ----
 

@@ -4,7 +4,7 @@ import socket
 import struct
 import time
 
-from lab import App, Device, LabServer, UpdateRequest, wait_for
+from lab import Device, LabServer, wait_for
 
 
 def test_app_that_fails_keeps_its_version_and_is_asked_again(
@@ -58,10 +58,7 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
 def test_app_that_dies_when_told(device: Device, server: LabServer) -> None:
     server.release("alpha", "2.0", {"a.bin": 1000})
 
-    def die(app: App, request: UpdateRequest) -> None:
-        app.socket.shutdown(socket.SHUT_RDWR)
-
-    device.app("alpha", answer=die)
+    device.app("alpha", answer=lambda app, request: app.die())
     device.cli("http update all")
     wait_for(lambda: device.versions() == {})
     device.app("alpha")

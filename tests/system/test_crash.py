@@ -1,7 +1,9 @@
 """The daemon loses its power, its disk or its single place, and goes on."""
 
+import contextlib
 import re
 import subprocess
+from pathlib import Path
 
 import pytest
 from lab import BIN_DIR, Device, LabServer, Scratch, private_mounts, wait_for
@@ -64,17 +66,22 @@ def small_disk(scratch: Scratch) -> str:
 
 
 def test_full_disk(small_disk: str, device: Device, server: LabServer) -> None:
-    made = server.release("alpha", "2.0", {"a.bin": 20_000, "b.bin": 100_000})
-    alpha = device.app("alpha", save=small_disk)
-    full = "Update module with server 127.0.0.1:\r\nalpha: Not enough flash.\n"
-    assert device.cli("http update all").endswith(full)
-    # The same when the length is not known beforehand.
-    server.fault(path="*/b.bin", content_length=-1)
-    assert device.cli("http update all").endswith(full)
+    made = server.release("alpha", "2.0", {"a.bin": 20_000, "b.bin": 38_000})
+    server.release("beta", "2.0", {"large": 100_000})
+    alpha, beta = device.app("alpha", save=small_disk), device.app("beta", save=small_disk)
+    # Too large from the beginning; then a disk that fills up meanwhile.
+    full = "Update module with server 127.0.0.1:\r\n%s: Not enough flash.\n"
+    assert device.cli("http update beta").endswith(full % "beta")
+    server.fault(path="*/b.bin", stall_after=10_000)
+    update = device.begin("http update alpha")
+    server.wait_stalled("b.bin", 10_000)
+    filler = Path(small_disk) / "filler"
+    with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
+        while True:
+            file.write(bytes(4096))
     server.heal()
-    on_disk = subprocess.run(["ls", "-A", small_disk], capture_output=True, check=True).stdout
-    assert on_disk == b"" and alpha.requests == []
-    subprocess.run(["mount", "-o", "remount,size=1m", small_disk], check=True)
-    assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
-    with open(small_disk + "b.bin", "rb") as file:
-        assert file.read() == made["b.bin"]
+    assert update.finish().endswith(full % "alpha")
+    assert list(Path(small_disk).iterdir()) == [filler] and alpha.requests == beta.requests == []
+    filler.unlink()
+    assert device.cli("http update alpha").endswith("alpha: download and notify successfully.\n")
+    assert {p.name: p.read_bytes() for p in Path(small_disk).iterdir()} == made

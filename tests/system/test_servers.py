@@ -67,6 +67,7 @@ DOWNLOADS = {
     "server error": dict(status=500),
     "nothing": dict(drop=True),
     "cut": dict(cut_after=500),
+    "no length": dict(content_length=-1),
     "length beyond the file": dict(content_length=2000, times=1),
 }
 
@@ -130,8 +131,8 @@ def test_source_address_is_used_for_query_and_download(
         device: Device, server: LabServer) -> None:
     server.release("alpha", "2.0", {"a.bin": 1000})
     device.app("alpha")
-    assert device.configure("http update source_ip 300.1.1.1") == (
-        "% Invalid source ip address. \n")
+    device.cli("configure", "http update source_ip 300.1.1.1", status=1)
+    assert device.errors() == "% Invalid source ip address. \n"
     device.configure("http update source_ip 127.0.0.7")
     assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
     assert {r["from"] for r in server.requests()} == {"127.0.0.7"}

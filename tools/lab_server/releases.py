@@ -135,4 +135,10 @@ def reply_xml(releases: list[Release], base: str, dead_sources: list[str]) -> by
             for source in dead_sources + sources:
                 ET.SubElement(file, "downpath").text = source.replace("{base}", base)
     ET.indent(root)
+    # A file stays on one line: white space in it would be a text of its own,
+    # which the device passes on to the app.
+    for file in root.iter("file"):
+        file.text = None
+        for source in file:
+            source.tail = None
     return ET.tostring(root, encoding="utf-8", xml_declaration=True) + b"\n"
