@@ -177,8 +177,8 @@ class Handler(BaseHTTPRequestHandler):
             file.close()
             return Answer(416, b"", {"Content-Range": f"bytes */{size}"})
         file.seek(first)
-        self.remark = f"bytes {first}-{last}/{size}"
-        headers["Content-Range"] = self.remark
+        self.remark = f"({first}-{last}/{size})"
+        headers["Content-Range"] = f"bytes {first}-{last}/{size}"
         return Answer(206, file, headers, last - first + 1)
 
     def range_asked(self, size: int, headers: dict[str, str]) -> tuple[int, int] | None:
