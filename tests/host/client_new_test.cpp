@@ -150,13 +150,14 @@ class Terminal {
         (void)Finish();
     }
     // A failure shows in what is received next.
-    void Bytes(std::string_view bytes) {
-        (void)send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    bool Bytes(std::string_view bytes) {
+        return send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
     }
-    void Send(client_new::FrameType type, std::string_view payload) {
+    bool Send(client_new::FrameType type, std::string_view payload) {
         std::string bytes;
         client_new::frame_append(&bytes, type, payload);
-        Bytes(bytes);
+        return Bytes(bytes);
     }
     void Start(std::string_view line) { Send(client_new::FRAME_COMMAND, line); }
     // Output to the end of the command; refusals in angle brackets, the reason of a
@@ -441,6 +442,10 @@ TEST_F(CliService, MalformedPeerCostsOnlyItself) {
     Terminal hurried;
     for (int i = 0; i < 40; ++i) hurried.Start("work hold");
     EXPECT_NE(hurried.Finish().find("[too many commands at once]"), std::string::npos);
+    Terminal deaf;  // asks, and never reads the answers
+    int asked = 0;
+    while (asked < 100000 && deaf.Send(client_new::FRAME_HELP, "")) ++asked;
+    EXPECT_LT(asked, 100000) << "its answers pile up without bound";
 }
 
 TEST_F(CliService, SessionsAreBoundedAndFreedAgain) {

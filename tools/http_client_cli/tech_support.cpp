@@ -10,7 +10,6 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -19,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "connection.h"
-#include "frame/text.h"
+#include "frame/unique_fd.h"
+#include "host/tech_support_msg/protocol.h"
 #include "tar_gz.h"
 
 namespace {
@@ -37,18 +36,12 @@ struct Dump {
     long mtime_s;
 };
 
-std::string socket_path() {
-    return client_new::directory_prefix("TMPDIR", "/tmp") + "/oam/http_client/.tech_support";
-}
-
 void say(const std::string& what, const char* reason) {
     (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
 }
 
 bool connect_to_service(UniqueFd* connection) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)text_copy(address.sun_path, socket_path());  // the prefix is short
+    const sockaddr_un address = tech_support_address();
     connection->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return connection->valid() &&
            connect(connection->get(), reinterpret_cast<const sockaddr*>(&address),
@@ -84,7 +77,7 @@ bool ask(const std::string& request, std::string* answer) {
         receive_all(connection.get(), answer)) {
         return true;
     }
-    say("no support service at " + socket_path(), strerror(errno));
+    say(std::string("no support service at ") + tech_support_address().sun_path, strerror(errno));
     return false;
 }
 
