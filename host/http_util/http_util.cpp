@@ -4,9 +4,11 @@
 #include "frame/platform/http_util.h"
 
 #include <dlfcn.h>
+#include <string.h>
 
 #include "frame/platform/syslog_new.h"
 #include "frame/sync.h"
+#include "frame/text.h"
 #include "host/http_util/engine.h"
 
 namespace {
@@ -18,20 +20,38 @@ std::atomic<bool> s_debug{false};
 #ifdef HTTP_UTIL_ENGINE_LINKED
 EngineDownload engine_load() { return http_util_engine_download; }
 #else
+constexpr const char* ENGINE_FILE = "libhttp_util_engine.so";
+
 Mutex s_lock;  // held while the engine is loaded
 EngineDownload s_engine GUARDED_BY(s_lock) = nullptr;
+
+// The engine beside this library. By its full path: under a sanitizer dlopen() is
+// called by its run-time library, whose own search path counts then.
+void* engine_open() {
+    Dl_info self{};
+    if (dladdr(&s_debug, &self) == 0 || self.dli_fname == nullptr) return nullptr;
+    const char* slash = strrchr(self.dli_fname, '/');
+    const size_t directory = slash == nullptr ? 0 : static_cast<size_t>(slash - self.dli_fname) + 1;
+    char path[1024] = "";
+    size_t length = 0;
+    if (!text_appendf(path, sizeof path, &length, "%.*s%s", static_cast<int>(directory),
+                      self.dli_fname, ENGINE_FILE)) {
+        return nullptr;
+    }
+    return dlopen(path, RTLD_NOW | RTLD_LOCAL);
+}
 
 // Null when the engine can't be loaded; the next download tries again. It is never
 // unloaded: libcurl's own libraries do not all survive that.
 EngineDownload engine_load() {
     const MutexLock guard(s_lock);
     if (s_engine != nullptr) return s_engine;
-    void* engine = dlopen("libhttp_util_engine.so", RTLD_NOW | RTLD_LOCAL);
+    void* engine = engine_open();
     void* symbol = engine == nullptr ? nullptr : dlsym(engine, "http_util_engine_download");
     if (symbol == nullptr) {
         const char* reason = dlerror();
         (void)printk_syslog_ext(3, "HTTPC", "ERROR", 2, "download library: %s\n",
-                                reason == nullptr ? "engine without its entry" : reason);
+                                reason == nullptr ? "engine can't be loaded" : reason);
         return nullptr;
     }
     s_engine = reinterpret_cast<EngineDownload>(symbol);

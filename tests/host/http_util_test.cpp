@@ -282,6 +282,7 @@ TEST_F(HttpUtil, RedirectsAreFollowedAFewTimes) {
     server_.Script({to("/other dir/f?x=1"), to(server_.Url("/end")), whole("new")});
     EXPECT_EQ(0, Get());
     EXPECT_EQ("new", Content());
+    ASSERT_EQ(3U, server_.requests().size());
     EXPECT_EQ(0U, server_.requests()[1].find("GET /other%20dir/f?x=1 "));
     EXPECT_EQ(0U, server_.requests()[2].find("GET /end "));
     server_.Script({to("/again")});
