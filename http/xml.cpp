@@ -20,6 +20,12 @@
 // Far above any file that the daemon writes itself.
 static constexpr off_t FILE_SIZE_MAX = 16 * 1024 * 1024;
 
+// libxml2 compares each attribute of an element with all the others, and each
+// prefix with all the namespaces in force: 2 MiB of them take many minutes. These
+// limits keep any document to a second and no honest one comes near them.
+static constexpr int ELEMENT_ATTRIBUTES_MAX = 4096;
+static constexpr int NAMESPACES_MAX = 256;
+
 static constexpr int PARSE_OPTIONS = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
 
 namespace {
@@ -40,6 +46,24 @@ static void refuse_doctype(void* context, const xmlChar*, const xmlChar*, const 
     xmlStopParser(parser);
 }
 
+// True when the text may hold more attributes or namespaces than the parser can
+// deal with in reasonable time. A "<" stands in no attribute value, so that
+// counting "=" from one to the next never counts too few.
+static bool is_flood(std::string_view text) {
+    int attributes = 0;
+    for (const char c : text) {
+        if (c == '<') attributes = 0;
+        if (c == '=' && ++attributes > ELEMENT_ATTRIBUTES_MAX) return true;
+    }
+    constexpr std::string_view NAMESPACE = "xmlns";
+    int namespaces = 0;
+    for (size_t at = text.find(NAMESPACE); at != std::string_view::npos;
+         at = text.find(NAMESPACE, at + NAMESPACE.size())) {
+        if (++namespaces > NAMESPACES_MAX) return true;
+    }
+    return false;
+}
+
 // Complaints about an encoding pass by the parser's own switches; the function
 // that gets them is a matter of each thread.
 [[gnu::format(printf, 2, 3)]] static void ignore_message(void*, const char*, ...) {}
@@ -47,7 +71,7 @@ static void refuse_doctype(void* context, const xmlChar*, const xmlChar*, const 
 static xmlDocPtr parse(const char* text, size_t size, const char* encoding, int options) {
     // Once, and before any thread relies on the parser's global state.
     static const bool ready = (xmlInitParser(), true);
-    if (!ready || size > INT32_MAX) return nullptr;
+    if (!ready || size > INT32_MAX || is_flood({text, size})) return nullptr;
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
     if (parser == nullptr) return nullptr;
     parser->sax->internalSubset = refuse_doctype;

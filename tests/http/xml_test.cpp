@@ -14,6 +14,12 @@ static std::string Repeat(const std::string& text, int count) {
     return all;
 }
 
+static std::string Numbered(const std::string& name, int count) {
+    std::string all;
+    for (int i = 0; i < count; i++) all += " " + name + std::to_string(i) + "='x'";
+    return all;
+}
+
 TEST(Xml, RefusesHostileDocuments) {
     const std::string million(1000000, 'A');
     const std::string entity = "<!DOCTYPE f [<!ENTITY e '" + million + "'>]><filelist>";
@@ -28,6 +34,9 @@ TEST(Xml, RefusesHostileDocuments) {
         {"DOCTYPE", "<!DOCTYPE filelist SYSTEM 'http://127.0.0.1:1/x'><filelist/>"},
         {"large entity", entity + Repeat("&e;", 100000) + "</filelist>"},
         {"default attribute", attribute + Repeat("<app/>", 100000) + "</filelist>"},
+        {"attributes", "<filelist><app " + Numbered("a", 150000) + "/></filelist>"},
+        {"namespaces",
+         "<filelist " + Numbered("xmlns:a", 4000) + ">" + Repeat("<z:a/>", 200000) + "</filelist>"},
         {"entity without DOCTYPE", "<filelist>&e;</filelist>"},
         {"deep", Repeat("<filelist>", 200000)},
         {"broken UTF-8", "<filelist>\xff\xfe</filelist>"},
