@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
@@ -83,9 +84,13 @@ TEST(CommBuf, BehavesAsAQueueOfBytes) {
                 ASSERT_EQ(Append(&buffer, source.substr(0, count)), static_cast<int32_t>(count));
                 model += source.substr(0, count);
             } else if (!model.empty()) {
-                std::string seen(count, '?');
-                const int32_t peeked = comm_buf_peek(&buffer, seen.data(), count);
-                ASSERT_EQ(seen.substr(0, static_cast<size_t>(peeked)), model.substr(0, count));
+                std::string seen(std::min<size_t>(count, model.size()), '?');
+                ASSERT_EQ(comm_buf_peek(&buffer, seen.data(), count),
+                          static_cast<int>(seen.size()));
+                ASSERT_EQ(seen, model.substr(0, count));
+                CommBuf view{};
+                ASSERT_EQ(comm_buf_share(&buffer, &view, static_cast<int>(seen.size())), 0);
+                ASSERT_EQ(Read(&view, 5000), seen);
                 ASSERT_EQ(Read(&buffer, count), model.substr(0, count));
                 model.erase(0, count);
             }
