@@ -279,7 +279,8 @@ std::string option_label(const cli_node* node) {
         case CLI_NODE_KEYWORD:
             return node->keyword;
         case CLI_NODE_NUMBER:
-            return "<" + std::to_string(node->value) + "-" + std::to_string(node->maximum) + ">";
+            return std::string("<").append(std::to_string(node->value)) + "-" +
+                   std::to_string(node->maximum) + ">";
         case CLI_NODE_STRING:
             return "WORD";
         case CLI_NODE_LINE:
