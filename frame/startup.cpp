@@ -34,22 +34,24 @@ tq_thread_master* http_client_master = nullptr;
 bool ham_registered = false;
 
 static void http_client_usage() {
-    static constexpr const char* lines[] = {
-        "Options:",
-        "        -d           open http-client debugging",
-        "Parament:",
-        "        -a           open http-client all debugging",
-        "        -i           open http-client info debugging",
-        "        -c           open http-client connect debugging",
-        "        -r           open http-client register debugging",
-        "        -e           open http-client error debugging",
-        "e.g:",
-    };
-    static constexpr const char* examples[] = {"", " -d", " -da", " -di", " -dc", " -dr", " -de"};
     printf("Error: invalid option\r\n");
     printf("Format: %s [-d[a/i/c/r/e]]\r\n", PROGRAM);
-    for (const char* line : lines) printf("%s\r\n", line);
-    for (const char* example : examples) printf("    %s%s\r\n", PROGRAM, example);
+    printf("Options:\r\n");
+    printf("        -d           open http-client debugging\r\n");
+    printf("Parament:\r\n");
+    printf("        -a           open http-client all debugging\r\n");
+    printf("        -i           open http-client info debugging\r\n");
+    printf("        -c           open http-client connect debugging\r\n");
+    printf("        -r           open http-client register debugging\r\n");
+    printf("        -e           open http-client error debugging\r\n");
+    printf("e.g:\r\n");
+    printf("    %s\r\n", PROGRAM);
+    printf("    %s -d\r\n", PROGRAM);
+    printf("    %s -da\r\n", PROGRAM);
+    printf("    %s -di\r\n", PROGRAM);
+    printf("    %s -dc\r\n", PROGRAM);
+    printf("    %s -dr\r\n", PROGRAM);
+    printf("    %s -de\r\n", PROGRAM);
 }
 
 [[noreturn]] static void usage_exit() {
