@@ -26,6 +26,7 @@ namespace {
 constexpr const char* ATTRIBUTE = "user.http_client.partial";
 constexpr std::string_view FORMAT = "1";
 constexpr mode_t FILE_MODE = 0644;
+constexpr size_t BUFFER_BYTES = 256 * 1024;
 constexpr size_t BOOT_SIZE = 40;
 constexpr size_t DIRECTORY_SIZE = 1024;
 
@@ -133,14 +134,12 @@ int PartialFile::Create(uint64_t size_bytes, const PartialFacts* facts) {
     if (exists && unlink(path_) != 0 && errno != ENOENT) return DOWNLOAD_BAD_FILE;
     fd_.reset(open(path_, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
     if (!fd_.valid()) return file_error();
-    size_ = 0;
-    open_ = true;
     marked_ = facts != nullptr;
     if (marked_) {
         facts_ = *facts;
         Mark(0);
     }
-    return 0;
+    return Begin(0);
 }
 
 int PartialFile::Continue(uint64_t offset) {
@@ -149,18 +148,39 @@ int PartialFile::Continue(uint64_t offset) {
     if (ftruncate(fd_.get(), position) != 0 || lseek(fd_.get(), position, SEEK_SET) != position) {
         return file_error();
     }
+    return Begin(offset);
+}
+
+int PartialFile::Begin(uint64_t offset) {
     size_ = offset;
     open_ = true;
-    return 0;
+    gathered_ = 0;
+    if (!buffer_) buffer_.reset(static_cast<char*>(malloc(BUFFER_BYTES)));
+    return buffer_ ? 0 : HTTP_DOWNLOAD_NO_MEMORY;
 }
 
 int PartialFile::Write(const char* bytes, size_t size) {
     while (size > 0) {
-        const ssize_t written = write(fd_.get(), bytes, size);
+        const size_t taken = std::min(size, BUFFER_BYTES - gathered_);
+        memcpy(buffer_.get() + gathered_, bytes, taken);
+        gathered_ += taken;
+        bytes += taken;
+        size -= taken;
+        if (gathered_ < BUFFER_BYTES) break;
+        const int result = Flush();
+        if (result != 0) return result;
+    }
+    return 0;
+}
+
+int PartialFile::Flush() {
+    const size_t size = gathered_;
+    gathered_ = 0;  // after a failure the rest is lost, and never written out of place
+    for (size_t done = 0; done < size;) {
+        const ssize_t written = write(fd_.get(), buffer_.get() + done, size - done);
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) return file_error();
-        bytes += written;
-        size -= static_cast<size_t>(written);
+        done += static_cast<size_t>(written);
         size_ += static_cast<uint64_t>(written);
     }
     return 0;
