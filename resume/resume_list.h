@@ -4,8 +4,9 @@
 // dropped takes along those of its files that nobody needs any more.
 //
 // Threads: any. Every operation takes resume_lock itself; it is a leaf lock,
-// never held while a file is deleted, a line is logged or a run goes on.
-// Entries are handed out as copies only.
+// never held while a file is deleted, a run goes on or, unless an entry can't be
+// written to the resume file, a line is logged. Entries are handed out as copies
+// only.
 #pragma once
 
 #include <atomic>

@@ -74,7 +74,6 @@ int resume_timer_proc(tq_thread*) {
         http_update_run(set, UPDATE_RUN_RESUME, resume_report, SERVERS_BOTH);
     if (status != UPDATE_OK)
         http_client_debug_print(HTTPC_LOG_INFO, "resume: %s", update_status_str(status));
-    // A daily run elsewhere may have filled the budget up meanwhile.
     if (resume_retry_count == 0 && !resume_empty()) {
         resume_free_first();
         resume_retry_count = RESUME_RETRY_MAX;
