@@ -394,7 +394,7 @@ class Device:
         return self.syslog_file.read_text() if self.syslog_file.exists() else ""
 
     def dump(self) -> str:
-        return (self.work / ".http_reg_server_dump").read_text()
+        return (self.work / ".http_reg_server_dump").read_bytes().decode()
 
     def wait_log(self, text: str, count: int = 1) -> None:
         wait_for(lambda: self.syslog().count(text) >= count, f"for {text!r} in the log")
