@@ -126,13 +126,14 @@ TEST(DnsClient, ResolvesAndTellsFailuresApart) {
     DnsServer server;
     setenv("DNS_CLIENT_SERVERS", server.servers().c_str(), 1);
     EXPECT_EQ(dns_client_agent_init(), 0);
+    // A bare root directory has no such file; the name server then refuses the name.
+    const char* localhost = access("/etc/hosts", R_OK) == 0 ? "127.0.0.1" : "[4]";
     const struct {
         const char* name;
         const char* result;
-    } rows[] = {
-        {"7.good.test", "10.0.0.7"}, {"7.GOOD.test.", "-1"},     {"8.good.test.", "10.0.0.8"},
-        {"missing.test", "-1"},      {"nodata.test", "-1"},      {"refused.test", "[4]"},
-        {"failed.test", "[4]"},      {"localhost", "127.0.0.1"}, {"a..b", "-1"}};
+    } rows[] = {{"7.good.test", "10.0.0.7"}, {"7.GOOD.test.", "-1"},   {"8.good.test.", "10.0.0.8"},
+                {"missing.test", "-1"},      {"nodata.test", "-1"},    {"refused.test", "[4]"},
+                {"failed.test", "[4]"},      {"localhost", localhost}, {"a..b", "-1"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(resolve(row.name), row.result);
