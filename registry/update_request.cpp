@@ -53,9 +53,6 @@ struct NodeContext {
     bool failed = false;
 };
 
-struct MemFree {
-    void operator()(uint8_t* memory) const { mem_free(memory); }
-};
 using Payload = std::unique_ptr<uint8_t[], MemFree>;
 
 using Paths = std::span<char* const>;
