@@ -35,6 +35,7 @@ class RegistryServerTest : public testing::Test {
     void SetUp() override {
         fakes::Reset();
         ASSERT_EQ(setenv("TMPDIR", dir_.path().c_str(), 1), 0);
+        ASSERT_EQ(setenv("DATA_VEMO_DIR", (dir_ / "d").c_str(), 1), 0);
         http_client_get_env_dir();
         std::filesystem::create_directories(dir_ / WORKING_DIR);
         loop_ = tq_thread_master_create();
