@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "frame/unique_fd.h"
-#include "host/http_update/deadline.h"
 #include "host/http_util/engine.h"
 #include "tests/support/temp_dir.h"
 
@@ -442,10 +441,9 @@ TEST_F(HttpUtil, CallbackRunsWhileNothingComes) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         server_.Script({row.text});
-        const Deadline deadline(4500);  // below any time limit of the library
         calls_.stop = [&] { return calls_.Idle() >= row.idle; };
+        // A time limit of the library would end in another result.
         EXPECT_EQ(HTTP_DOWNLOAD_CANCELLED, GetUrl(row.url));
-        EXPECT_GT(deadline.LeftMs(), 0);
         EXPECT_EQ(row.idle, calls_.Idle());
         EXPECT_FALSE(calls_.finished);
     }
