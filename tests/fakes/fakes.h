@@ -29,8 +29,8 @@ void Advance(tq_thread_master* loop, long seconds);
 // Runs the read tasks whose descriptors are readable now or within the time;
 // returns how many ran.
 int RunReadable(tq_thread_master* loop, int timeout_ms);
-// Timers pending on a loop as (seconds left, name).
-std::vector<std::pair<long, std::string>> Timers(tq_thread_master* loop);
+// Seconds left to the timers that are pending on a loop.
+std::vector<long> Timers(tq_thread_master* loop);
 // Adding a timer, or a read task, fails while set.
 void FailTimers(bool fail);
 void FailReads(bool fail);
@@ -45,9 +45,6 @@ int CommandsEnded();         // cli_proc_thread_end calls
 // Trees that were offered, by mode.
 std::map<int, const cli_node*> Trees();
 void FailCliInit(bool fail);
-void (*DebugSwitch())(int action);
-// Set-up calls so far as "name(argument,...)" lines.
-std::string CliCalls();
 
 // --- logs: the lines of the debug log since the last call
 std::string Syslog();

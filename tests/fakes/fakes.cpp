@@ -1,0 +1,315 @@
+// The libraries that only record and answer: terminal, logs, technical support,
+// downloads, name service, device.
+#include "tests/fakes/fakes.h"
+
+#include <arpa/inet.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <deque>
+
+#include "frame/platform/cpurule.h"
+#include "frame/platform/dnsclient.h"
+#include "frame/platform/syslog_new.h"
+#include "frame/platform/tq_proc_ham.h"
+#include "frame/platform/tqsys.h"
+#include "frame/sync.h"
+
+namespace fakes {
+
+using TreeMap = std::map<int, const cli_node*>;
+using TextMap = std::map<std::string, std::string>;
+
+struct State {
+    std::string terminal, config_lines, config_errors, syslog, tech_output, tech_service;
+    std::deque<int> keys;
+    int started, ended, tech_completions, download_debug, lookups, ham_result;
+    bool fail_cli, fail_tech, fail_dns;
+    TreeMap trees;
+    std::vector<std::string> dump_files;
+    tech_service_callback tech_callback;
+    DownloadScript script;
+    std::vector<Download> downloads;
+    TextMap hosts, system_texts, device_files;
+    std::string dns_source, ham_calls, cpu_process;
+    std::vector<int> cpus;
+};
+static Mutex s_lock;  // leaf: no callback and no script runs under it
+static State s_state GUARDED_BY(s_lock);
+
+void Reset() {
+    FailTimers(false);
+    FailReads(false);
+    MutexLock guard(s_lock);
+    s_state = State{};
+}
+
+#define FAKE_GET(type, name, field) \
+    type name() {                   \
+        MutexLock guard(s_lock);    \
+        return s_state.field;       \
+    }
+#define FAKE_TAKE(type, name, field)                 \
+    type name() {                                    \
+        MutexLock guard(s_lock);                     \
+        return std::exchange(s_state.field, type{}); \
+    }
+#define FAKE_SET(type, name, field) \
+    void name(type value) {         \
+        MutexLock guard(s_lock);    \
+        s_state.field = value;      \
+    }
+#define FAKE_PUT(name, field)                                     \
+    void name(const std::string& key, const std::string& value) { \
+        MutexLock guard(s_lock);                                  \
+        s_state.field[key] = value;                               \
+    }
+
+FAKE_TAKE(std::string, Terminal, terminal)
+FAKE_TAKE(std::string, ConfigLines, config_lines)
+FAKE_TAKE(std::string, ConfigErrors, config_errors)
+FAKE_GET(int, CommandsStarted, started)
+FAKE_GET(int, CommandsEnded, ended)
+FAKE_GET(TreeMap, Trees, trees)
+FAKE_SET(bool, FailCliInit, fail_cli)
+FAKE_TAKE(std::string, Syslog, syslog)
+FAKE_SET(DownloadScript, ScriptDownloads, script)
+FAKE_TAKE(std::vector<Download>, Downloads, downloads)
+FAKE_GET(int, DownloadDebug, download_debug)
+FAKE_TAKE(std::string, TechOutput, tech_output)
+FAKE_GET(int, TechCompletions, tech_completions)
+FAKE_GET(std::vector<std::string>, DumpFiles, dump_files)
+FAKE_GET(tech_service_callback, TechCallback, tech_callback)
+FAKE_GET(std::string, TechService, tech_service)
+FAKE_SET(bool, FailTechInit, fail_tech)
+FAKE_PUT(SetHost, hosts)
+FAKE_SET(bool, FailDnsInit, fail_dns)
+FAKE_GET(int, DnsLookups, lookups)
+FAKE_GET(std::string, DnsSource, dns_source)
+FAKE_PUT(SetSystemText, system_texts)
+FAKE_PUT(SetDeviceFile, device_files)
+FAKE_SET(int, SetHamResult, ham_result)
+FAKE_GET(std::string, HamCalls, ham_calls)
+FAKE_SET(const std::vector<int>&, SetCpuRule, cpus)
+FAKE_GET(std::string, CpuRuleProcess, cpu_process)
+
+void TypeKey(int key) {
+    MutexLock guard(s_lock);
+    s_state.keys.push_back(key);
+}
+
+// The value under the key; null without one.
+static const std::string* Find(const TextMap& texts, const std::string& key) {
+    const auto found = texts.find(key);
+    return found == texts.end() ? nullptr : &found->second;
+}
+
+static std::string Dotted(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    return inet_ntop(AF_INET, &address, text, sizeof(text));
+}
+
+static int RunDownload(DownloadCtx* context, const Download& download) {
+    DownloadScript script;
+    {
+        MutexLock guard(s_lock);
+        s_state.downloads.push_back(download);
+        script = s_state.script;
+    }
+    return script ? script(context, download) : -1;
+}
+
+static char* SystemText(const char* call) {
+    MutexLock guard(s_lock);
+    const std::string* text = Find(s_state.system_texts, call);
+    return text == nullptr ? nullptr : strdup(text->c_str());
+}
+
+static int HamCall(const std::string& call, int first, int second) {
+    MutexLock guard(s_lock);
+    s_state.ham_calls += call + "(" + std::to_string(first) + "," + std::to_string(second) + ")\n";
+    return s_state.ham_result;
+}
+
+}  // namespace fakes
+
+using namespace fakes;
+
+// Appends printf-style arguments to a field, with an end of its own.
+#define FAKE_RECORD(field, end)                      \
+    va_list args;                                    \
+    va_start(args, format);                          \
+    char* text = nullptr;                            \
+    if (vasprintf(&text, format, args) < 0) abort(); \
+    va_end(args);                                    \
+    MutexLock guard(s_lock);                         \
+    s_state.field.append(text).append(end);          \
+    free(text)
+
+extern "C" {
+
+// --- command line
+
+int cli_client_init(const char*, tq_thread_master*) {
+    MutexLock guard(s_lock);
+    return s_state.fail_cli ? -1 : 0;
+}
+
+int cli_add_command(int mode, const cli_node* root, const char*) {
+    MutexLock guard(s_lock);
+    s_state.trees[mode] = root;
+    return 0;
+}
+
+int cli_client_ready() { return 0; }
+int sys_add_debug(const char*, int, int, int, void (*)(int action), int) { return 0; }
+void cli_printf(const char* format, ...) { FAKE_RECORD(terminal, ""); }
+void cli_printf_cdb(cli_record*, const char* format, ...) { FAKE_RECORD(config_errors, ""); }
+
+void c2p_printf(int flag, cli_record*, const char* format, ...) {
+    if (flag != 1) return;
+    FAKE_RECORD(config_lines, "\n");
+}
+
+void cli_flush() {}
+
+int cli_getc_no_block() {
+    MutexLock guard(s_lock);
+    if (s_state.keys.empty()) return -1;
+    const int key = s_state.keys.front();
+    s_state.keys.pop_front();
+    return key;
+}
+
+void cli_proc_thread_start(cli_record*, pthread_t) {
+    MutexLock guard(s_lock);
+    s_state.started++;
+}
+
+void cli_proc_thread_end(cli_record*, pthread_t) {
+    MutexLock guard(s_lock);
+    s_state.ended++;
+}
+
+// --- log, technical support
+
+int printk_syslog_ext(int, const char*, const char*, int, const char* format, ...) {
+    FAKE_RECORD(syslog, s_state.syslog.ends_with('\n') ? "" : "\n");
+    return 0;
+}
+
+int tech_reg_service_callback(const char* service, tq_thread_master*,
+                              tech_service_callback callback) {
+    MutexLock guard(s_lock);
+    if (s_state.fail_tech) return -1;
+    s_state.tech_service = service;
+    s_state.tech_callback = callback;
+    return 0;
+}
+
+int tech_module_reg_dump_file(const char* path) {
+    MutexLock guard(s_lock);
+    s_state.dump_files.emplace_back(path);
+    return 0;
+}
+
+void tech_module_msg_output(const char* format, ...) { FAKE_RECORD(tech_output, ""); }
+
+void tech_module_msg_deal_completion() {
+    MutexLock guard(s_lock);
+    s_state.tech_completions++;
+}
+
+// --- network
+
+int http_download_file_progress(DownloadCtx* context, const char* url, const char* path,
+                                unsigned flag) {
+    return RunDownload(context, {url, path, flag, ""});
+}
+
+int http_download_file_progress_tlv(DownloadCtx* context, const char* url, const char* path,
+                                    unsigned flag, const http_util_tlv* source) {
+    const bool known = source->type == 1 && source->length == 4;
+    return RunDownload(context, {url, path, flag, known ? Dotted({source->address}) : "bad tlv"});
+}
+
+void http_open_debug() {
+    MutexLock guard(s_lock);
+    s_state.download_debug++;
+}
+
+void http_close_debug() {
+    MutexLock guard(s_lock);
+    s_state.download_debug--;
+}
+
+int dns_client_agent_init() {
+    MutexLock guard(s_lock);
+    return s_state.fail_dns ? -1 : 0;
+}
+
+bool hostname_verify(const char* host) {
+    for (const char* c = host; *c != '\0'; c++) {
+        if (isalnum(static_cast<unsigned char>(*c)) == 0 && strchr("-._", *c) == nullptr)
+            return false;
+    }
+    return *host != '\0';
+}
+
+int dns_domain_to_ip(DnsRequest* request) {
+    MutexLock guard(s_lock);
+    s_state.lookups++;
+    sockaddr_in source{};
+    memcpy(&source, request->source, sizeof(source));
+    s_state.dns_source = Dotted(source.sin_addr);
+    const std::string* address = Find(s_state.hosts, request->name);
+    if (address == nullptr) return -1;
+    if (inet_pton(AF_INET, address->c_str(), &request->address) != 1) return 0;
+    request->family = AF_INET;
+    request->result = DNS_RESULT_RESOLVED;
+    return 0;
+}
+
+// --- device
+
+char* tqsys_get_os_name() { return SystemText(__func__); }
+char* tqsys_get_project() { return SystemText(__func__); }
+char* tqsys_get_release_type() { return SystemText(__func__); }
+char* tqsys_get_release() { return SystemText(__func__); }
+char* tqsys_get_hw_version() { return SystemText(__func__); }
+
+int tqsys_open_device_file(const char* path) {
+    MutexLock guard(s_lock);
+    const std::string* content = Find(s_state.device_files, path);
+    if (content == nullptr) {
+        errno = ENOENT;
+        return -1;
+    }
+    const int fd = memfd_create("device", MFD_CLOEXEC);
+    if (write(fd, content->data(), content->size()) < 0 || lseek(fd, 0, SEEK_SET) != 0) abort();
+    return fd;
+}
+
+int reg_process_exit_action(int kind, int action) { return HamCall(__func__, kind, action); }
+
+int ham_client_reg_thread_notify(pid_t, pid_t, int timeout_s, int action) {
+    return HamCall(__func__, timeout_s, action);
+}
+
+int ham_client_reset_thread_notify(pid_t, pid_t, int timeout_s, int action) {
+    return HamCall(__func__, timeout_s, action);
+}
+
+int get_cores_affinity(CpuAffinityRequest* request) {
+    MutexLock guard(s_lock);
+    s_state.cpu_process = request->process;
+    if (s_state.cpus.empty()) return -1;
+    CPU_ZERO(&request->cpus);
+    for (const int cpu : s_state.cpus) CPU_SET(static_cast<size_t>(cpu), &request->cpus);
+    return 0;
+}
+}
