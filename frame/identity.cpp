@@ -21,10 +21,12 @@ static DeviceIdentity s_identity GUARDED_BY(s_lock);
 
 std::atomic<bool> dns_ready{false};
 
+namespace {
 struct FreeText {
     void operator()(char* text) const { free(text); }
 };
 using SystemText = std::unique_ptr<char, FreeText>;
+}  // namespace
 
 DeviceIdentity device_identity_copy() {
     MutexLock lock(s_lock);
@@ -37,8 +39,8 @@ static void field_set(char (DeviceIdentity::*field)[N], const char* text) {
     (void)text_copy(s_identity.*field, text);  // longer texts are cut to their field
 }
 
-// The file's first 31 bytes as they stand, a line end included. False when it
-// can't be opened.
+// The file's first 31 bytes as they stand, a line end included. False, and an
+// empty text, when it can't be opened.
 static bool device_file_read(const char* path, char (&text)[32]) {
     memset(text, 0, sizeof(text));
     const UniqueFd file(tqsys_open_device_file(path));
@@ -52,14 +54,14 @@ static bool device_file_read(const char* path, char (&text)[32]) {
 
 void http_client_get_serial() {
     char text[32];
-    if (device_file_read("/proc/setmac/SerialNO", text))
-        field_set(&DeviceIdentity::serial_number, text);
+    (void)device_file_read("/proc/setmac/SerialNO", text);
+    field_set(&DeviceIdentity::serial_number, text);
 }
 
 void http_client_get_product() {
     char text[32];
-    if (device_file_read("/proc/setmac/projectid", text))
-        field_set(&DeviceIdentity::product_name, text);
+    (void)device_file_read("/proc/setmac/projectid", text);
+    field_set(&DeviceIdentity::product_name, text);
 }
 
 void http_client_get_mac() {
