@@ -196,13 +196,14 @@ int hu_serv_config_add(const char* host, uint32_t port, const char* uri, bool se
     ConfiguredList& configured = lists_of(second).configured;
     const ListLock guard(configured.lock);
     if (hu_serv_list_find(&configured.list, host, port, uri) != nullptr) return HU_SERV_OK;
-    if (!second) {
-        hu_serv_list_clear(&configured.list);  // the new server takes the old one's place
-    } else if (configured.list.count >= HU_SERV_MAX) {
-        return HU_SERV_FULL;
+    if (second && configured.list.count >= HU_SERV_MAX) return HU_SERV_FULL;
+    if (hu_serv_list_add(&configured.list, host, port, uri) != 0) return HU_SERV_NO_MEMORY;
+    // The new server takes the old one's place on the first list; only now, so that
+    // a failure loses neither.
+    if (!second && configured.list.count > 1) {
+        server_free(&configured.list, static_cast<UpdateServer*>(configured.list.links.prev));
     }
-    return hu_serv_list_add(&configured.list, host, port, uri) == 0 ? HU_SERV_OK
-                                                                    : HU_SERV_NO_MEMORY;
+    return HU_SERV_OK;
 }
 
 int hu_serv_config_del(const char* host, uint32_t port, const char* uri, bool second) {
