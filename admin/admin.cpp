@@ -116,11 +116,11 @@ static void* http_update_admin_tqthread(void* /*argument*/) {
     http_update_admin_master = tq_thread_master_create();
     if (http_update_admin_master == nullptr) {
         http_client_debug_dump("[%s %d]<-->timermaster create fail", __func__, __LINE__);
-        exit(EXIT_FAILURE);
+        _exit(EXIT_FAILURE);  // the main thread still uses what exit would take down
     }
     if (!update_timer_arm()) {
         http_client_debug_dump("[%s %d]<-->add timer fail", __func__, __LINE__);
-        exit(EXIT_FAILURE);
+        _exit(EXIT_FAILURE);
     }
     resume_timer_add(RESUME_START_DELAY_S);
     tq_thread task{};
