@@ -11,7 +11,6 @@
 
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "frame/log.h"
@@ -67,37 +66,27 @@ class RegistryServerTest : public testing::Test {
     }
     void Disconnect(int app) {
         std::erase_if(apps_, [&](const UniqueFd& sock) { return sock.get() == app; });
-    }
-    void SendOnly(int app, uint16_t type, const std::string& payload) {
-        EXPECT_EQ(http_update_reg_send_normal(app, type, payload.data(),
-                                              static_cast<int>(payload.size())),
-                  0);
-    }
-    void Send(int app, uint16_t type, const std::string& payload) {
-        SendOnly(app, type, payload);
         Turn();
     }
-    static std::string RegistPayload(const std::string& name, const std::string& save_path = "") {
+    void Send(int app, uint16_t type, const std::string& payload) {
+        const auto size = static_cast<int>(payload.size());
+        EXPECT_EQ(http_update_reg_send_normal(app, type, payload.data(), size), 0);
+        Turn();
+    }
+    // The result in the server's answer.
+    int Register(int app, const std::string& name, const std::string& save_path = "") {
         RegistMessage message{};
         (void)text_copy(message.name, name);
         (void)text_copy(message.version, "1.0");
         (void)text_copy(message.save_path, save_path);
-        return Bytes(message);
-    }
-    // The result in the server's answer.
-    int Register(int app, const std::string& name, const std::string& save_path = "") {
-        Send(app, HTTP_MSG_TYPE_REGIST, RegistPayload(name, save_path));
+        Send(app, HTTP_MSG_TYPE_REGIST, Bytes(message));
         return Answer(app, name);
     }
     int Answer(int app, const std::string& name) {
         const auto [type, payload] = Receive(app);
-        EXPECT_EQ(type, HTTP_MSG_TYPE_REGIST_RSP);
-        RegistReply reply{};
-        (void)text_copy(reply.name, name);
-        EXPECT_EQ(payload.size(), sizeof reply);
-        if (payload.size() != sizeof reply) return -1;
-        EXPECT_EQ(payload.substr(4), Bytes(reply).substr(4));
-        return static_cast<uint8_t>(payload[0]);
+        if (type != HTTP_MSG_TYPE_REGIST_RSP || payload.size() != sizeof(RegistReply)) return -1;
+        EXPECT_EQ(payload.substr(4), (name + std::string(32, '\0')).substr(0, 32));
+        return payload[0];
     }
     // The next packet that is there; type 0 without one.
     static std::pair<int, std::string> Receive(int app) {
@@ -107,10 +96,9 @@ class RegistryServerTest : public testing::Test {
             http_update_reg_receive_assign(app, &header, sizeof header) != sizeof header) {
             return {0, ""};
         }
-        std::string payload(header.length, '\0');
-        EXPECT_EQ(http_update_reg_receive_assign(app, payload.data(), header.length),
-                  header.length);
-        return {header.type, payload};
+        std::string text(header.length, '\0');
+        EXPECT_EQ(http_update_reg_receive_assign(app, text.data(), header.length), header.length);
+        return {header.type, text};
     }
     static bool Ended(int app) {
         char byte = 0;
