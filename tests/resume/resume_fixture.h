@@ -30,24 +30,37 @@ struct Paths {
     std::vector<char*> array;
 };
 
+// "app(count) name=state ...; app ..." in list order, names without directory.
+inline std::string ResumeListed() {
+    MutexLock guard(resume_lock);
+    std::string text;
+    for (ResumeApp* app = resume_next_app(&ResumeList); app; app = resume_next_app(app)) {
+        text += (text.empty() ? "" : "; ") + std::string(app->name);
+        text += "(" + std::to_string(app->count) + ")";
+        for (ResumeFile* file = resume_next_file(app, &app->files); file;
+             file = resume_next_file(app, file)) {
+            const std::string name = std::filesystem::path(file->path).filename();
+            text += " " + name + "=" + std::to_string(file->state);
+        }
+    }
+    return text;
+}
+
 class ResumeTest : public testing::Test {
   protected:
     void SetUp() override {
         fakes::Reset();
         DebugMask = DEBUG_ALL;
-        ASSERT_EQ(setenv("TMPDIR", dir_.path().c_str(), 1), 0);
         ASSERT_EQ(setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1), 0);
         http_client_get_env_dir();
         resume_init();
         (void)fakes::Syslog();
     }
-    void TearDown() override { resume_clear(); }
 
     int Add(const char* app, const Names& names, int32_t n, bool incremental = false) {
         Paths paths(dir_.path(), names);
         return resume_add(app, paths.array.data(), paths.count(), n, incremental);
     }
-    std::string File() const { return dir_.Read(RESUME_FILE); }
     void Touch(const Names& names) {
         for (const std::string& name : names) dir_.Write(name, "x");
     }
@@ -56,23 +69,6 @@ class ResumeTest : public testing::Test {
         std::string text;
         for (const std::string& name : names)
             if (std::filesystem::exists(dir_ / name)) text += name;
-        return text;
-    }
-    // "app(count) name=state ...; app ..." in list order.
-    std::string Listed() {
-        MutexLock guard(resume_lock);
-        std::string text;
-        for (ResumeApp* app = resume_next_app(&ResumeList); app; app = resume_next_app(app)) {
-            text += (text.empty() ? "" : "; ") + std::string(app->name);
-            text += "(" + std::to_string(app->count) + ")";
-            for (ResumeFile* file = resume_next_file(app, &app->files); file;
-                 file = resume_next_file(app, file)) {
-                const std::string path = file->path;
-                const bool ours = path.starts_with(dir_.path());
-                text += " " + path.substr(ours ? dir_.path().size() + 1 : 0) + "=" +
-                        std::to_string(file->state);
-            }
-        }
         return text;
     }
 
