@@ -320,6 +320,15 @@ class Device:
                     return False
         return True
 
+    def held(self) -> tuple[int, int]:
+        """Descriptors and threads of the daemon."""
+        process = Path(f"/proc/{self.daemon.pid}")
+        return len(list(process.glob("fd/*"))), len(list(process.glob("task/*")))
+
+    def cpu_seconds(self) -> float:
+        times = Path(f"/proc/{self.daemon.pid}/stat").read_text().rsplit(")", 1)[1].split()[11:13]
+        return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
+
     def kill(self) -> None:
         """Ends the daemon as a power cut would."""
         assert self.daemon is not None and self.daemon.poll() is None, "the daemon had ended"

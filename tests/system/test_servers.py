@@ -1,5 +1,7 @@
 """Servers that fail, lie or attack: each ends in its code, in bounded time and memory."""
 
+import time
+
 import pytest
 from lab import Device, LabServer, wait_for
 
@@ -28,12 +30,19 @@ REPLIES = {
 def test_every_bad_reply_has_its_code(device: Device, server: LabServer) -> None:
     made = server.release("alpha", "2.0", {"a.bin": 1000})
     app = device.app("alpha")
+    device.cli("http check-version")
+    held = device.held()
     for name, (rule, text) in REPLIES.items():
         server.fault(method="POST", **rule)
         assert device.cli("http check-version") == text, name
         assert device.cli("http update all") == (
             f"Update module with server 127.0.0.1:\r\n{text}"), name
         server.heal()
+    # Nothing is left over, and nothing spins.
+    wait_for(lambda: device.held() == held)
+    used = device.cpu_seconds()
+    time.sleep(1)
+    assert device.cpu_seconds() - used < 0.2
     with open(f"/proc/{device.daemon.pid}/status", encoding="ascii") as status:
         peak_kb = next(int(line.split()[1]) for line in status if line.startswith("VmHWM"))
     # Sanitizers keep shadow memory; 200 MB is far below what a bomb would take.
