@@ -57,10 +57,8 @@ void send_frame(Connection* connection, FrameType type, std::string_view payload
     }
 }
 
-Event lose(std::string_view reason) {
-    write_all(STDERR_FILENO, "http_client_cli: ");
-    write_all(STDERR_FILENO, reason);
-    write_all(STDERR_FILENO, "\n");
+Event lose(Connection* connection, std::string_view reason) {
+    connection->lost = reason;
     return Event::kLost;
 }
 
@@ -81,9 +79,9 @@ bool take_frame(Connection* connection, Frame* frame, Event* event) {
     if (result == FrameReader::Result::kIncomplete) return false;
     *event = Event::kFrame;
     if (result == FrameReader::Result::kTooLong) {
-        *event = lose("the daemon sent something unreadable");
+        *event = lose(connection, "the daemon sent something unreadable");
     } else if (frame->type == client_new::FRAME_BYE) {
-        *event = lose(frame->payload);
+        *event = lose(connection, frame->payload);
     }
     return true;
 }
@@ -104,6 +102,14 @@ void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
     *outcome = end.status == client_new::END_ACCEPTED ? Outcome::kAccepted : Outcome::kRefused;
 }
 
+// Output that is lost (a full disk) does not stop the command, whose work matters
+// more than its words.
+void show_output(Connection* connection, std::string_view text) {
+    if (write_all(STDOUT_FILENO, text) || connection->output_lost) return;
+    connection->output_lost = true;
+    (void)fprintf(stderr, "http_client_cli: standard output: %s\n", strerror(errno));
+}
+
 // Shows frames until the command's end. forward_interrupt: SIGINT is the
 // command's business; otherwise it ends the program.
 Outcome finish_command(Connection* connection, bool forward_interrupt) {
@@ -118,8 +124,8 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
         }
         if (event != Event::kFrame) continue;
         Outcome outcome{};
-        if (frame.type == client_new::FRAME_OUTPUT) write_all(STDOUT_FILENO, frame.payload);
-        if (frame.type == client_new::FRAME_REFUSAL) write_all(STDERR_FILENO, frame.payload);
+        if (frame.type == client_new::FRAME_OUTPUT) show_output(connection, frame.payload);
+        if (frame.type == client_new::FRAME_REFUSAL) (void)write_all(STDERR_FILENO, frame.payload);
         if (frame.type == client_new::FRAME_END) {
             end_command(connection, frame, &outcome);
             return outcome;
@@ -129,7 +135,7 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
 
 }  // namespace
 
-void write_all(int fd, std::string_view text) {
+bool write_all(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = write(fd, text.data(), text.size());
         if (count < 0 && errno == EAGAIN) {
@@ -138,9 +144,10 @@ void write_all(int fd, std::string_view text) {
             continue;
         }
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return;  // there is nowhere to say so
+        if (count < 0) return false;
         text.remove_prefix(static_cast<size_t>(count));
     }
+    return true;
 }
 
 bool connection_open(Connection* connection, bool second_list) {
@@ -167,7 +174,7 @@ Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
         if (poll(waiting, input_too ? 3 : 2, -1) < 0) continue;
         if (waiting[0].revents != 0 && take_signal(connection, &event)) return event;
         if (waiting[1].revents != 0) {
-            if (!receive(connection)) return lose("the daemon has closed the session");
+            if (!receive(connection)) return lose(connection, "the daemon has closed the session");
             continue;
         }
         if (input_too && waiting[2].revents != 0) return Event::kInput;

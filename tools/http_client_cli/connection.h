@@ -19,7 +19,7 @@ enum class Event {
     kResize,     // SIGWINCH
     kContinue,   // SIGCONT: the terminal may have been somebody else's
     kQuit,       // SIGTERM or SIGHUP
-    kLost,       // the daemon closed the session; said so on standard error
+    kLost,       // the daemon closed the session
 };
 
 struct Connection {
@@ -27,13 +27,15 @@ struct Connection {
     UniqueFd signals;
     client_new::FrameReader reader{client_new::REPLY_PAYLOAD_MAX};
     client_new::Mode mode = client_new::Mode::kExec;
-    bool left = false;  // the session ended by a command
+    bool left = false;         // the session ended by a command
+    std::string lost;          // why the daemon closed the session, for standard error
+    bool output_lost = false;  // a command's output could not be written; said so
 };
 
 enum class Outcome { kAccepted, kRefused, kQuit, kLost };
 
-// Opens a session. False: there is no daemon, or it does not want us; said so on
-// standard error.
+// Opens a session. False: there is no daemon, said so on standard error; or it
+// does not want us.
 bool connection_open(Connection* connection, bool second_list);
 
 // Waits for a frame, a signal or, if asked, standard input.
@@ -47,4 +49,5 @@ bool connection_ask(Connection* connection, client_new::FrameType type, std::str
                     std::string* reply);
 
 // Writes all of it; a reader that went away ends the program as usual (SIGPIPE).
-void write_all(int fd, std::string_view text);
+// False: errno says why not.
+bool write_all(int fd, std::string_view text);

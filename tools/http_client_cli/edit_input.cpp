@@ -25,16 +25,16 @@ struct Editor {
 
 std::unique_ptr<Editor> s_editor;
 
-// One key may be several bytes of UTF-8. False: end of input.
+// One key may be several bytes; bytes that are no character here are left out.
+// False: end of input.
 bool read_character(wchar_t* key) {
     mbstate_t state{};
     for (;;) {
         char byte = 0;
         if (read(STDIN_FILENO, &byte, 1) != 1) return false;
         const size_t length = mbrtowc(key, &byte, 1, &state);
-        if (length == static_cast<size_t>(-2)) continue;
-        if (length == static_cast<size_t>(-1)) *key = L'?';
-        return true;
+        if (length == static_cast<size_t>(-1)) state = {};
+        if (length < static_cast<size_t>(-2)) return true;
     }
 }
 
@@ -61,6 +61,8 @@ int read_key(EditLine* edit, wchar_t* key) {
                 el_resize(edit);
                 break;
             case Event::kContinue:
+                // Off and on: libedit takes the terminal for what it left it.
+                (void)el_set(edit, EL_PREP_TERM, 0);
                 (void)el_set(edit, EL_PREP_TERM, 1);
                 (void)el_set(edit, EL_REFRESH);
                 break;
@@ -75,12 +77,23 @@ std::string_view line_before_cursor(EditLine* edit) {
     return {line->buffer, static_cast<size_t>(line->cursor - line->buffer)};
 }
 
-// Shows text below the line and has the line drawn again.
-unsigned char show(std::string_view text) {
+// Leaves the line for the row below the cursor. Rows of a long line that stand
+// there go.
+void leave_line(EditLine* edit) {
+    const char* clear = nullptr;
+    std::string rows = "\n";
+    if (el_get(edit, EL_GETTC, "cd", &clear) == 0 && clear != nullptr) rows += clear;
     (void)fflush(stdout);
-    write_all(STDOUT_FILENO, "\n");
-    write_all(STDOUT_FILENO, text);
-    return CC_REDISPLAY;
+    (void)write_all(STDOUT_FILENO, rows.substr(0, rows.find('$')));  // behind it: times to wait
+}
+
+// Shows text below the line and draws the line again under it. libedit's own way
+// (CC_REDISPLAY) first clears as many rows upwards as the line has, text included.
+unsigned char show(EditLine* edit, std::string_view text) {
+    leave_line(edit);
+    (void)write_all(STDOUT_FILENO, text);
+    (void)el_set(edit, EL_REFRESH);
+    return CC_NORM;
 }
 
 // False: the session is over; *ending is what to return then.
@@ -95,7 +108,7 @@ unsigned char help_key(EditLine* edit, int) {
     std::string text;
     unsigned char ending = 0;
     if (!ask(edit, client_new::FRAME_HELP, &text, &ending)) return ending;
-    return show(text);
+    return show(edit, text);
 }
 
 // Shortens *common to what it shares with the word.
@@ -121,7 +134,7 @@ unsigned char complete_key(EditLine* edit, int) {
     const std::string_view line = line_before_cursor(edit);
     const size_t typed = line.size() - (line.find_last_of(" \t") + 1);
     const std::string rest = common.substr(std::min(typed, common.size())) + (only_one ? " " : "");
-    if (rest.empty()) return show(reply);
+    if (rest.empty()) return show(edit, reply);
     return el_insertstr(edit, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
 }
 
@@ -167,11 +180,12 @@ InputResult edit_read_line(Connection* connection, const char* prompt, std::stri
     }
     s_editor->prompt = prompt;
     s_editor->result = InputResult::kEnd;
+    el_resize(s_editor->edit);  // the window may have changed while a command ran
     int length = 0;
     const char* text = el_gets(s_editor->edit, &length);
     if (text == nullptr || length <= 0) {
         // The cursor stands behind a prompt that nobody finished.
-        if (s_editor->result != InputResult::kLost) write_all(STDOUT_FILENO, "\n");
+        leave_line(s_editor->edit);
         return s_editor->result;
     }
     line->assign(text, static_cast<size_t>(length));

@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int EXIT_REFUSED = 1;
-constexpr int EXIT_NO_DAEMON = 2;  // and bad usage
+constexpr int EXIT_TROUBLE = 2;
 constexpr int EXIT_BY_SIGINT = 130;
 
 constexpr char USAGE[] =
@@ -33,8 +33,8 @@ constexpr char USAGE[] =
     "  -h, --help              show this text\n"
     "      --version           show the version\n"
     "\n"
-    "Exit status: 0 every command was accepted, 1 one was refused, 2 no daemon or\n"
-    "bad usage.\n";
+    "Exit status: 0 every command was accepted, 1 one was refused, 2 no daemon, bad\n"
+    "usage or lost output.\n";
 
 struct Options {
     std::vector<const char*> commands;
@@ -54,7 +54,7 @@ constexpr option LONG_OPTIONS[] = {
 
 [[noreturn]] void bad_usage() {
     (void)fputs(USAGE, stderr);
-    exit(EXIT_NO_DAEMON);
+    exit(EXIT_TROUBLE);
 }
 
 Options parse_options(int argc, char** argv) {
@@ -92,7 +92,7 @@ Options parse_options(int argc, char** argv) {
 // Counts a command's outcome into the exit status. False: that was the last one.
 bool go_on(const Connection& connection, Outcome outcome, int* status) {
     if (outcome == Outcome::kRefused) *status = EXIT_REFUSED;
-    if (outcome == Outcome::kLost) *status = EXIT_NO_DAEMON;
+    if (outcome == Outcome::kLost) *status = EXIT_TROUBLE;
     if (outcome == Outcome::kQuit) *status = EXIT_REFUSED;  // it was not seen to end well
     return outcome != Outcome::kLost && outcome != Outcome::kQuit && !connection.left;
 }
@@ -126,9 +126,18 @@ int run_input(Connection* connection, bool terminal) {
             case InputResult::kQuit:
                 return status;
             case InputResult::kLost:
-                return EXIT_NO_DAEMON;
+                return EXIT_TROUBLE;
         }
     }
+}
+
+int run_session(Connection* connection, const Options& options) {
+    if (!connection_open(connection, options.second_list)) return EXIT_TROUBLE;
+    if (!options.commands.empty()) return run_given(connection, options.commands);
+    const int status =
+        run_input(connection, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0);
+    edit_close();
+    return status;
 }
 
 }  // namespace
@@ -139,10 +148,9 @@ int main(int argc, char** argv) {
     if (options.tech_support != nullptr) return tech_support_write(options.tech_support);
 
     Connection connection;
-    if (!connection_open(&connection, options.second_list)) return EXIT_NO_DAEMON;
-    if (!options.commands.empty()) return run_given(&connection, options.commands);
-    const int status =
-        run_input(&connection, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0);
-    edit_close();
-    return status;
+    const int status = run_session(&connection, options);
+    if (!connection.lost.empty()) {
+        (void)fprintf(stderr, "http_client_cli: %s\n", connection.lost.c_str());
+    }
+    return connection.output_lost ? EXIT_TROUBLE : status;
 }

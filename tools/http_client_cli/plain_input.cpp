@@ -30,7 +30,7 @@ void read_more() {
 }  // namespace
 
 InputResult plain_read_line(Connection* connection, const char* prompt, std::string* line) {
-    write_all(STDOUT_FILENO, prompt);
+    (void)write_all(STDOUT_FILENO, prompt);
     line->clear();
     while (!take_line(line)) {
         if (s_at_end) return InputResult::kEnd;

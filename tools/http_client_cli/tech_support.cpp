@@ -169,7 +169,7 @@ int tech_support_write(const char* path) {
         if (take_report(answers[report], &text)) {
             tar_gz_add(&tar, name, text, now_s);
         } else {
-            say(name, "no such report");
+            say(name, answers[report] == "no report\n" ? "no such report" : "cut short, left out");
         }
     }
     add_dumps(&tar, paths);
