@@ -57,7 +57,8 @@ enum cli_slot {
 };
 
 enum cli_node_kind {
-    CLI_NODE_KEYWORD,       // the keyword or a unique abbreviation; stores value in slot
+    CLI_NODE_KEYWORD,       // the keyword, or a unique abbreviation where neither a string nor
+                            // a line can stand as well; stores value in slot
     CLI_NODE_NUMBER,        // a decimal number from minimum to maximum into slot
     CLI_NODE_STRING,        // one word into slot
     CLI_NODE_LINE,          // the rest of the line, at least one word, into slot

@@ -25,8 +25,8 @@ constexpr std::string_view BLANKS = " \t\r\n\v\f";
 struct Reading {
     const cli_node* node;  // what comes next, with its alternatives
     cli_record record;
-    std::string path;  // words passed, keywords in full
-    bool line_taken;   // the rest of the line belongs to a slot already
+    std::string path;      // words passed, keywords in full
+    const cli_node* line;  // what has taken the rest of the line, or null
 };
 
 // A node that may take the next word (or end the line), and the reading there.
@@ -157,8 +157,8 @@ std::string take_time(const cli_node* node, std::string_view word, Reading* read
 }
 
 std::string take_text(const cli_node* node, const Word& word, Reading* reading) {
-    reading->line_taken = node->kind == CLI_NODE_LINE;
-    const std::string_view text = reading->line_taken ? word.rest : word.text;
+    if (node->kind == CLI_NODE_LINE) reading->line = node;
+    const std::string_view text = node->kind == CLI_NODE_LINE ? word.rest : word.text;
     if (store_text(&reading->record, node->slot, text)) return "";
     return "% Too long (at most " + std::to_string(sizeof reading->record.string1 - 1) +
            " bytes): " + quoted(text);
@@ -181,19 +181,34 @@ void take_keyword(const Grammar& grammar, const cli_node* node, Reading* reading
     add_word(&reading->path, node->keyword);
 }
 
-// The keywords that this word stands for: the one it equals, else all that it
-// abbreviates; equal texts (two trees, two branches) count once.
-std::vector<std::string_view> keywords_meant(const std::vector<Option>& options,
-                                             std::string_view word) {
-    std::vector<std::string_view> meant;
+bool takes_free_text(const cli_node* node) {
+    return node->kind == CLI_NODE_STRING || node->kind == CLI_NODE_LINE;
+}
+
+// The keywords that begin with the word, in the order of the tree; equal texts
+// (two trees, two branches) count once.
+std::vector<std::string_view> keywords_from(const std::vector<Option>& options,
+                                            std::string_view word) {
+    std::vector<std::string_view> found;
     for (const Option& option : options) {
         if (option.node->kind != CLI_NODE_KEYWORD) continue;
         const std::string_view keyword = option.node->keyword;
-        if (keyword == word) return {keyword};
-        if (keyword.starts_with(word) && std::ranges::find(meant, keyword) == meant.end()) {
-            meant.push_back(keyword);
+        if (keyword.starts_with(word) && std::ranges::find(found, keyword) == found.end()) {
+            found.push_back(keyword);
         }
     }
+    return found;
+}
+
+// The keywords that this word stands for: the one it equals, else all that it
+// abbreviates, unless it may be free text.
+std::vector<std::string_view> keywords_meant(const std::vector<Option>& options,
+                                             std::string_view word) {
+    std::vector<std::string_view> meant = keywords_from(options, word);
+    if (std::ranges::find(meant, word) != meant.end()) return {word};
+    const bool free_text = std::ranges::any_of(
+        options, [](const Option& option) { return takes_free_text(option.node); });
+    if (free_text) meant.clear();
     return meant;
 }
 
@@ -218,7 +233,7 @@ std::vector<Reading> advance(const Grammar& grammar, const std::vector<Reading>&
     std::vector<Reading> open;
     std::vector<Reading> with_line;
     for (const Reading& reading : readings) {
-        (reading.line_taken ? with_line : open).push_back(reading);
+        (reading.line != nullptr ? with_line : open).push_back(reading);
     }
     std::vector<Option> options = collect_all(open);
     const std::vector<std::string_view> meant = keywords_meant(options, word.text);
@@ -298,6 +313,15 @@ std::string option_label(const cli_node* node) {
     return "<cr>";
 }
 
+std::string help_line(const cli_node* node) {
+    std::string text = "  " + option_label(node);
+    if (node->help != nullptr) {
+        text.resize(std::max(text.size() + 2, size_t{24}), ' ');
+        text += node->help;
+    }
+    return text + '\n';
+}
+
 }  // namespace
 
 bool line_is_blank(std::string_view line) {
@@ -339,20 +363,19 @@ std::string match_help(const Grammar& grammar, std::string_view line) {
     if (readings.empty()) return refusal;
 
     std::vector<std::string> lines;
+    const auto add = [&](const cli_node* node) {
+        const std::string text = help_line(node);
+        if (std::ranges::find(lines, text) == lines.end()) lines.push_back(text);
+    };
     for (const Option& option : collect_all(readings)) {
         const cli_node* node = option.node;
+        const cli_node* line_node = option.reading.line;
+        if (line_node != nullptr) add(line_node);  // more words may follow
         const bool fits =
             node->kind == CLI_NODE_KEYWORD
                 ? std::string_view(node->keyword).starts_with(partial)
-                : node->kind != CLI_NODE_EOL || partial.empty() || option.reading.line_taken;
-        if (!fits) continue;
-        std::string text = "  " + option_label(node);
-        if (node->help != nullptr) {
-            text.resize(std::max(text.size() + 2, size_t{24}), ' ');
-            text += node->help;
-        }
-        text += '\n';
-        if (std::ranges::find(lines, text) == lines.end()) lines.push_back(text);
+                : node->kind != CLI_NODE_EOL || partial.empty() || line_node != nullptr;
+        if (fits) add(node);
     }
     if (lines.empty()) return "% Unknown word: " + quoted(partial) + "\n";
     std::string help;
@@ -364,16 +387,7 @@ std::vector<std::string_view> match_complete(const Grammar& grammar, std::string
     std::vector<Word> words;
     const std::string_view partial = take_partial(line, &words);
     std::string refusal;
-    const std::vector<Option> options = collect_all(advance_all(grammar, words, 0, &refusal));
-    std::vector<std::string_view> found;
-    for (const Option& option : options) {
-        if (option.node->kind != CLI_NODE_KEYWORD) continue;
-        const std::string_view keyword = option.node->keyword;
-        if (keyword.starts_with(partial) && std::ranges::find(found, keyword) == found.end()) {
-            found.push_back(keyword);
-        }
-    }
-    return found;
+    return keywords_from(collect_all(advance_all(grammar, words, 0, &refusal)), partial);
 }
 
 }  // namespace client_new

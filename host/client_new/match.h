@@ -1,9 +1,10 @@
 // Matching of typed lines against parse trees: tree and words in, handler and
 // filled record (or the line that says what is wrong) out.
 //
-// A word is taken by the keyword it equals; else by the one keyword it
-// abbreviates, and by nodes that take free words too, which come into play only
-// when the rest of the line does not fit the keyword.
+// A word is taken by the keyword it equals; else, where free text may stand, as
+// free text, so that nobody's name is ever read as an abbreviation ("http update
+// a" updates the app "a", not all of them); else by the one keyword that it
+// abbreviates, or as a number or time.
 // Threads: any; works on its arguments and on the constant trees only.
 #pragma once
 
