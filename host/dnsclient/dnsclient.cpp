@@ -58,11 +58,12 @@ Channel channel_create(const DnsRequest& request) {
     options.tries = QUERY_ROUNDS;
     char lookups[] = "fb";  // hosts file, then DNS, whatever nsswitch.conf lists
     options.lookups = lookups;
+    int mask = ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS;
+    // A name with a dot is asked for as it stands. The search list of resolv.conf
+    // (none is set here) could lead a name that does not exist to a stranger.
+    if (text_view(request.name).find('.') != std::string_view::npos) mask |= ARES_OPT_DOMAINS;
     ares_channel raw = nullptr;
-    if (ares_init_options(&raw, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS) !=
-        ARES_SUCCESS) {
-        return nullptr;
-    }
+    if (ares_init_options(&raw, &options, mask) != ARES_SUCCESS) return nullptr;
     Channel channel(raw);
     const char* servers = getenv("DNS_CLIENT_SERVERS");
     if (servers != nullptr && *servers != '\0' &&
