@@ -109,24 +109,20 @@ TEST(CliMatch, HelpAndCompletionShowWhatMayFollow) {
 
 TEST(CliReplay, SurvivesAnyFile) {
     const TempDir dir;
-    const std::string log = dir / "log";
-    setenv("PRINTK_SYSLOG_FILE", log.c_str(), 1);
-    std::string many;
-    for (int i = 0; i < 30; ++i) many += "x\n";
+    setenv("PRINTK_SYSLOG_FILE", (dir / "log").c_str(), 1);
+    std::string many = std::string(3000, '\0') + "\xff\n";
+    for (int i = 0; i < 29; ++i) many += "x\n";
     dir.Write("many", many);
-    dir.Write("binary", std::string(3000, '\0') + "\n" + std::string(50, '\n') + "\xff\n");
     dir.Write("huge", std::string(300000, '!'));
     ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
-    for (const auto& [name, said] : {std::pair("many", "10 more damaged lines"),
-                                     {"binary", "line 1: % Line too long"},
+    for (const auto& [name, said] : {std::pair("missing", ""),
+                                     {"many", "10 more damaged lines"},
                                      {"huge", "too large"},
                                      {"pipe", "not a plain file"}}) {
         client_new::startup_config_replay(dir / name, CONFIG);
-        EXPECT_NE(dir.Read("log").find(said), std::string::npos) << name;
+        const std::string log = dir.Read("log");
+        EXPECT_TRUE(*said == '\0' ? log.empty() : log.find(said) != log.npos) << name << log;
     }
-    std::filesystem::remove(log);
-    client_new::startup_config_replay(dir / "missing", CONFIG);
-    EXPECT_EQ(dir.Read("log"), "");
 }
 
 // An operator's program, as bare as it can be.
@@ -341,28 +337,22 @@ TEST_F(CliService, TerminalThatDoesNotReadHoldsNobody) {
 }
 
 TEST_F(CliService, MalformedPeerCostsOnlyItself) {
-    const auto frame = [](uint16_t type, uint32_t length, std::string_view payload) {
-        const client_new::FrameHeader header{type, 0, length};
-        return std::string(reinterpret_cast<const char*>(&header), sizeof header) +
-               std::string(payload);
-    };
     const struct {
         const char* name;
         bool opens;
-        std::string bytes;
-    } rows[] = {
-        {"no opening", false, frame(client_new::FRAME_COMMAND, 5, "write")},
-        {"short opening", false, frame(client_new::FRAME_OPEN, 2, "xx")},
-        {"other release", false, frame(client_new::FRAME_OPEN, 8, "releases")},
-        {"huge frame", true, frame(client_new::FRAME_COMMAND, 0xffffffff, "")},
-        {"unknown type", true, frame(77, 0, "")},
-    };
+        client_new::FrameHeader header;
+        std::string payload;
+    } rows[] = {{"no opening", false, {client_new::FRAME_COMMAND, 0, 5}, "write"},
+                {"short opening", false, {client_new::FRAME_OPEN, 0, 2}, "xx"},
+                {"other release", false, {client_new::FRAME_OPEN, 0, 8}, "releases"},
+                {"huge frame", true, {client_new::FRAME_COMMAND, 0, 0xffffffff}, ""},
+                {"unknown type", true, {77, 0, 0}, ""}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
         Terminal terminal(row.opens);
-        terminal.Bytes(row.bytes);
+        terminal.Bytes({reinterpret_cast<const char*>(&row.header), sizeof row.header});
+        terminal.Bytes(row.payload);
         const std::string answer = terminal.Finish();
-        EXPECT_TRUE(answer.starts_with('[') && answer != "[lost]") << answer;
+        EXPECT_TRUE(answer.starts_with('[') && answer != "[lost]") << row.name << answer;
     }
     Terminal hurried, deaf;
     for (int i = 0; i < 40; ++i) hurried.Start("work hold");

@@ -3,7 +3,6 @@
 #include "frame/platform/tq_thread.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <climits>
@@ -144,28 +143,6 @@ TEST(TqThread, RemainingTimeIsToldInTheCallersSeconds) {
         EXPECT_EQ(tq_thread_timer_remain_second(timer) <= 7196, fast);
         EXPECT_EQ(tq_thread_timer_remain_second(brief) == 0, fast);
     }
-}
-
-TEST(TqThread, WaitingSleepsAndLongTimersShareWakeUps) {
-    const auto sleeps = [] {
-        rusage usage{};
-        getrusage(RUSAGE_THREAD, &usage);
-        return usage.ru_nvcsw;
-    };
-    Loop loop("300");
-    int shared = 0;
-    for (int round = 0; round < 5; ++round) {
-        tq_thread_add_timer(loop.master, note, nullptr, 30);
-        usleep(200);
-        tq_thread_add_timer(loop.master, note, nullptr, 30);
-        const long before = sleeps();
-        ASSERT_TRUE(loop.Run(1));
-        const long first = sleeps();
-        ASSERT_TRUE(loop.Run(1));
-        EXPECT_LE(first - before, 3);
-        if (sleeps() == first) ++shared;
-    }
-    EXPECT_GT(shared, 0);
 }
 
 // The resume report's use: the handle is set, cleared and asked under one lock,
