@@ -217,9 +217,19 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
 }
 
 TEST_F(AppsDown, ResumeRunUsesStoredPaths) {
-    codes_ = {{"b", 2}};
-    EXPECT_EQ(Result(UPDATE_RUN_DAILY, Files({"a", "b"})), UPDATE_DOWNLOAD_FAIL);
-    codes_ = {};
+    const auto daily_run_fails = [this] {
+        reg_app_update_result("alpha", "", 0);
+        codes_ = {{"b", 2}};
+        EXPECT_EQ(Result(UPDATE_RUN_DAILY, Files({"a", "b"})), UPDATE_DOWNLOAD_FAIL);
+        EXPECT_EQ(ResumeListed(), "alpha(2) a=0 b=-1");
+        codes_ = {};
+    };
+    daily_run_fails();
+    EXPECT_EQ(Result(UPDATE_RUN_COMMAND, Files({"b"})), UPDATE_OK);
+    EXPECT_EQ(ResumeListed(), "") << "the operator was faster";
+    EXPECT_EQ(Requested() + Saved(), "bb") << "a is of no use any more";
+
+    daily_run_fails();
     EXPECT_EQ(reg_app_set_savepath("alpha", dir_ / "elsewhere/"), 0);
     EXPECT_EQ(Result(UPDATE_RUN_RESUME, Files({"a", "b"})), UPDATE_OK);
     EXPECT_EQ(Requested(), "ab");
@@ -234,7 +244,7 @@ TEST_F(AppsDown, CtrlCEndsTheForegroundPass) {
         context->total = 100000;
         for (int32_t i = 1; i <= 3; i++) {
             context->received += 10000;
-            if (i == 2) fakes::TypeKey('x');
+            if (i == 1) fakes::TypeKey('x');
             if (i == 3) fakes::TypeKey(CLI_KEY_CTRL_C);
             if (context->progress(context, i == 1 ? 0 : 10000) != 0) return HTTP_DOWNLOAD_CANCELLED;
         }
