@@ -101,16 +101,12 @@ struct ReportRow {
     char path[49];
 };
 
-struct ReportRowsFree {
-    void operator()(ReportRow* rows) const { mem_free(rows); }
-};
-
 // What the report shows, copied in one go.
 struct Report {
     bool timer_pending = false;
     unsigned long seconds_left = 0;
     int32_t row_count = 0;
-    std::unique_ptr<ReportRow[], ReportRowsFree> rows;  // null for none, or for want of memory
+    std::unique_ptr<ReportRow[], MemFree> rows;  // null for none, or for want of memory
 };
 }  // namespace
 

@@ -2,6 +2,7 @@
 #include "update/download.h"
 
 #include <cstring>
+#include <memory>
 
 #include "buffer/memory.h"
 #include "config/settings.h"
@@ -103,23 +104,22 @@ static bool download_call(const char* url, const char* path, int* code) {
         *code = http_download_file_progress(&s_context, url, path, flag);
         return true;
     }
-    auto* tlv = static_cast<http_util_tlv*>(mem_zalloc(sizeof(http_util_tlv)));
+    const std::unique_ptr<http_util_tlv, MemFree> tlv(
+        static_cast<http_util_tlv*>(mem_zalloc(sizeof(http_util_tlv))));
     if (tlv == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR,
                                 "down_files_single_downpath-->malloc http_util_tlv fail.");
         return false;
     }
     uint32_t address = 0;
-    const bool converted = ipv4_text_to_addr(source.update_src_ip, &address) == 1;
-    if (converted) {
-        *tlv = {1, sizeof(tlv->address), address};
-        *code = http_download_file_progress_tlv(&s_context, url, path, flag, tlv);
-    } else {
+    if (ipv4_text_to_addr(source.update_src_ip, &address) != 1) {
         http_client_debug_print(HTTPC_LOG_ERROR,
                                 "down_files_single_downpath-->get source ip addr err.");
+        return false;
     }
-    mem_free(tlv);
-    return converted;
+    *tlv = {1, sizeof(tlv->address), address};
+    *code = http_download_file_progress_tlv(&s_context, url, path, flag, tlv.get());
+    return true;
 }
 
 // Whether the download's code settles the file's result.

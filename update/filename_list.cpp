@@ -19,8 +19,8 @@ static constexpr size_t FILECNT_TEXT_SIZE = 16;
 namespace {
 struct FillState {
     FilenameArray array;
-    int32_t* filled;
-    const int32_t* count;
+    int32_t filled;
+    int32_t count;
 };
 }  // namespace
 
@@ -78,14 +78,14 @@ static int filename_replenish(xmlNodePtr file, int, void* argument) {
         http_client_debug_print(HTTPC_LOG_ERROR, "filename_replenish-->loop is empty");
         return -1;
     }
-    const auto* state = static_cast<const FillState*>(argument);
-    if (state->array == nullptr || state->filled == nullptr || state->count == nullptr) {
+    auto* state = static_cast<FillState*>(argument);
+    if (state->array == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "filename_replenish-->loop arg is empty");
         return -1;
     }
-    if (*state->filled >= *state->count) {
+    if (state->filled >= state->count) {
         http_client_debug_print(HTTPC_LOG_ERROR, "filename_replenish-->out %d over in %d",
-                                *state->filled, *state->count);
+                                state->filled, state->count);
         return -1;
     }
     char name[FILENAME_SIZE];
@@ -95,8 +95,7 @@ static int filename_replenish(xmlNodePtr file, int, void* argument) {
         return -1;
     }
     http_client_debug_print(HTTPC_LOG_INFO, "filename_replenish-->[file] attr [%s]", name);
-    memcpy(state->array[*state->filled], name, FILENAME_SIZE);
-    ++*state->filled;
+    memcpy(state->array[state->filled++], name, FILENAME_SIZE);
     return 0;
 }
 
@@ -129,13 +128,12 @@ int filename_count(xmlNodePtr app, int32_t* count, FilenameArray* array) {
 
     FilenameArray names = filename_malloc(expected);
     if (names == nullptr) return -1;
-    int32_t filled = 0;
-    FillState state{names, &filled, &expected};
+    FillState state{names, 0, expected};
     xml_child_foreach(app, "file", &state, filename_replenish);
-    if (filled != expected) {
+    if (state.filled != expected) {
         filename_free(names, expected);
         http_client_debug_print(HTTPC_LOG_ERROR, "filename_count-->fielcout %d is not equal %d",
-                                filled, expected);
+                                state.filled, expected);
         return -1;
     }
     *count = expected;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -84,6 +85,9 @@ void http_update_cmd(cli_record* record) {
 
 // --- background
 
+// The requested apps, on their way from the command to its thread.
+using SetCopy = std::unique_ptr<AppSet, MemFree>;
+
 static void update_report_background(const AppSet& /*requested*/, uint32_t /*kind*/,
                                      const char* /*host*/, UpdateStatus status) {
     if (status != UPDATE_OK)
@@ -94,13 +98,12 @@ static void update_report_background(const AppSet& /*requested*/, uint32_t /*kin
 
 static void* http_update_background_thread(void* argument) {
     (void)pthread_detach(pthread_self());
-    auto* set = static_cast<AppSet*>(argument);
+    const SetCopy set(static_cast<AppSet*>(argument));
     if (set == nullptr) return nullptr;
     (void)prctl(PR_SET_NAME, "http-update-background");  // the system keeps 15 characters
     const UpdateStatus status =
         http_update_run(*set, UPDATE_RUN_BACKGROUND, update_report_background, SERVERS_FIRST);
     if (status != UPDATE_OK) status_log(status);
-    mem_free(set);
     return nullptr;
 }
 
@@ -111,16 +114,13 @@ void http_update_background_cmd(cli_record* record) {
     // Another run may begin before the thread's own: it then ends with this status
     // in the log.
     if (update_state_is_running()) return status_print(UPDATE_RUNNING);
-    auto* copy = static_cast<AppSet*>(mem_zalloc(sizeof(AppSet)));
+    SetCopy copy(static_cast<AppSet*>(mem_zalloc(sizeof(AppSet))));
     if (copy == nullptr) return status_print(UPDATE_NO_MEMORY);
     *copy = set;
     pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, http_update_background_thread, copy);
-    if (error != 0) {
-        thread_failure_print(error);
-        mem_free(copy);
-        return;
-    }
+    const int error = pthread_create(&thread, nullptr, http_update_background_thread, copy.get());
+    if (error != 0) return thread_failure_print(error);
+    (void)copy.release();  // the thread's now
     cli_printf("Successfully into the background.\n");
 }
 
