@@ -9,9 +9,11 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 # Relative, so that a build tree can be moved and an installed tree needs no
-# environment variable.
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
-set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/http_client:$ORIGIN")
+# environment variable; and the same in both: CMake would otherwise end the build
+# tree's with an empty entry, to be cut off at installation, which means the current
+# directory.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
+set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/../lib")
 
 add_compile_definitions(_GNU_SOURCE)
 # Errors are return values here: no exceptions, no run-time type information.
