@@ -24,7 +24,7 @@ inline std::string Ok(const std::string& body) {
 class ReplyServer {
   public:
     explicit ReplyServer(std::vector<std::string> replies)
-        : listener_(socket(AF_INET, SOCK_STREAM, 0)), replies_(std::move(replies)) {
+        : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -35,7 +35,9 @@ class ReplyServer {
             abort();
         }
         port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { Run(); });
+        thread_ = std::thread([this, scripted = std::move(replies)] {
+            for (const std::string& reply : scripted) Answer(reply);
+        });
     }
     ~ReplyServer() {
         (void)shutdown(listener_.get(), SHUT_RDWR);  // wakes accept
@@ -49,24 +51,21 @@ class ReplyServer {
     }
 
   private:
-    void Run() {
-        for (const std::string& reply : replies_) {
-            const UniqueFd fd(accept(listener_.get(), nullptr, nullptr));
-            if (!fd.valid()) return;
-            // One send of the client, which loopback keeps in one piece.
-            char request[8192];
-            const ssize_t size = recv(fd.get(), request, sizeof(request), 0);
-            if (size > 0) {
-                const std::lock_guard guard(lock_);
-                requests_.emplace_back(request, static_cast<size_t>(size));
-            }
-            (void)send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+    void Answer(const std::string& reply) {
+        const UniqueFd fd(accept(listener_.get(), nullptr, nullptr));
+        // One send of the client, which loopback keeps in one piece.
+        char request[8192];
+        const ssize_t size = recv(fd.get(), request, sizeof(request), 0);
+        if (size <= 0) return;
+        {
+            const std::lock_guard guard(lock_);
+            requests_.emplace_back(request, static_cast<size_t>(size));
         }
+        (void)send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
     }
 
     UniqueFd listener_;
     uint16_t port_ = 0;
-    std::vector<std::string> replies_;
     std::mutex lock_;
     std::vector<std::string> requests_;
     std::thread thread_;

@@ -1,7 +1,6 @@
 #include "http/xml.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <string>
 
@@ -20,32 +19,23 @@ static std::string Numbered(const std::string& name, int count) {
     return all;
 }
 
+// Each would cost minutes or gigabytes, or words on standard error.
 TEST(Xml, RefusesHostileDocuments) {
     const std::string million(1000000, 'A');
-    const std::string entity = "<!DOCTYPE f [<!ENTITY e '" + million + "'>]><filelist>";
-    const std::string attribute =
-        "<!DOCTYPE f [<!ATTLIST app x CDATA '" + million + "'>]><filelist>";
-    const struct {
-        const char* name;
-        std::string text;
-    } rows[] = {
-        {"empty", ""},
-        {"cut", "<filelist><app name='a'>"},
-        {"DOCTYPE", "<!DOCTYPE filelist SYSTEM 'http://127.0.0.1:1/x'><filelist/>"},
-        {"large entity", entity + Repeat("&e;", 100000) + "</filelist>"},
-        {"default attribute", attribute + Repeat("<app/>", 100000) + "</filelist>"},
-        {"attributes", "<filelist><app " + Numbered("a", 150000) + "/></filelist>"},
-        {"namespaces",
-         "<filelist " + Numbered("xmlns:a", 4000) + ">" + Repeat("<z:a/>", 200000) + "</filelist>"},
-        {"entity without DOCTYPE", "<filelist>&e;</filelist>"},
-        {"deep", Repeat("<filelist>", 200000)},
-        {"broken UTF-8", "<filelist>\xff\xfe</filelist>"},
-        {"UTF-16 mark", "\xff\xfe<"},
+    const std::string documents[] = {
+        "<!DOCTYPE f [<!ENTITY e '" + million + "'>]><filelist>" + Repeat("&e;", 100000) +
+            "</filelist>",
+        "<!DOCTYPE f [<!ATTLIST app x CDATA '" + million + "'>]><filelist>" +
+            Repeat("<app/>", 100000) + "</filelist>",
+        "<filelist><app " + Numbered("a", 150000) + "/></filelist>",
+        "<filelist " + Numbered("xmlns:a", 4000) + ">" + Repeat("<z:a/>", 200000) + "</filelist>",
+        "<filelist>&e;</filelist>",
+        "<filelist>\xff\xfe</filelist>",
+        "\xff\xfe<",
     };
     testing::internal::CaptureStderr();
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(XmlDoc(xml_doc_read_mem(row.text.c_str())), nullptr);
+    for (const std::string& text : documents) {
+        EXPECT_EQ(XmlDoc(xml_doc_read_mem(text.c_str())), nullptr) << text.substr(0, 40);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
@@ -85,47 +75,17 @@ TEST(Xml, WalksDocuments) {
 TEST(Xml, ReadsFilesWithoutBlankNodes) {
     const TempDir dir;
     dir.Write("ok", "<?xml version=\"1.0\"?>\n<filelist>\n  <app name=\"a\"/>\n</filelist>\n");
-    dir.Write("empty", "");
-    dir.Write("doctype", "<!DOCTYPE filelist [<!ENTITY e SYSTEM 'ok'>]><filelist>&e;</filelist>");
-    dir.Write("zero byte", std::string("<filelist>\0</filelist>", 22));
-    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     const XmlDoc document(xml_doc_read_file((dir / "ok").c_str()));
     std::string seen;
     xml_child_foreach(xml_root_get(document.get()), nullptr, &seen, Collect);
     EXPECT_EQ(seen, "1app ");
-    for (const char* name : {"empty", "doctype", "zero byte", "fifo", "missing", "."}) {
-        EXPECT_EQ(XmlDoc(xml_doc_read_file((dir / name).c_str())), nullptr) << name;
-    }
-}
-
-TEST(Xml, TrimsWhiteSpaceAtBothEnds) {
-    char path[] = " \v/data/my app\t\r\n";
-    str_trim(path);
-    EXPECT_STREQ(path, "/data/my app");
-    char blanks[] = " \f ";
-    str_trim(blanks);
-    EXPECT_STREQ(blanks, "");
+    EXPECT_EQ(XmlDoc(xml_doc_read_file(dir.path().c_str())), nullptr);
 }
 
 TEST(Status, KnowsItsCodes) {
     for (UpdateStatus code = 0; code < 20; code++) {
         const bool warning = code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE;
         EXPECT_STREQ(update_status_prefix(code), warning ? "%warning: " : "%notice: ");
+        EXPECT_EQ(update_status_str(code) == std::string("Unknown error."), code > 16);
     }
-    EXPECT_STREQ(update_status_str(16), "Notice failed the business module to upgrade.");
-    EXPECT_STREQ(update_status_str(17), "Unknown error.");
-    AppSet first{};
-    AppSet second{};
-    AppSet both{};
-    for (const int slot : {0, 2, 65535}) app_set_insert(&first, slot);
-    for (const int slot : {2, 5, 65535}) app_set_insert(&second, slot);
-    app_set_and(&first, &second, &both);
-    for (const int slot : {0, 2, 5, 65535}) {
-        EXPECT_EQ(app_set_contains(both, slot), slot == 2 || slot == 65535);
-    }
-    second = AppSet{};
-    app_set_and(&first, nullptr, &both);
-    EXPECT_FALSE(app_set_is_empty(both));
-    app_set_and(&first, &second, &both);
-    EXPECT_TRUE(app_set_is_empty(both));
 }
