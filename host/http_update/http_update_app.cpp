@@ -82,19 +82,19 @@ static_assert(sizeof(SavePathPayload) == 160);
 }  // namespace
 
 struct http_app {
-    char socket_path[sizeof(sockaddr_un::sun_path)];
+    char socket_path[sizeof(sockaddr_un::sun_path)] = "";
 
     Mutex lock;  // held while sending and while the connection changes
     UniqueFd fd GUARDED_BY(lock);
     // What each app registers with next time; an empty name is a free place.
-    RegisterPayload known[APP_MAX] GUARDED_BY(lock);
+    RegisterPayload known[APP_MAX] GUARDED_BY(lock) = {};
 
     // The receiving thread's own.
-    int receive_fd;  // fd's number
-    ParsedRequest* first_request;
-    size_t begin;  // unread bytes of the buffer: [begin, end)
-    size_t end;
-    uint8_t buffer[PACKET_MAX];
+    int receive_fd = -1;  // fd's number
+    ParsedRequest* first_request = nullptr;
+    size_t begin = 0;  // unread bytes of the buffer: [begin, end)
+    size_t end = 0;
+    uint8_t buffer[PACKET_MAX];  // its pages are taken as packets come
 };
 
 namespace {
@@ -278,10 +278,8 @@ int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep kee
 }  // namespace
 
 http_app* http_app_open(const char* socket_path) {
-    void* block = calloc(1, sizeof(http_app));
-    if (block == nullptr) return nullptr;
-    http_app* app = new (block) http_app;
-    app->receive_fd = -1;
+    auto* app = new (std::nothrow) http_app;
+    if (app == nullptr) return nullptr;
     size_t length = 0;
     bool whole = false;
     if (socket_path != nullptr) {
@@ -304,8 +302,7 @@ http_app* http_app_open(const char* socket_path) {
 void http_app_close(http_app* app) {
     if (app == nullptr) return;
     connection_close(app);
-    app->~http_app();
-    free(app);
+    delete app;
 }
 
 int http_app_register(http_app* app, const http_app_info* info) {
