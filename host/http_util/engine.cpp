@@ -155,6 +155,7 @@ Verdict fail(Download* download, int result) {
 
 // A response with the whole file: the old one makes room for it.
 Verdict whole_begin(Download* download) {
+    download->partial = false;
     curl_off_t length = -1;
     (void)curl_easy_getinfo(download->easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     const std::string_view coding = header_value(*download, "Transfer-Encoding");
@@ -213,7 +214,9 @@ size_t on_body(char* bytes, size_t, size_t size, void* user) {
     auto* download = static_cast<Download*>(user);
     if (download->verdict == Verdict::None) download->verdict = response_judge(download);
     if (download->verdict != Verdict::Body) return CURL_WRITEFUNC_ERROR;
-    const int result = download->file.Write(bytes, size);
+    // libcurl cuts a body to its Content-Length; a part may come in chunks without end.
+    const bool fits = size <= download->progress.Missing();
+    const int result = fits ? download->file.Write(bytes, size) : int{DOWNLOAD_BROKEN};
     if (result != 0) {
         download->verdict = fail(download, result);
         return CURL_WRITEFUNC_ERROR;
@@ -278,8 +281,6 @@ int transfer_failure(const Download& download, CURLcode code) {
     if (download.progress.cancelled()) return HTTP_DOWNLOAD_CANCELLED;
     if (download.verdict == Verdict::Failed) return download.result;
     switch (code) {
-        case CURLE_OUT_OF_MEMORY:
-            return HTTP_DOWNLOAD_NO_MEMORY;
         case CURLE_COULDNT_RESOLVE_HOST:
             return DOWNLOAD_NO_ADDRESS;
         case CURLE_COULDNT_CONNECT:
@@ -289,6 +290,8 @@ int transfer_failure(const Download& download, CURLcode code) {
         case CURLE_SSL_CACERT_BADFILE:
             return DOWNLOAD_NO_CONNECTION;
         default:
+            // CURLE_OUT_OF_MEMORY, too: a server gets it with an endless header line,
+            // and a run that is short of memory ends for all apps.
             return DOWNLOAD_BROKEN;
     }
 }

@@ -28,7 +28,8 @@ class Progress {
 
     [[nodiscard]] bool cancelled() const { return cancelled_; }
     [[nodiscard]] uint64_t received() const { return received_; }
-    // False when the announced size and the bytes that came differ.
+    // Bytes of the announced size that have not come yet; without one, no limit.
+    [[nodiscard]] uint64_t Missing() const { return known_ ? total_ - received_ : UINT64_MAX; }
     [[nodiscard]] bool WholeSize() const { return !known_ || received_ == total_; }
 
   private:
