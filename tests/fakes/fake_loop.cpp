@@ -25,15 +25,13 @@ namespace fakes {
 static Mutex s_lock;  // leaf: no callback runs under it
 static std::vector<tq_thread_master*> s_loops GUARDED_BY(s_lock);
 static std::atomic<bool> s_fail_timers;
-static std::atomic<bool> s_fail_reads;
 
 void FailTimers(bool fail) { s_fail_timers = fail; }
-void FailReads(bool fail) { s_fail_reads = fail; }
 
 static tq_thread* AddTask(const tq_thread& record, long seconds) {
     MutexLock guard(s_lock);
     tq_thread_master* loop = record.master;
-    if ((record.fd < 0 ? s_fail_timers : s_fail_reads) || loop == nullptr) return nullptr;
+    if (loop == nullptr || (record.fd < 0 && s_fail_timers)) return nullptr;
     loop->pending.push_back(std::make_unique<FakeTask>(FakeTask{record, loop->now + seconds}));
     return loop->pending.back().get();
 }

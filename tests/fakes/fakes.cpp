@@ -27,7 +27,7 @@ using TextMap = std::map<std::string, std::string>;
 struct State {
     std::string terminal, config_lines, config_errors, syslog, tech_output, tech_service;
     std::deque<int> keys;
-    int started, ended, tech_completions, download_debug, lookups, ham_result;
+    int tech_completions, download_debug, ham_result;
     bool fail_cli, fail_tech, fail_dns;
     TreeMap trees;
     std::vector<std::string> dump_files;
@@ -43,7 +43,6 @@ static State s_state GUARDED_BY(s_lock);
 
 void Reset() {
     FailTimers(false);
-    FailReads(false);
     MutexLock guard(s_lock);
     s_state = State{};
 }
@@ -72,8 +71,6 @@ void Reset() {
 FAKE_TAKE(std::string, Terminal, terminal)
 FAKE_TAKE(std::string, ConfigLines, config_lines)
 FAKE_TAKE(std::string, ConfigErrors, config_errors)
-FAKE_GET(int, CommandsStarted, started)
-FAKE_GET(int, CommandsEnded, ended)
 FAKE_GET(TreeMap, Trees, trees)
 FAKE_SET(bool, FailCliInit, fail_cli)
 FAKE_TAKE(std::string, Syslog, syslog)
@@ -88,7 +85,6 @@ FAKE_GET(std::string, TechService, tech_service)
 FAKE_SET(bool, FailTechInit, fail_tech)
 FAKE_PUT(SetHost, hosts)
 FAKE_SET(bool, FailDnsInit, fail_dns)
-FAKE_GET(int, DnsLookups, lookups)
 FAKE_GET(std::string, DnsSource, dns_source)
 FAKE_PUT(SetSystemText, system_texts)
 FAKE_PUT(SetDeviceFile, device_files)
@@ -185,15 +181,8 @@ int cli_getc_no_block() {
     return key;
 }
 
-void cli_proc_thread_start(cli_record*, pthread_t) {
-    MutexLock guard(s_lock);
-    s_state.started++;
-}
-
-void cli_proc_thread_end(cli_record*, pthread_t) {
-    MutexLock guard(s_lock);
-    s_state.ended++;
-}
+void cli_proc_thread_start(cli_record*, pthread_t) {}
+void cli_proc_thread_end(cli_record*, pthread_t) {}
 
 // --- log, technical support
 
@@ -262,7 +251,6 @@ bool hostname_verify(const char* host) {
 
 int dns_domain_to_ip(DnsRequest* request) {
     MutexLock guard(s_lock);
-    s_state.lookups++;
     sockaddr_in source{};
     memcpy(&source, request->source, sizeof(source));
     s_state.dns_source = Dotted(source.sin_addr);

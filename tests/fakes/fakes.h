@@ -31,17 +31,14 @@ void Advance(tq_thread_master* loop, long seconds);
 int RunReadable(tq_thread_master* loop, int timeout_ms);
 // Seconds left to the timers that are pending on a loop.
 std::vector<long> Timers(tq_thread_master* loop);
-// Adding a timer, or a read task, fails while set.
+// Adding a timer fails while set.
 void FailTimers(bool fail);
-void FailReads(bool fail);
 
 // --- terminal
 std::string Terminal();      // everything printed since the last call
 std::string ConfigLines();   // running-configuration lines since the last call, "\n" after each
 std::string ConfigErrors();  // error replies to configuration commands since the last call
 void TypeKey(int key);       // next key for cli_getc_no_block
-int CommandsStarted();       // cli_proc_thread_start calls
-int CommandsEnded();         // cli_proc_thread_end calls
 // Trees that were offered, by mode.
 std::map<int, const cli_node*> Trees();
 void FailCliInit(bool fail);
@@ -74,7 +71,6 @@ void FailTechInit(bool fail);
 // with an empty address is not resolved
 void SetHost(const std::string& name, const std::string& address);
 void FailDnsInit(bool fail);
-int DnsLookups();
 std::string DnsSource();  // address that the last look-up was to leave from
 
 // --- device: texts of the system information (absent: the call fails) and the

@@ -91,15 +91,6 @@ TEST_F(RegServer, HostilePackets) {
     }
 }
 
-TEST_F(RegServer, ConnectionThatCannotBeArmedEnds) {
-    const int app = Connect();
-    ASSERT_EQ(Register(app, "alpha"), REG_OK);
-    fakes::FailReads(true);
-    Send(app, HTTP_MSG_TYPE_MODE, "");
-    EXPECT_TRUE(Ended(app));
-    EXPECT_EQ(First().fd, -1);
-}
-
 // Otherwise the connection waits for ever and the loop spins on it.
 TEST_F(RegServer, RefusesConnectionsWithoutDescriptors) {
     sockaddr_un address{AF_UNIX, {}};
