@@ -10,9 +10,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <set>
-#include <utility>
-
 #include "frame/platform/syslog_new.h"
 #include "frame/text.h"
 #include "frame/unique_fd.h"
@@ -34,33 +31,30 @@ constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
 // Where c2p_printf writes; null: nobody asked.
 std::string* s_collected = nullptr;
 
-using Visited = std::set<std::pair<const cli_node*, std::string>>;
-
-void ask_writer(const cli_node* node, const std::string& words, Visited* visited) {
+void ask_writer(const cli_node* node, const std::string& words) {
     cli_record record{};
     // Words that do not fit would give a line that can't be read back.
     if (!text_copy(record.words, words) || node->handler == nullptr) return;
-    if (!visited->emplace(node, words).second) return;  // branches join here
     record.output_flags = CLI_OUTPUT_RUNNING;
     node->handler(&record);
 }
 
-void walk(const cli_node* first, const std::string& words, int depth, Visited* visited) {
+void walk(const cli_node* first, const std::string& words, int depth) {
     if (depth > DEPTH_MAX) return;
     for (const cli_node* node = first; node != Tno_alt; node = node->alternative) {
         switch (node->kind) {
             case CLI_NODE_KEYWORD:
                 walk(node->next, words.empty() ? node->keyword : words + " " + node->keyword,
-                     depth + 1, visited);
+                     depth + 1);
                 break;
             case CLI_NODE_C2P:
-                ask_writer(node, words, visited);
-                walk(node->next, words, depth + 1, visited);
+                ask_writer(node, words);
+                walk(node->next, words, depth + 1);
                 break;
             case CLI_NODE_SET_VAR:
             case CLI_NODE_NOP:
             case CLI_NODE_APPEND_POINT:
-                walk(node->next, words, depth + 1, visited);
+                walk(node->next, words, depth + 1);
                 break;
             // What follows a typed value has no fixed words; what follows a
             // no-prefix node only ever takes something away.
@@ -173,9 +167,8 @@ void append_line(const std::string& text) {
 
 std::string running_config_text(const std::vector<const cli_node*>& trees) {
     std::string text;
-    Visited visited;
     s_collected = &text;
-    for (const cli_node* tree : trees) walk(tree, "", 0, &visited);
+    for (const cli_node* tree : trees) walk(tree, "", 0);
     s_collected = nullptr;
     return text;
 }
