@@ -123,7 +123,10 @@ def test_support_bundle(device: Device, server: LabServer) -> None:
 class Names(BaseResolver):
     """Knows one name; everything else is not there."""
 
+    askers: set[str] = set()
+
     def resolve(self, request, handler):  # noqa: ANN001, ANN201 (the library's types)
+        self.askers.add(handler.client_address[0])
         reply = request.reply()
         if str(request.q.qname) == "update.lab.":
             reply.add_answer(*RR.fromZone("update.lab. 60 A 127.0.0.1"))
@@ -151,10 +154,12 @@ def test_server_with_a_name(scratch: Scratch, server: LabServer, name_server: st
         device.cli("configure", f"http update server {name.replace(' ', '_')}")
         assert device.cli("http check-version") == answer
     device.configure(f"http update server update.lab port {server.port}")
-    # Its files are named by the same host.
+    # Its files are named by the same host, which is looked up from the source address.
+    device.configure("http update source_ip 127.0.0.7")
+    Names.askers.clear()
     assert device.cli("http update all").endswith(
         "with server update.lab:\r\nalpha: download and notify successfully.\n")
-    assert device.disk("alpha") == made
+    assert device.disk("alpha") == made and Names.askers == {"127.0.0.7"}
 
 
 def test_two_operators_and_one_that_does_not_read(device: Device, server: LabServer) -> None:
