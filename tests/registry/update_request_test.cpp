@@ -88,18 +88,21 @@ TEST_F(UpdateRequest, RefusedRequestLeavesTheAppAlone) {
 
 // The main loop has not seen the end of the old connection yet.
 TEST_F(UpdateRequest, FailedSendFreesTheNameAtOnce) {
-    const int next = Connect();
-    const int app = Connect();
-    ASSERT_EQ(Register(app, "alpha"), REG_OK);
-    const std::string old = Bytes(VersionMessage{"alpha", "old"});
-    (void)http_update_reg_send_normal(app, HTTP_MSG_TYPE_VERSION, old.data(), 64);
-    (void)shutdown(app, SHUT_RD);  // sends to it fail
-    std::thread([] { EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1); }).join();
-    EXPECT_EQ(First().fd, -1);
-    EXPECT_EQ(Register(next, "alpha"), REG_OK);
-    EXPECT_EQ(First().flags, 0U);
-    EXPECT_STREQ(First().version, "1.0");
-    EXPECT_LT(send(app, "", 1, MSG_NOSIGNAL), 0);
+    for (const bool queued : {false, true}) {
+        const int next = Connect();
+        const int app = Connect();
+        ASSERT_EQ(Register(app, "alpha"), REG_OK);
+        const std::string old = Bytes(VersionMessage{"alpha", "old"});
+        if (queued) (void)http_update_reg_send_normal(app, HTTP_MSG_TYPE_VERSION, old.data(), 64);
+        (void)shutdown(app, SHUT_RD);  // sends to it fail
+        std::thread([] { EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1); }).join();
+        EXPECT_EQ(First().fd, -1);
+        EXPECT_EQ(Register(next, "alpha"), REG_OK);
+        EXPECT_EQ(First().flags, 0U);
+        EXPECT_STREQ(First().version, "1.0");
+        EXPECT_LT(send(app, "", 1, MSG_NOSIGNAL), 0);
+        Disconnect(next);
+    }
 }
 
 // The main loop ends the app's connection and accepts another just before the
@@ -111,7 +114,8 @@ TEST_F(UpdateRequest, NewConnectionDoesNotGetTheOldOnesRequest) {
     const int old_fd = First().fd;
     int other = -1;
     s_before_request = [&] {
-        Disconnect(app);
+        Send(app, HTTP_MSG_TYPE_REGIST, "wrong");
+        EXPECT_TRUE(Ended(app));
         other = Connect();
         EXPECT_EQ(Register(other, "beta"), REG_OK);
     };
