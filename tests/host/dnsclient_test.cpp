@@ -88,7 +88,9 @@ std::string resolve(const std::string& name, const char* source = "0.0.0.0") {
     address.sin_addr.s_addr = inet_addr(source);
     memcpy(request.source, &address, sizeof address);
     if (dns_domain_to_ip(&request) < 0) return "-1";
-    if (request.result != DNS_RESULT_RESOLVED) return "[" + std::to_string(request.result) + "]";
+    if (request.result != DNS_RESULT_RESOLVED) {
+        return std::string("[").append(std::to_string(request.result)) + "]";
+    }
     EXPECT_EQ(request.family, AF_INET);
     return inet_ntoa({request.address});
 }
