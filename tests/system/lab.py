@@ -212,6 +212,10 @@ class App:
     def reply(self, name: str, result: int, text: str = "") -> None:
         self.send(self.UPDATE_RSP, struct.pack("i32s32s", result, name.encode(), text.encode()))
 
+    def request(self, number: int = 0) -> UpdateRequest:
+        wait_for(lambda: len(self.requests) > number, f"for update request {number}")
+        return self.requests[number]
+
     def set_mode(self, name: str, manual: bool) -> None:
         self.send(self.MODE, struct.pack("32si", name.encode(), int(manual)))
 

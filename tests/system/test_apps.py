@@ -51,7 +51,7 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
     # The app being fetched is gone when it should be told; the next is gone before.
     assert update.finish().endswith("stays: download and notify successfully.\n")
     assert device.disk("leaves") == {} and device.disk("dies") == {}
-    assert stays.requests[0].files == [device.saved("stays") + "stays.bin"]
+    assert stays.request().files == [device.saved("stays") + "stays.bin"]
     assert "[leaves]<-->have no find in reg" in device.dump()
 
 
@@ -82,7 +82,7 @@ def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> 
         assert shown.endswith("127.0.0.1:\r\nwell: download and notify successfully.\n")
         assert time.monotonic() - started < 50
     assert "update req send fail" in device.dump()
-    assert len(well.requests[0].records) > 20
+    assert len(well.request().records) > 20
     wait_for(lambda: device.versions() == {"well": "2.0"})
 
 

@@ -92,7 +92,7 @@ def test_interrupted_download_is_resumed_not_repeated(
 
     server.heal()
     wait_for(lambda: app.requests)
-    assert app.requests[0].files == paths and device.disk("alpha") == made
+    assert app.request().files == paths and device.disk("alpha") == made
     assert [r["range"] for r in server.requests("b.bin")][-1] == "bytes=300000-"
     wait_for(lambda: device.cli("show http-update info resume") == EMPTY)
     assert device.resume() == {}
@@ -146,10 +146,10 @@ def test_incremental_app_is_told_of_what_came(device: Device, server: LabServer)
     device.daily_in(minutes=0)
     first, rest = ([device.saved("alpha") + n for n in names] for names in ("ab", "cde"))
     wait_for(lambda: device.resume() == {"alpha": rest})
-    assert app.requests[0].files == first
+    assert app.request().files == first
     server.heal()
     wait_for(lambda: len(app.requests) == 2)
-    assert app.requests[1].files == rest and device.disk("alpha") == made
+    assert app.request(1).files == rest and device.disk("alpha") == made
     wait_for(lambda: device.versions() == {"alpha": "2.0"})
 
 

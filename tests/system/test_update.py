@@ -37,7 +37,7 @@ def test_all_apps_get_their_files_and_answer(device: Device, server: LabServer) 
     wait_for(lambda: device.versions() == {"alpha": "2.0", "beta": "1.1", "gamma": "3.0"})
     assert [r.files for r in alpha.requests] == [
         [device.saved("alpha") + name for name in ("a.bin", "b.txt", "c.cfg")]]
-    assert alpha.requests[0].records == {"version": "2.0", "filecnt": "3"}
+    assert alpha.request().records == {"version": "2.0", "filecnt": "3"}
     assert len(beta.requests) == 1 and gamma.requests == []
 
     assert device.cli("http update all") == (
@@ -75,7 +75,7 @@ def test_one_file_manual_and_incremental_apps(device: Device, server: LabServer)
     increment = device.app("increment", flags=INCREMENTAL)
     assert device.cli("http update all") == with_server(
         "single, manual, increment: download and notify successfully.\n")
-    assert [len(app.requests[0].files) for app in (single, manual, increment)] == [1, 3, 3]
+    assert [len(app.request().files) for app in (single, manual, increment)] == [1, 3, 3]
     assert list(device.disk("single")) == ["1"]
 
 
@@ -90,7 +90,7 @@ def test_save_path_comes_from_the_reply_when_the_app_has_none(
         WAIT + QUIT + "Update module with server 127.0.0.1:\r\n"
         "beta: The server response message format is wrong.\n"
         "alpha: download and notify successfully.\n")
-    assert alpha.requests[0].files == [folder + "a.bin"]
+    assert alpha.request().files == [folder + "a.bin"]
     assert (device.root / "given/here/a.bin").read_bytes() == made["a.bin"]
 
 
