@@ -28,7 +28,8 @@ struct Session {
     bool commands = false;  // standard input is still open
 };
 
-// Facts come from a server: what could drive a terminal is shown as '?'.
+// Facts and file names come from a server: what could drive a terminal is shown
+// as '?'.
 std::string printable(const char* text) {
     std::string shown(text);
     std::replace_if(
@@ -70,13 +71,14 @@ void answer(http_app* app, const char* name, int32_t code, const char* version) 
 int32_t request_install(const http_app_request* request) {
     int32_t first_error = 0;
     for (size_t i = 0; i < request->file_count; ++i) {
+        const std::string shown = printable(request->files[i]);
         InstalledFile file;
         const int error = file_install(request->files[i], &file);
         if (error == 0) {
-            printf("%s: file %s, %llu bytes, sha256 %s\n", request->app, request->files[i],
+            printf("%s: file %s, %llu bytes, sha256 %s\n", request->app, shown.c_str(),
                    static_cast<unsigned long long>(file.size_bytes), file.sha256.c_str());
         } else {
-            printf("%s: file %s, %s\n", request->app, request->files[i], strerror(error));
+            printf("%s: file %s, %s\n", request->app, shown.c_str(), strerror(error));
             if (first_error == 0) first_error = error;
         }
     }
