@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -101,15 +100,12 @@ TEST(DnsClient, ResolvesAndTellsFailuresApart) {
     setenv("DNS_CLIENT_SERVERS", server.name.c_str(), 1);
     setenv("LOCALDOMAIN", "stranger.test", 1);  // stands for resolv.conf's search list
     EXPECT_EQ(dns_client_agent_init(), 0);
-    // A bare root directory has no such file; the name server then refuses the name.
-    const char* localhost = access("/etc/hosts", R_OK) == 0 ? "127.0.0.1" : "[4]";
     for (const auto& [name, result] : {std::pair("7.test", "10.0.0.7"),
                                        {"8.test.", "10.0.0.8"},
                                        {"missing.test", "-1"},
                                        {"nodata.test", "-1"},
                                        {"refused.test", "[4]"},
                                        {"failed.test", "[4]"},
-                                       {"localhost", localhost},
                                        {"a..b", "-1"}}) {
         EXPECT_EQ(resolve(name), result) << name;
     }

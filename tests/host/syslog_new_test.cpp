@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <thread>
-
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -32,21 +29,6 @@ TEST(SyslogNew, EveryCallIsExactlyOneLine) {
     EXPECT_EQ(dir.Read("log"), expected);
     printk_syslog_ext(7, "HTTPC", "DEBUG", 2, "%s", std::string(9000, '\x01').c_str());
     EXPECT_TRUE(dir.Read("log").ends_with("\\x01\\x01\n")) << "escapes fill the line";
-}
-
-TEST(SyslogNew, LinesOfSeveralThreadsStayWhole) {
-    const TempDir dir;
-    setenv("PRINTK_SYSLOG_FILE", (dir / "log").c_str(), 1);
-    const std::string body(300, 'b');
-    const auto write_many = [&] {
-        for (int i = 0; i < 250; ++i) printk_syslog_ext(7, "M", "L", 2, "%s\n", body.c_str());
-    };
-    std::thread one(write_many), other(write_many);
-    one.join();
-    other.join();
-    std::string expected;
-    for (int i = 0; i < 500; ++i) expected += "M L: " + body + "\n";
-    EXPECT_EQ(dir.Read("log"), expected);
 }
 
 }  // namespace

@@ -91,24 +91,6 @@ TEST(TqThread, ReadTaskFiresOnceAndKnowsItsLoop) {
     EXPECT_EQ(tq_thread_add_read_withname(loop.master, note, nullptr, 999, "bad"), nullptr);
 }
 
-TEST(TqThread, BusyDescriptorAndDueTimersShareTheLoop) {
-    Loop loop;
-    const UniqueFd fd = readable();
-    int reads = 0, timers = 0;
-    Function read_again = [&](tq_thread* task) {
-        ++reads;
-        tq_thread_add_read_withname(task->master, run_function, task->arg, task->fd, "r");
-    };
-    Function timer_again = [&](tq_thread* task) {
-        ++timers;
-        tq_thread_add_timer(task->master, run_function, task->arg, 0);
-    };
-    tq_thread_add_read_withname(loop.master, run_function, &read_again, fd.get(), "r");
-    tq_thread_add_timer(loop.master, run_function, &timer_again, 0);
-    ASSERT_TRUE(loop.Run(200));
-    EXPECT_TRUE(reads > 50 && timers > 50) << reads << " " << timers;
-}
-
 TEST(TqThread, CancelWorksWhileWaitingWhenReadyAndFromACallback) {
     Loop loop;
     s_trace.clear();

@@ -54,12 +54,14 @@ def run(env, *arguments, stdin=""):
     (["--second-list", "-c", "show rec"], "", 0, RECORD.replace("context=0", "context=1"), ""),
     (["-c", "bogus", "-c", "show record"], "", 1, RECORD, '% Unknown word: "bogus"\n'),
     (["-c", "exit", "-c", "bogus"], "", 0, "", ""),
+    (["-c", "debug all", "-c", "no debug all", "-c", "show debugging", "-c", "no work x"], "", 1,
+     "debug switch 1\ndebug switch 2\ndebug switch 3\n", '% Unknown word: "work"\n'),
     (["-c", "show record?"], "", 0, "  record                help\n", ""),
     ([], "# comment\n\nshow record\r\nconfigure\nhttp update server h\nshow run\nend\n", 0,
      RECORD + "http update server h\n", ""),
     ([], "configure\nhttp update server bad%s\n" + "x" * 70000 + "\nshow record", 1, RECORD,
      "% Invalid server bad%s. \n% Line too long (at most 1023 bytes)\n"),
-], ids=["commands", "second list", "refused", "exit", "help", "standard input", "bad input"])
+], ids=["commands", "second list", "refused", "exit", "debug", "help", "standard input", "bad input"])
 def test_batch(env, daemon, arguments, stdin, status, output, errors):
     assert run(env, *arguments, stdin=stdin) == (status, output, errors)
 
