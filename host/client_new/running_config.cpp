@@ -23,8 +23,9 @@ namespace {
 // No honest tree is deeper; a ring in a faulty one ends here.
 constexpr int DEPTH_MAX = 64;
 constexpr size_t FILE_MAX_BYTES = 262144;
-// A file that is no configuration at all must not flood the system log.
-constexpr int COMPLAINTS_MAX = 20;
+// Every damaged line of a configuration gets its message; a file that is something
+// else altogether must not flood the system log.
+constexpr int COMPLAINTS_MAX = 500;
 constexpr int SYSLOG_WARNING = LOG_WARNING;
 constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
 
