@@ -108,7 +108,7 @@ TEST(CliReplay, SurvivesAnyFile) {
     const TempDir dir;
     setenv("PRINTK_SYSLOG_FILE", (dir / "log").c_str(), 1);
     std::string many = std::string(3000, '\0') + "\xff\n";
-    for (int i = 0; i < 29; ++i) many += "x\n";
+    for (int i = 0; i < 509; ++i) many += "x\n";
     dir.Write("many", many);
     dir.Write("huge", std::string(300000, '!'));
     ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
