@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -16,24 +17,21 @@ std::string Copy(unsigned selector) {
     hu_serv_list copy;
     EXPECT_EQ(hu_serv_list_copy(&copy, selector), 0);
     std::string text;
-    uint32_t count = 0;
     for (const UpdateServer* server = hu_serv_list_first(&copy); server != nullptr;
-         server = hu_serv_list_next(&copy, server), ++count) {
-        EXPECT_EQ(server->socket, -1);
+         server = hu_serv_list_next(&copy, server)) {
         text += std::string(server->host) + ":" + std::to_string(server->port) + server->uri + " ";
     }
-    EXPECT_EQ(copy.count, count);
     hu_serv_list_clear(&copy);
     return text;
 }
 
-class ServerList : public testing::Test {
-  protected:
+struct ServerList : testing::Test {
     ServerList() { hu_serv_config_init(); }
 };
 
 TEST_F(ServerList, ChangesAnswerForTheirList) {
-    struct Row {
+    const std::string usual = "update.invalid:80/qb/11.x/update.asp ";
+    const struct {
         const char* name;
         int result;
         const char* host;
@@ -42,23 +40,20 @@ TEST_F(ServerList, ChangesAnswerForTheirList) {
         bool second;
         bool add;
         std::string after;  // second list, first list
-    };
-    const std::string usual = "update.invalid:80/qb/11.x/update.asp ";
-    const Row rows[] = {
+    } rows[] = {
         {"no host", -1, "", 0, "", false, true, usual},
-        {"first", 0, "a", 0, nullptr, false, true, "a:80/qb/11.x/update.asp "},
+        {"in the default's place", 0, "a", 0, nullptr, false, true, "a:80/qb/11.x/update.asp "},
         {"in its place", 0, "a", 80, "/u", false, true, "a:80/u "},
         {"second list", 0, "a", 80, "/u", true, true, "a:80/u a:80/u "},
         {"other port", 0, "a", 81, "/u", true, true, "a:80/u a:81/u a:80/u "},
         {"other host", 0, "b", 81, "/u", true, true, "a:80/u a:81/u b:81/u a:80/u "},
         {"fourth", 3, "c", 81, "/u", true, true, "a:80/u a:81/u b:81/u a:80/u "},
-        {"one of three", 0, "a", 80, "/u", true, true, "a:80/u a:81/u b:81/u a:80/u "},
         {"middle", 0, "a", 81, "/u", true, false, "a:80/u b:81/u a:80/u "},
         {"default URI differs", 1, "a", 0, "", false, false, "a:80/u b:81/u a:80/u "},
         {"second all", 0, "", 0, nullptr, true, false, "a:80/u "},
         {"first all", 0, nullptr, 0, nullptr, false, false, usual},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const auto change = row.add ? hu_serv_config_add : hu_serv_config_del;
         EXPECT_EQ(change(row.host, row.port, row.uri, row.second), row.result);
@@ -68,37 +63,34 @@ TEST_F(ServerList, ChangesAnswerForTheirList) {
 }
 
 TEST_F(ServerList, ShortMemoryLosesNothing) {
-    ASSERT_EQ(hu_serv_config_add("s1", 1, "/u", true), HU_SERV_OK);
-    ASSERT_EQ(hu_serv_config_add("s2", 1, "/u", true), HU_SERV_OK);
-    ASSERT_EQ(hu_serv_config_add("s3", 1, "/u", false), HU_SERV_OK);
-    for (int allocations = 0; allocations < 3; ++allocations) {
+    for (const bool second : {false, true}) {
+        ASSERT_EQ(hu_serv_config_add("s", 1, "/u", second), HU_SERV_OK);
+        const MemoryEndsAfter now(0);
+        EXPECT_EQ(hu_serv_config_add("new", 1, "/u", second), HU_SERV_NO_MEMORY);
+    }
+    for (int allocations = 0; allocations < 2; ++allocations) {
         const MemoryEndsAfter end(allocations);
         hu_serv_list copy;
         EXPECT_EQ(hu_serv_list_copy(&copy, SERVERS_BOTH), -1) << allocations;
         EXPECT_TRUE(hu_serv_list_empty(&copy)) << allocations;
     }
-    for (const bool second : {false, true}) {
-        const MemoryEndsAfter now(0);
-        EXPECT_EQ(hu_serv_config_add("new", 1, "/u", second), HU_SERV_NO_MEMORY);
-    }
-    EXPECT_EQ(Copy(SERVERS_BOTH), "s1:1/u s2:1/u s3:1/u ");
+    EXPECT_EQ(Copy(SERVERS_BOTH), "s:1/u s:1/u ");
 }
 
 // What a run takes while the operator configures is whole.
 TEST_F(ServerList, ConfigurationChangesUnderARun) {
-    ASSERT_EQ(hu_serv_config_add("aaa", 1, "/u", false), HU_SERV_OK);
     std::atomic<bool> done{false};
+    const auto configure = [](bool odd) {
+        (void)hu_serv_config_add(odd ? "aaa" : "bbb", 1, "/u", false);
+        src_ip_set(odd ? "10.0.0.1" : SRC_IP_NONE);
+    };
+    configure(true);
     std::thread configuring([&] {
-        for (int i = 0; !done; ++i) {
-            (void)hu_serv_config_add(i % 2 == 0 ? "aaa" : "bbb", 1, "/u", false);
-            src_ip_set(i % 2 == 0 ? "10.0.0.1" : SRC_IP_NONE);
-        }
+        for (int i = 0; !done; ++i) configure(i % 2 == 1);
     });
     for (int i = 0; i < 500; ++i) {
-        const std::string copy = Copy(SERVERS_FIRST);
-        EXPECT_TRUE(copy == "aaa:1/u " || copy == "bbb:1/u ") << copy;
-        const std::string source = src_ip_get().update_src_ip;
-        EXPECT_TRUE(source == "10.0.0.1" || source == SRC_IP_NONE) << source;
+        const std::string seen = Copy(SERVERS_FIRST) + src_ip_get().update_src_ip;
+        EXPECT_TRUE(std::regex_match(seen, std::regex("(aaa|bbb):1/u (10.0.0.1|0.0.0.0)"))) << seen;
     }
     done = true;
     configuring.join();

@@ -22,86 +22,75 @@ struct tq_thread_master {
 
 namespace fakes {
 
-static Mutex s_lock;  // leaf: no callback runs under it
-static std::vector<tq_thread_master*> s_loops GUARDED_BY(s_lock);
+static Mutex s_loops_lock;  // leaf: no callback runs under it
+static std::vector<tq_thread_master*> s_loops GUARDED_BY(s_loops_lock);
 static std::atomic<bool> s_fail_timers;
 
 void FailTimers(bool fail) { s_fail_timers = fail; }
 
 static tq_thread* AddTask(const tq_thread& record, long seconds) {
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     tq_thread_master* loop = record.master;
     if (loop == nullptr || (record.fd < 0 && s_fail_timers)) return nullptr;
     loop->pending.push_back(std::make_unique<FakeTask>(FakeTask{record, loop->now + seconds}));
     return loop->pending.back().get();
 }
 
-// Takes the task off its loop and makes it the running one.
-static bool StartLocked(tq_thread_master* loop, const FakeTask* task, tq_thread* record)
-    REQUIRES(s_lock) {
-    const auto found = std::find_if(loop->pending.begin(), loop->pending.end(),
-                                    [&](const auto& entry) { return entry.get() == task; });
-    if (found == loop->pending.end()) return false;
-    *record = **found;
-    loop->running = std::move(*found);
-    loop->pending.erase(found);
+// False: another one has cancelled the task meanwhile.
+static bool Run(tq_thread_master* loop, const FakeTask* task) {
+    tq_thread record{};
+    {
+        MutexLock guard(s_loops_lock);
+        const auto found = std::find_if(loop->pending.begin(), loop->pending.end(),
+                                        [&](const auto& entry) { return entry.get() == task; });
+        if (found == loop->pending.end()) return false;
+        record = **found;
+        loop->running = std::move(*found);
+        loop->pending.erase(found);
+    }
+    tq_thread_call(&record);
+    MutexLock guard(s_loops_lock);
+    loop->running.reset();
     return true;
 }
 
-static bool StartTimer(tq_thread_master* loop, long until, tq_thread* record) {
-    MutexLock guard(s_lock);
+// The next timer that is due until then; null: none. Time goes on to it.
+static const FakeTask* NextTimer(tq_thread_master* loop, long until) {
+    MutexLock guard(s_loops_lock);
     const FakeTask* first = nullptr;
     for (const auto& task : loop->pending) {
         if (task->fd >= 0 || task->due > until) continue;
         if (first == nullptr || task->due < first->due) first = task.get();
     }
-    if (first == nullptr) return false;
-    loop->now = std::max(loop->now, first->due);
-    return StartLocked(loop, first, record);
+    loop->now = first != nullptr ? std::max(loop->now, first->due) : until;
+    return first;
 }
 
-static std::vector<const FakeTask*> ReadableTasks(tq_thread_master* loop, int timeout_ms) {
+void Advance(tq_thread_master* loop, long seconds) {
+    const long until = loop->now + seconds;
+    while (const FakeTask* timer = NextTimer(loop, until)) (void)Run(loop, timer);
+}
+
+int RunReadable(tq_thread_master* loop) {
     std::vector<const FakeTask*> tasks;
     std::vector<pollfd> polled;
     {
-        MutexLock guard(s_lock);
+        MutexLock guard(s_loops_lock);
         for (const auto& task : loop->pending) {
             if (task->fd < 0) continue;
             tasks.push_back(task.get());
             polled.push_back({task->fd, POLLIN, 0});
         }
     }
-    (void)poll(polled.data(), polled.size(), timeout_ms);
-    std::vector<const FakeTask*> readable;
-    for (size_t i = 0; i < tasks.size(); i++)
-        if (polled[i].revents != 0) readable.push_back(tasks[i]);
-    return readable;
-}
-
-void Advance(tq_thread_master* loop, long seconds) {
-    const long until = loop->now + seconds;
-    tq_thread record{};
-    while (StartTimer(loop, until, &record)) tq_thread_call(&record);
-    MutexLock guard(s_lock);
-    loop->now = until;
-}
-
-int RunReadable(tq_thread_master* loop, int timeout_ms) {
+    (void)poll(polled.data(), polled.size(), 0);
     int count = 0;
-    for (const FakeTask* task : ReadableTasks(loop, timeout_ms)) {
-        tq_thread record{};
-        {
-            MutexLock guard(s_lock);
-            if (!StartLocked(loop, task, &record)) continue;  // an earlier one cancelled it
-        }
-        tq_thread_call(&record);
-        count++;
-    }
+    for (size_t i = 0; i < tasks.size(); i++)
+        if (polled[i].revents != 0 && Run(loop, tasks[i])) count++;
     return count;
 }
 
 std::vector<long> Timers(tq_thread_master* loop) {
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     std::vector<long> timers;
     for (const auto& task : loop->pending)
         if (task->fd < 0) timers.push_back(task->due - loop->now);
@@ -120,12 +109,12 @@ using namespace fakes;
 extern "C" {
 
 tq_thread_master* tq_thread_master_create() {
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     return s_loops.emplace_back(new tq_thread_master);
 }
 
 void tq_thread_master_finish(tq_thread_master* master) {
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     std::erase(s_loops, master);
     delete master;
 }
@@ -145,22 +134,13 @@ tq_thread* tq_thread_add_timer_withname(tq_thread_master* master, tq_thread_func
     return AddTask({master, func, arg, -1, name}, seconds);
 }
 
-tq_thread* tq_thread_fetch(tq_thread_master* master, tq_thread* task) {
-    if (StartTimer(master, master->now, task)) return task;
-    const auto readable = ReadableTasks(master, 0);
-    MutexLock guard(s_lock);
-    return !readable.empty() && StartLocked(master, readable.front(), task) ? task : nullptr;
-}
+tq_thread* tq_thread_fetch(tq_thread_master*, tq_thread*) { return nullptr; }
 
-void tq_thread_call(tq_thread* task) {
-    (void)task->func(task);
-    MutexLock guard(s_lock);
-    task->master->running.reset();
-}
+void tq_thread_call(tq_thread* task) { (void)task->func(task); }
 
 void tq_thread_cancel(tq_thread* task) {
     if (task == nullptr) return;
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     for (tq_thread_master* loop : s_loops)
         if (std::erase_if(loop->pending, [&](const auto& entry) { return entry.get() == task; }))
             return;
@@ -168,7 +148,7 @@ void tq_thread_cancel(tq_thread* task) {
 }
 
 unsigned long tq_thread_timer_remain_second(const tq_thread* timer) {
-    MutexLock guard(s_lock);
+    MutexLock guard(s_loops_lock);
     for (const tq_thread_master* loop : s_loops) {
         if (loop->running.get() == timer) return 0;
         for (const auto& task : loop->pending)

@@ -10,92 +10,19 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <deque>
 
 #include "frame/platform/cpurule.h"
 #include "frame/platform/dnsclient.h"
 #include "frame/platform/syslog_new.h"
 #include "frame/platform/tq_proc_ham.h"
 #include "frame/platform/tqsys.h"
-#include "frame/sync.h"
 
 namespace fakes {
 
-using TreeMap = std::map<int, const cli_node*>;
-using TextMap = std::map<std::string, std::string>;
-
-struct State {
-    std::string terminal, config_lines, config_errors, syslog, tech_output, tech_service;
-    std::deque<int> keys;
-    int tech_completions, download_debug, ham_result;
-    bool fail_cli, fail_tech, fail_dns;
-    TreeMap trees;
-    std::vector<std::string> dump_files;
-    tech_service_callback tech_callback;
-    DownloadScript script;
-    std::vector<Download> downloads;
-    TextMap hosts, system_texts, device_files;
-    std::string dns_source, ham_calls, cpu_process;
-    std::vector<int> cpus;
-};
-static Mutex s_lock;  // leaf: no callback and no script runs under it
-static State s_state GUARDED_BY(s_lock);
-
 void Reset() {
     FailTimers(false);
-    MutexLock guard(s_lock);
-    s_state = State{};
-}
-
-#define FAKE_GET(type, name, field) \
-    type name() {                   \
-        MutexLock guard(s_lock);    \
-        return s_state.field;       \
-    }
-#define FAKE_TAKE(type, name, field)                 \
-    type name() {                                    \
-        MutexLock guard(s_lock);                     \
-        return std::exchange(s_state.field, type{}); \
-    }
-#define FAKE_SET(type, name, field) \
-    void name(type value) {         \
-        MutexLock guard(s_lock);    \
-        s_state.field = value;      \
-    }
-#define FAKE_PUT(name, field)                                     \
-    void name(const std::string& key, const std::string& value) { \
-        MutexLock guard(s_lock);                                  \
-        s_state.field[key] = value;                               \
-    }
-
-FAKE_TAKE(std::string, Terminal, terminal)
-FAKE_TAKE(std::string, ConfigLines, config_lines)
-FAKE_TAKE(std::string, ConfigErrors, config_errors)
-FAKE_GET(TreeMap, Trees, trees)
-FAKE_SET(bool, FailCliInit, fail_cli)
-FAKE_TAKE(std::string, Syslog, syslog)
-FAKE_SET(DownloadScript, ScriptDownloads, script)
-FAKE_TAKE(std::vector<Download>, Downloads, downloads)
-FAKE_GET(int, DownloadDebug, download_debug)
-FAKE_TAKE(std::string, TechOutput, tech_output)
-FAKE_GET(int, TechCompletions, tech_completions)
-FAKE_GET(std::vector<std::string>, DumpFiles, dump_files)
-FAKE_GET(tech_service_callback, TechCallback, tech_callback)
-FAKE_GET(std::string, TechService, tech_service)
-FAKE_SET(bool, FailTechInit, fail_tech)
-FAKE_PUT(SetHost, hosts)
-FAKE_SET(bool, FailDnsInit, fail_dns)
-FAKE_GET(std::string, DnsSource, dns_source)
-FAKE_PUT(SetSystemText, system_texts)
-FAKE_PUT(SetDeviceFile, device_files)
-FAKE_SET(int, SetHamResult, ham_result)
-FAKE_GET(std::string, HamCalls, ham_calls)
-FAKE_SET(const std::vector<int>&, SetCpuRule, cpus)
-FAKE_GET(std::string, CpuRuleProcess, cpu_process)
-
-void TypeKey(int key) {
-    MutexLock guard(s_lock);
-    s_state.keys.push_back(key);
+    MutexLock guard(g_lock);
+    g_state = State{};
 }
 
 // The value under the key; null without one.
@@ -112,23 +39,23 @@ static std::string Dotted(in_addr address) {
 static int RunDownload(DownloadCtx* context, const Download& download) {
     DownloadScript script;
     {
-        MutexLock guard(s_lock);
-        s_state.downloads.push_back(download);
-        script = s_state.script;
+        MutexLock guard(g_lock);
+        g_state.downloads.push_back(download);
+        script = g_state.script;
     }
     return script ? script(context, download) : -1;
 }
 
 static char* SystemText(const char* call) {
-    MutexLock guard(s_lock);
-    const std::string* text = Find(s_state.system_texts, call);
+    MutexLock guard(g_lock);
+    const std::string* text = Find(g_state.system_texts, call);
     return text == nullptr ? nullptr : strdup(text->c_str());
 }
 
 static int HamCall(const std::string& call, int first, int second) {
-    MutexLock guard(s_lock);
-    s_state.ham_calls += call + "(" + std::to_string(first) + "," + std::to_string(second) + ")\n";
-    return s_state.ham_result;
+    MutexLock guard(g_lock);
+    g_state.ham_calls += call + "(" + std::to_string(first) + "," + std::to_string(second) + ")\n";
+    return g_state.ham_result;
 }
 
 }  // namespace fakes
@@ -142,25 +69,16 @@ using namespace fakes;
     char* text = nullptr;                            \
     if (vasprintf(&text, format, args) < 0) abort(); \
     va_end(args);                                    \
-    MutexLock guard(s_lock);                         \
-    s_state.field.append(text).append(end);          \
+    MutexLock guard(g_lock);                         \
+    g_state.field.append(text).append(end);          \
     free(text)
 
 extern "C" {
 
 // --- command line
 
-int cli_client_init(const char*, tq_thread_master*) {
-    MutexLock guard(s_lock);
-    return s_state.fail_cli ? -1 : 0;
-}
-
-int cli_add_command(int mode, const cli_node* root, const char*) {
-    MutexLock guard(s_lock);
-    s_state.trees[mode] = root;
-    return 0;
-}
-
+int cli_client_init(const char*, tq_thread_master*) { return 0; }
+int cli_add_command(int, const cli_node*, const char*) { return 0; }
 int cli_client_ready() { return 0; }
 int sys_add_debug(const char*, int, int, int, void (*)(int action), int) { return 0; }
 void cli_printf(const char* format, ...) { FAKE_RECORD(terminal, ""); }
@@ -171,47 +89,26 @@ void c2p_printf(int flag, cli_record*, const char* format, ...) {
     FAKE_RECORD(config_lines, "\n");
 }
 
-void cli_flush() {}
-
 int cli_getc_no_block() {
-    MutexLock guard(s_lock);
-    if (s_state.keys.empty()) return -1;
-    const int key = s_state.keys.front();
-    s_state.keys.pop_front();
-    return key;
+    MutexLock guard(g_lock);
+    return std::exchange(g_state.key, -1);
 }
 
+void cli_flush() {}
 void cli_proc_thread_start(cli_record*, pthread_t) {}
 void cli_proc_thread_end(cli_record*, pthread_t) {}
 
 // --- log, technical support
 
 int printk_syslog_ext(int, const char*, const char*, int, const char* format, ...) {
-    FAKE_RECORD(syslog, s_state.syslog.ends_with('\n') ? "" : "\n");
+    FAKE_RECORD(syslog, g_state.syslog.ends_with('\n') ? "" : "\n");
     return 0;
 }
 
-int tech_reg_service_callback(const char* service, tq_thread_master*,
-                              tech_service_callback callback) {
-    MutexLock guard(s_lock);
-    if (s_state.fail_tech) return -1;
-    s_state.tech_service = service;
-    s_state.tech_callback = callback;
-    return 0;
-}
-
-int tech_module_reg_dump_file(const char* path) {
-    MutexLock guard(s_lock);
-    s_state.dump_files.emplace_back(path);
-    return 0;
-}
-
+int tech_reg_service_callback(const char*, tq_thread_master*, tech_service_callback) { return 0; }
+int tech_module_reg_dump_file(const char*) { return 0; }
 void tech_module_msg_output(const char* format, ...) { FAKE_RECORD(tech_output, ""); }
-
-void tech_module_msg_deal_completion() {
-    MutexLock guard(s_lock);
-    s_state.tech_completions++;
-}
+void tech_module_msg_deal_completion() {}
 
 // --- network
 
@@ -227,18 +124,18 @@ int http_download_file_progress_tlv(DownloadCtx* context, const char* url, const
 }
 
 void http_open_debug() {
-    MutexLock guard(s_lock);
-    s_state.download_debug++;
+    MutexLock guard(g_lock);
+    g_state.download_debug++;
 }
 
 void http_close_debug() {
-    MutexLock guard(s_lock);
-    s_state.download_debug--;
+    MutexLock guard(g_lock);
+    g_state.download_debug--;
 }
 
 int dns_client_agent_init() {
-    MutexLock guard(s_lock);
-    return s_state.fail_dns ? -1 : 0;
+    MutexLock guard(g_lock);
+    return g_state.fail_dns ? -1 : 0;
 }
 
 bool hostname_verify(const char* host) {
@@ -250,11 +147,11 @@ bool hostname_verify(const char* host) {
 }
 
 int dns_domain_to_ip(DnsRequest* request) {
-    MutexLock guard(s_lock);
+    MutexLock guard(g_lock);
     sockaddr_in source{};
     memcpy(&source, request->source, sizeof(source));
-    s_state.dns_source = Dotted(source.sin_addr);
-    const std::string* address = Find(s_state.hosts, request->name);
+    g_state.dns_source = Dotted(source.sin_addr);
+    const std::string* address = Find(g_state.hosts, request->name);
     if (address == nullptr) return -1;
     if (inet_pton(AF_INET, address->c_str(), &request->address) != 1) return 0;
     request->family = AF_INET;
@@ -271,8 +168,8 @@ char* tqsys_get_release() { return SystemText(__func__); }
 char* tqsys_get_hw_version() { return SystemText(__func__); }
 
 int tqsys_open_device_file(const char* path) {
-    MutexLock guard(s_lock);
-    const std::string* content = Find(s_state.device_files, path);
+    MutexLock guard(g_lock);
+    const std::string* content = Find(g_state.device_files, path);
     if (content == nullptr) {
         errno = ENOENT;
         return -1;
@@ -293,11 +190,10 @@ int ham_client_reset_thread_notify(pid_t, pid_t, int timeout_s, int action) {
 }
 
 int get_cores_affinity(CpuAffinityRequest* request) {
-    MutexLock guard(s_lock);
-    s_state.cpu_process = request->process;
-    if (s_state.cpus.empty()) return -1;
+    MutexLock guard(g_lock);
+    if (!g_state.cpu || strcmp(request->process, "http_client") != 0) return -1;
     CPU_ZERO(&request->cpus);
-    for (const int cpu : s_state.cpus) CPU_SET(static_cast<size_t>(cpu), &request->cpus);
+    CPU_SET(*g_state.cpu, &request->cpus);
     return 0;
 }
 }

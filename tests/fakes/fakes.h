@@ -4,9 +4,9 @@
 // Threads: the recorders may be filled from any thread.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,39 +15,10 @@
 #include "frame/platform/http_util.h"
 #include "frame/platform/tech_support_msg.h"
 #include "frame/platform/tq_thread.h"
+#include "frame/sync.h"
 
 namespace fakes {
 
-// All of them back to their defaults, nothing recorded.
-void Reset();
-
-// --- event loop, virtual time. tq_thread_fetch yields what is ready now and
-// null when nothing is, so that a thread that runs a loop ends and its test
-// drives the loop. Using a handle that is not pending aborts.
-// Lets time pass on a loop: timers that come due run in order of their time.
-void Advance(tq_thread_master* loop, long seconds);
-// Runs the read tasks whose descriptors are readable now or within the time;
-// returns how many ran.
-int RunReadable(tq_thread_master* loop, int timeout_ms);
-// Seconds left to the timers that are pending on a loop.
-std::vector<long> Timers(tq_thread_master* loop);
-// Adding a timer fails while set.
-void FailTimers(bool fail);
-
-// --- terminal
-std::string Terminal();      // everything printed since the last call
-std::string ConfigLines();   // running-configuration lines since the last call, "\n" after each
-std::string ConfigErrors();  // error replies to configuration commands since the last call
-void TypeKey(int key);       // next key for cli_getc_no_block
-// Trees that were offered, by mode.
-std::map<int, const cli_node*> Trees();
-void FailCliInit(bool fail);
-
-// --- logs: the lines of the debug log since the last call
-std::string Syslog();
-
-// --- downloads: each call goes to the script, which gives the result; without
-// one every source fails
 struct Download {
     std::string url;
     std::string path;
@@ -55,36 +26,85 @@ struct Download {
     std::string source;  // dotted text, empty without source address
 };
 using DownloadScript = std::function<int(DownloadCtx* context, const Download& download)>;
-void ScriptDownloads(DownloadScript script);
-std::vector<Download> Downloads();  // since the last call
-int DownloadDebug();                // opened minus closed
 
-// --- technical support
-std::string TechOutput();  // since the last call
-int TechCompletions();
-std::vector<std::string> DumpFiles();
-tech_service_callback TechCallback();  // null when no service was offered
-std::string TechService();             // its name
-void FailTechInit(bool fail);
+using TextMap = std::map<std::string, std::string>;
+
+struct State {
+    std::string terminal, config_lines, config_errors, syslog, tech_output, dns_source, ham_calls;
+    int download_debug, ham_result;
+    int key = -1;  // none
+    bool fail_dns;
+    DownloadScript script;
+    std::vector<Download> downloads;
+    TextMap hosts, system_texts, device_files;
+    std::optional<size_t> cpu;
+};
+inline Mutex g_lock;  // leaf: no callback and no script runs under it
+inline State g_state GUARDED_BY(g_lock);
+
+// All of them back to their defaults, nothing recorded.
+void Reset();
+
+// What has come since the last call.
+#define FAKE_TAKE(type, name, field)                 \
+    inline type name() {                             \
+        MutexLock guard(g_lock);                     \
+        return std::exchange(g_state.field, type{}); \
+    }
+#define FAKE_SET(type, name, field) \
+    inline void name(type value) {  \
+        MutexLock guard(g_lock);    \
+        g_state.field = value;      \
+    }
+#define FAKE_PUT(name, field)                                            \
+    inline void name(const std::string& key, const std::string& value) { \
+        MutexLock guard(g_lock);                                         \
+        g_state.field[key] = value;                                      \
+    }
+
+// --- event loop, virtual time. A thread that runs a loop ends at once: its test
+// drives the loop. Using a handle that is not pending aborts.
+// Lets time pass on a loop: timers that come due run in order of their time.
+void Advance(tq_thread_master* loop, long seconds);
+// Runs the read tasks whose descriptors are readable; returns how many ran.
+int RunReadable(tq_thread_master* loop);
+// Seconds left to the timers that are pending on a loop.
+std::vector<long> Timers(tq_thread_master* loop);
+// Adding a timer fails while set.
+void FailTimers(bool fail);
+
+// --- terminal; a typed key waits for cli_getc_no_block
+FAKE_TAKE(std::string, Terminal, terminal)
+FAKE_TAKE(std::string, ConfigLines, config_lines)
+FAKE_TAKE(std::string, ConfigErrors, config_errors)
+FAKE_SET(int, TypeKey, key)
+
+// --- debug log and technical support
+FAKE_TAKE(std::string, Syslog, syslog)
+FAKE_TAKE(std::string, TechOutput, tech_output)
+
+// --- downloads: each call goes to the script, which gives the result; without
+// one every source fails. Debugging: opened minus closed.
+FAKE_SET(const DownloadScript&, ScriptDownloads, script)
+FAKE_TAKE(std::vector<Download>, Downloads, downloads)
+FAKE_TAKE(int, DownloadDebug, download_debug)
 
 // --- name service: host name to dotted text; a name that is absent fails, one
-// with an empty address is not resolved
-void SetHost(const std::string& name, const std::string& address);
-void FailDnsInit(bool fail);
-std::string DnsSource();  // address that the last look-up was to leave from
+// with an empty address is not resolved. The source is the last look-up's.
+FAKE_PUT(SetHost, hosts)
+FAKE_SET(bool, FailDnsInit, fail_dns)
+FAKE_TAKE(std::string, DnsSource, dns_source)
 
-// --- device: texts of the system information (absent: the call fails) and the
-// content of device files by plain path (absent: no such file)
-void SetSystemText(const std::string& call, const std::string& text);
-void SetDeviceFile(const std::string& path, const std::string& content);
+// --- device: texts of the system information (absent: the call fails), the
+// content of device files by plain path (absent: no such file), the processor
+// of the daemon's rule (none: no rule)
+FAKE_PUT(SetSystemText, system_texts)
+FAKE_PUT(SetDeviceFile, device_files)
+FAKE_SET(size_t, SetCpuRule, cpu)
 
-// --- health monitor: result of every call
-void SetHamResult(int result);
-// Calls so far as "name(argument,...)" lines, process and thread ids left out.
-std::string HamCalls();
-
-// --- CPU rule: none applies while empty
-void SetCpuRule(const std::vector<int>& cpus);
-std::string CpuRuleProcess();  // the process last asked for
+// --- health monitor: result of every call; calls so far as "name(argument,...)"
+// lines without process and thread ids
+FAKE_SET(int, SetHamResult, ham_result)
+FAKE_TAKE(std::string, HamCalls, ham_calls)
 
 }  // namespace fakes

@@ -104,7 +104,7 @@ TEST_F(RegServer, RefusesConnectionsWithoutDescriptors) {
     std::vector<UniqueFd> eaten;
     while (eaten.empty() || eaten.back().valid()) eaten.emplace_back(dup(app.get()));
     int turns = 0;
-    while (turns < 10 && fakes::RunReadable(loop_, 0) > 0) ++turns;
+    while (turns < 10 && fakes::RunReadable(loop_) > 0) ++turns;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     eaten.clear();
     EXPECT_EQ(turns, 1);

@@ -49,7 +49,7 @@ class RegistryServerTest : public testing::Test {
 
     // Runs the loop until nothing is left to do.
     void Turn() {
-        while (fakes::RunReadable(loop_, 0) > 0) {
+        while (fakes::RunReadable(loop_) > 0) {
         }
     }
     // A new connection; the server has accepted, or refused, it.
