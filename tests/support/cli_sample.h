@@ -13,11 +13,9 @@
 
 namespace cli_sample {
 
-inline std::atomic<int> g_flooded{0};  // workers of "work flood" that have ended
-inline std::atomic<int> g_held{0};     // of "work hold"
-inline std::atomic<bool> g_go{false};  // lets "work hold" go on
-inline bool g_stop = false;            // ends serve; main loop only
-inline std::string g_server;           // configured by "http update server"; main loop only
+inline std::atomic<int> g_ending{0};  // workers that have said everything
+inline bool g_stop = false;           // ends serve; main loop only
+inline std::string g_server;          // configured by "http update server"; main loop only
 
 inline void show_record(cli_record* r) {
     cli_printf("[%s] no=%u context=%u debug=%x [%s]\n", r->words, r->no_flag, r->context,
@@ -37,34 +35,35 @@ inline void server(cli_record* r) {
 
 inline void debug_switch(int action) { cli_printf("debug switch %d\n", action); }
 
+inline void* end(void* record) {
+    ++g_ending;
+    cli_proc_thread_end(static_cast<cli_record*>(record), pthread_self());
+    return nullptr;
+}
+
 inline void* hold(void* record) {
     cli_printf("holding\n");
     cli_flush();
-    while (!g_go && cli_getc_no_block() != CLI_KEY_CTRL_C) usleep(1000);
+    while (cli_getc_no_block() != CLI_KEY_CTRL_C) usleep(1000);
     cli_printf("stopped\n");
-    cli_proc_thread_end(static_cast<cli_record*>(record), pthread_self());
-    ++g_held;
-    return nullptr;
+    return end(record);
 }
 
 inline void* flood(void* record) {
     for (int i = 0; i < 4096; ++i) cli_printf("%01023d\n", i);
-    cli_proc_thread_end(static_cast<cli_record*>(record), pthread_self());
-    ++g_flooded;
-    return nullptr;
+    return end(record);
 }
 
-// Names itself, prints its word many times, in bits and pieces.
+// Names itself, prints its kind many times, in bits and pieces.
 inline void* chatter(void* argument) {
     auto* record = static_cast<cli_record*>(argument);
     cli_proc_thread_start(record, pthread_self());
     for (int i = 0; i < 500; ++i) {
-        cli_printf("%s", record->string2);
+        cli_printf("%s", record->string1);
         if (i % 7 == 0) cli_flush();
         cli_printf(".\n");
     }
-    cli_proc_thread_end(record, pthread_self());
-    return nullptr;
+    return end(record);
 }
 
 inline void* stray(void*) {
@@ -72,50 +71,30 @@ inline void* stray(void*) {
     return nullptr;
 }
 
-inline pthread_t start_thread(void* (*body)(void*), cli_record* record, bool detached) {
-    pthread_t thread{};
-    if (pthread_create(&thread, nullptr, body, record) == 0 && detached) pthread_detach(thread);
-    return thread;
-}
-
-template <void* (*body)(void*)>
-void work(cli_record* record) {
-    const pthread_t thread = start_thread(body, record, true);
-    usleep(20000);  // the worker prints first
-    cli_proc_thread_start(record, thread);
-    cli_proc_thread_start(record, thread);
-}
-
-// Never says whose thread it is.
-inline void work_stray(cli_record*) {
-    (void)start_thread(stray, nullptr, true);
-    cli_printf("handler\n");
-    usleep(20000);
-}
-
-// The worker has ended the command, and is gone, before it is named. A next
-// thread usually gets its number, and must not get its terminal.
-inline void work_end_first(cli_record* record) {
-    const auto end = [](void* argument) -> void* {
-        cli_proc_thread_end(static_cast<cli_record*>(argument), pthread_self());
-        return nullptr;
-    };
-    const pthread_t thread = start_thread(end, record, false);
-    pthread_join(thread, nullptr);
-    cli_proc_thread_start(record, thread);
-    (void)start_thread(stray, nullptr, true);
-    usleep(20000);
-}
-
 inline void work_command(cli_record* record) {
-    constexpr struct {
-        const char* kind;
-        cli_handler run;
-    } ROWS[] = {{"hold", work<hold>},          {"flood", work<flood>},
-                {"chatter", work<chatter>},    {"stray", work_stray},
-                {"end-first", work_end_first}, {"quit", [](cli_record*) { g_stop = true; }}};
-    for (const auto& row : ROWS) {
-        if (std::string(record->string1) == row.kind) row.run(record);
+    const std::string kind = record->string1;
+    pthread_t thread{};
+    if (kind == "quit") {
+        g_stop = true;
+    } else if (kind == "stray") {  // nobody says whose thread it is
+        (void)pthread_create(&thread, nullptr, stray, nullptr);
+        cli_printf("handler\n");
+        pthread_join(thread, nullptr);
+    } else if (kind == "end-first") {
+        // The worker has ended the command, and is gone, before it is named. A next
+        // thread usually gets its number, and must not get its terminal.
+        for (const auto body : {end, stray}) {
+            (void)pthread_create(&thread, nullptr, body, record);
+            pthread_join(thread, nullptr);
+            if (body == end) cli_proc_thread_start(record, thread);
+        }
+    } else {
+        const auto body = kind == "hold" ? hold : kind == "flood" ? flood : chatter;
+        (void)pthread_create(&thread, nullptr, body, record);
+        pthread_detach(thread);
+        usleep(20000);  // the worker prints first
+        cli_proc_thread_start(record, thread);
+        cli_proc_thread_start(record, thread);
     }
 }
 
@@ -134,21 +113,17 @@ inline constexpr cli_node k_server = word("server", &k_server_c2p);
 inline constexpr cli_node k_update = word("update", &k_server);
 inline constexpr cli_node k_http = word("http", &k_update);
 
-// work KIND [WORD]
+// work KIND
 inline constexpr cli_node k_work_end = eol_action(work_command);
-inline constexpr cli_node k_work_word =
-    string_action(CLI_NODE_STRING, "word", CLI_SLOT_STRING2, &k_work_end, &k_work_end);
 inline constexpr cli_node k_kind =
-    string_action(CLI_NODE_STRING, "kind", CLI_SLOT_STRING1, &k_work_word, Tno_alt);
+    string_action(CLI_NODE_STRING, "kind", CLI_SLOT_STRING1, &k_work_end, Tno_alt);
 inline constexpr cli_node k_work = word("work", &k_kind);
 
-// show record; debug record [info]
+// show record; debug record info
 inline constexpr cli_node k_record_end = eol_action(show_record);
 inline constexpr cli_node k_show = word("record", &k_record_end);
-inline constexpr cli_node k_debug_all =
-    set_cdb_var_action(CLI_SLOT_DEBUG, 0xff, &k_record_end, Tno_alt);
 inline constexpr cli_node k_debug_info =
-    common_keyword_action("info", "", &k_record_end, &k_debug_all, CLI_SLOT_DEBUG, 1);
+    common_keyword_action("info", "", &k_record_end, Tno_alt, CLI_SLOT_DEBUG, 1);
 inline constexpr cli_node k_debug = word("record", &k_debug_info);
 
 inline constexpr struct {

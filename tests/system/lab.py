@@ -1,6 +1,5 @@
-"""Verbs of the whole-system tests: a lab update server, a device with its
-daemon, and apps that register with it. All of them real processes and sockets,
-except that an app is played by this process so that it can misbehave.
+"""Verbs of the whole-system tests: a lab update server, a device with its daemon,
+and apps, played by this process so that they can misbehave.
 """
 
 from __future__ import annotations
@@ -32,7 +31,7 @@ BIN_DIR = Path(os.environ.get("HTTP_CLIENT_BIN", SOURCE_DIR / "build/release/bin
 DEADLINE = 60.0
 T = TypeVar("T")
 
-ONE_FILE, MANUAL, INCREMENTAL, BUSY = 1, 2, 4, 8
+ONE_FILE, MANUAL, INCREMENTAL = 1, 2, 4
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
 
 
@@ -99,16 +98,14 @@ class LabServer:
 
     def __init__(self, scratch: Scratch) -> None:
         LabServer.count += 1
-        self.name = f"server{LabServer.count}"
-        self.folder = scratch.root / self.name
+        name = f"server{LabServer.count}"
+        self.folder = scratch.root / name
         self.folder.mkdir()
         program = SOURCE_DIR / "tools/lab_server/lab_server"
-        self.process = scratch.spawn(
-            self.name, ["/usr/bin/python3", program, "--port", "0", self.folder])
-        line = wait_for(lambda: re.search(r"http://([\d.]+):(\d+)/", scratch.output(self.name)),
+        scratch.spawn(name, ["/usr/bin/python3", program, "--port", "0", self.folder])
+        line = wait_for(lambda: re.search(r"http://([\d.]+):(\d+)/", scratch.output(name)),
                         "for the lab server")
         self.host, self.port = line[1], int(line[2])
-        self.lines: Callable[[], str] = lambda: scratch.output(self.name)
 
     def release(self, app: str, version: str, contents: dict[str, int | bytes],
                 **described: Any) -> dict[str, bytes]:
@@ -142,10 +139,6 @@ class LabServer:
 
     def queries(self) -> list[dict[str, Any]]:
         return self.requests("^POST")
-
-    def fetched(self) -> list[str]:
-        """Names of the files asked for, in order."""
-        return [r["path"].rsplit("/", 1)[1] for r in self.requests("^GET /files/")]
 
     def wait_stalled(self, pattern: str, sent: int) -> None:
         wait_for(lambda: any(r["sent"] >= sent and not r["done"] for r in self.requests(pattern)),
@@ -187,8 +180,7 @@ def install(app: App, request: UpdateRequest) -> tuple[int, str]:
 class App:
     """One registration connection with one app or more on it."""
 
-    REGIST, REGIST_RSP, UPDATE_REQ, UPDATE_RSP, VERSION, DEREGIST, MODE, SAVEPATH = (
-        1, 2, 3, 4, 5, 6, 7, 9)
+    REGIST, REGIST_RSP, UPDATE_REQ, UPDATE_RSP, DEREGIST, MODE = 1, 2, 3, 4, 6, 7
 
     def __init__(self, socket_path: Path, answer: Answer = install) -> None:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -250,18 +242,12 @@ class App:
                 self.reply(request.app, *answer)
 
 
+@dataclass
 class Command:
     """http_client_cli at work."""
 
-    def __init__(self, process: subprocess.Popen[str], output: Callable[[], str]) -> None:
-        self.process = process
-        self.output = output
-
-    def wait_output(self, text: str) -> None:
-        wait_for(lambda: text in self.output(), f"for {text!r}")
-
-    def interrupt(self) -> None:
-        self.process.send_signal(signal.SIGINT)
+    process: subprocess.Popen[str]
+    output: Callable[[], str]
 
     def finish(self, status: int = 0) -> str:
         code = self.process.wait(DEADLINE)
@@ -329,10 +315,6 @@ class Device:
         process = Path(f"/proc/{self.daemon.pid}")
         return len(list(process.glob("fd/*"))), len(list(process.glob("task/*")))
 
-    def cpu_seconds(self) -> float:
-        times = Path(f"/proc/{self.daemon.pid}/stat").read_text().rsplit(")", 1)[1].split()[11:13]
-        return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
-
     def kill(self) -> None:
         """Ends the daemon as a power cut would."""
         assert self.daemon is not None and self.daemon.poll() is None, "the daemon had ended"
@@ -380,10 +362,6 @@ class Device:
 
     def cli(self, *commands: str, status: int = 0, options: tuple[str, ...] = ()) -> str:
         return self.begin(*commands, options=options).finish(status)
-
-    def errors(self) -> str:
-        """Standard error of the last command."""
-        return (self.root / f"cli{self.commands}.err").read_text()
 
     def configure(self, *lines: str, second: bool = False) -> str:
         return self.cli("configure", *lines, "end", options=("--second-list",) if second else ())

@@ -1,4 +1,4 @@
-"""Apps that misbehave during an update run, and the registration socket's bounds."""
+"""Apps that misbehave during an update run."""
 
 import socket
 import struct
@@ -55,16 +55,6 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
     assert "[leaves]<-->have no find in reg" in device.dump()
 
 
-def test_app_that_dies_when_told(device: Device, server: LabServer) -> None:
-    server.release("alpha", "2.0", {"a.bin": 1000})
-
-    device.app("alpha", answer=lambda app, request: app.die())
-    device.cli("http update all")
-    wait_for(lambda: device.versions() == {})
-    device.app("alpha")
-    assert "alpha: download and notify" in device.cli("http update all")
-
-
 def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> None:
     """Update requests pile up until its connection is full; the run goes on without it."""
     names = [f"mute{n:02}" for n in range(14)]
@@ -84,24 +74,3 @@ def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> 
     assert "update req send fail" in device.dump()
     assert len(well.request().records) > 20
     wait_for(lambda: device.versions() == {"well": "2.0"})
-
-
-def test_half_a_packet_does_not_stop_the_daemon(device: Device) -> None:
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as half:
-        half.connect(str(device.work / ".http_update"))
-        half.sendall(b"\x01\x00\x01\x00")
-        device.app("alpha")
-        assert device.versions() == {"alpha": "1.0"}
-        half.settimeout(30)
-        assert half.recv(1) == b"", "the one that stalls is disconnected"
-
-
-def test_ten_connections_and_the_eleventh(device: Device) -> None:
-    apps = [device.app(f"app{n}") for n in range(10)]
-    assert device.connect().hung_up.wait(30)
-    twice = apps[0].register("second", "1.0"), apps[1].register("second", "1.0")
-    assert twice == (0, 12)
-    apps[9].die()
-    wait_for(lambda: "app9" not in device.versions())
-    device.app("app10")
-    assert list(device.versions()) == [f"app{n}" for n in range(9)] + ["app10", "second"]

@@ -1,7 +1,6 @@
 """The daemon loses its power, its disk or its single place, and goes on."""
 
 import contextlib
-import re
 import subprocess
 from pathlib import Path
 
@@ -38,19 +37,6 @@ def test_second_instance_leaves_the_first_alone(device: Device) -> None:
     assert "only instance is running [" in device.dump()
     assert (device.work / "http_client.running").read_bytes() == lock
     assert device.versions() == {}
-
-
-def test_command_line(scratch: Scratch) -> None:
-    device = Device(scratch)
-    for options in (["-dx"], ["word"], ["-d", "a"]):
-        wrong = subprocess.run([BIN_DIR / "http_client.elf", *options], text=True, timeout=30,
-                               env=device.environment(), capture_output=True, check=False)
-        assert wrong.returncode == 1 and wrong.stdout.startswith("Error: invalid option")
-    device.start("-dai")
-    assert device.cli("show debugging").startswith("http-client debugging status:\r\n"
-                                                   "  http-client info debugging is on\r\n")
-    line = device.dump().splitlines()[0]
-    assert re.match(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %d:\S" % device.daemon.pid, line)
 
 
 @pytest.fixture

@@ -1,8 +1,8 @@
 """The main job: apps register, an operator updates them, they have their new files."""
 
 import re
+import signal
 
-import pytest
 from lab import INCREMENTAL, MANUAL, ONE_FILE, Device, LabServer, Scratch, wait_for
 
 WAIT = "Downloading updated files, please wait...\n"
@@ -58,7 +58,6 @@ def test_only_the_named_apps_are_asked_about(device: Device, server: LabServer) 
     assert server.queries()[0]["apps"] == {"beta": "1.0", "gamma": "1.0"}
     unregistered = "%notice: The bussiness modules haven't registered.\n"
     assert device.cli("http update nobody") == unregistered
-    assert device.cli("http update " + "x" * 32 + " alpha") == unregistered
 
 
 def test_nobody_to_update(device: Device) -> None:
@@ -110,8 +109,6 @@ def test_second_list_with_one_server_dead(
         f"Update module with server 127.0.0.2:\r\n{dead}" + with_server(
             "alpha: download and notify successfully.\n"))
     assert server.requests() == [], "the first list is another list"
-    full = device.configure(*(f"http update server 127.0.0.{n}" for n in (3, 4)), second=True)
-    assert full == "% The number of update server can't exceed 3\r\n\r\n"
 
 
 def test_nine_dead_sources_before_the_tenth(device: Device, server: LabServer) -> None:
@@ -151,26 +148,19 @@ def test_background_update_and_a_second_run_refused(device: Device, server: LabS
         "updated-result:\nalpha: Notice the business module to upgrade successfully.\r\n")
 
 
-@pytest.mark.parametrize("leaves", [False, True], ids=["ctrl-c", "terminal-goes-away"])
-def test_cancel_in_the_middle_of_a_large_file(
-        device: Device, server: LabServer, leaves: bool) -> None:
+def test_cancel_in_the_middle_of_a_large_file(device: Device, server: LabServer) -> None:
     server.release("alpha", "2.0", {"a.bin": 100, "b.bin": 20_000_000, "c.bin": 100})
     server.release("beta", "2.0", {"b.bin": 100})
     alpha, beta = device.app("alpha"), device.app("beta")
     server.fault(path="*/b.bin", stall_after=10_000_000)
     update = device.begin("http update all")
     server.wait_stalled("alpha/2.0/b.bin", 10_000_000)
-    update.wait_output(QUIT)
-    if leaves:
-        update.process.kill()
-        wait_for(lambda: "state: free" in device.cli("http update display-progress"))
-    else:
-        update.interrupt()
-        shown = update.finish()
-        assert re.sub(r"\.+Download", "Download", shown) == with_server(
-            "alpha: The user cancels the upgrade process\n"
-            "beta: haven't started to download.\n").replace(
-                QUIT, QUIT + "Download fail, Operation canceled\r\n")
+    wait_for(lambda: QUIT in update.output())
+    update.process.send_signal(signal.SIGINT)
+    assert re.sub(r"\.+Download", "Download", update.finish()) == with_server(
+        "alpha: The user cancels the upgrade process\n"
+        "beta: haven't started to download.\n").replace(
+            QUIT, QUIT + "Download fail, Operation canceled\r\n")
     assert device.disk("alpha") == {} and device.disk("beta") == {}
     assert alpha.requests == [] and beta.requests == []
     server.heal()
