@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -133,31 +132,10 @@ void http_close_debug() {
     g_state.download_debug--;
 }
 
-int dns_client_agent_init() {
-    MutexLock guard(g_lock);
-    return g_state.fail_dns ? -1 : 0;
-}
-
-bool hostname_verify(const char* host) {
-    for (const char* c = host; *c != '\0'; c++) {
-        if (isalnum(static_cast<unsigned char>(*c)) == 0 && strchr("-._", *c) == nullptr)
-            return false;
-    }
-    return *host != '\0';
-}
-
-int dns_domain_to_ip(DnsRequest* request) {
-    MutexLock guard(g_lock);
-    sockaddr_in source{};
-    memcpy(&source, request->source, sizeof(source));
-    g_state.dns_source = Dotted(source.sin_addr);
-    const std::string* address = Find(g_state.hosts, request->name);
-    if (address == nullptr) return -1;
-    if (inet_pton(AF_INET, address->c_str(), &request->address) != 1) return 0;
-    request->family = AF_INET;
-    request->result = DNS_RESULT_RESOLVED;
-    return 0;
-}
+// No test of the daemon's own code asks for a name; only literal addresses connect.
+int dns_client_agent_init() { return -1; }
+bool hostname_verify(const char*) { return false; }
+int dns_domain_to_ip(DnsRequest*) { return -1; }
 
 // --- device
 

@@ -30,13 +30,12 @@ using DownloadScript = std::function<int(DownloadCtx* context, const Download& d
 using TextMap = std::map<std::string, std::string>;
 
 struct State {
-    std::string terminal, config_lines, config_errors, syslog, tech_output, dns_source, ham_calls;
+    std::string terminal, config_lines, config_errors, syslog, tech_output, ham_calls;
     int download_debug, ham_result;
     int key = -1;  // none
-    bool fail_dns;
     DownloadScript script;
     std::vector<Download> downloads;
-    TextMap hosts, system_texts, device_files;
+    TextMap system_texts, device_files;
     std::optional<size_t> cpu;
 };
 inline Mutex g_lock;  // leaf: no callback and no script runs under it
@@ -88,12 +87,6 @@ FAKE_TAKE(std::string, TechOutput, tech_output)
 FAKE_SET(const DownloadScript&, ScriptDownloads, script)
 FAKE_TAKE(std::vector<Download>, Downloads, downloads)
 FAKE_TAKE(int, DownloadDebug, download_debug)
-
-// --- name service: host name to dotted text; a name that is absent fails, one
-// with an empty address is not resolved. The source is the last look-up's.
-FAKE_PUT(SetHost, hosts)
-FAKE_SET(bool, FailDnsInit, fail_dns)
-FAKE_TAKE(std::string, DnsSource, dns_source)
 
 // --- device: texts of the system information (absent: the call fails), the
 // content of device files by plain path (absent: no such file), the processor

@@ -1,6 +1,5 @@
 // An update server on loopback that answers each connection with the next of its
 // scripted replies and keeps the requests.
-// Threads: Requests may be called while the server runs.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,9 +23,7 @@ class ReplyServer {
   public:
     explicit ReplyServer(std::vector<std::string> replies)
         : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof(address);
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
@@ -39,14 +35,13 @@ class ReplyServer {
             for (const std::string& reply : scripted) Answer(reply);
         });
     }
-    ~ReplyServer() {
-        (void)shutdown(listener_.get(), SHUT_RDWR);  // wakes accept
-        thread_.join();
-    }
+    ~ReplyServer() { Finish(); }
 
     uint16_t port() const { return port_; }
-    std::vector<std::string> Requests() {
-        const std::lock_guard guard(lock_);
+    // What was sent to the server, whose work this ends.
+    std::string Finish() {
+        (void)shutdown(listener_.get(), SHUT_RDWR);  // wakes accept
+        if (thread_.joinable()) thread_.join();
         return requests_;
     }
 
@@ -57,16 +52,12 @@ class ReplyServer {
         char request[8192];
         const ssize_t size = recv(fd.get(), request, sizeof(request), 0);
         if (size <= 0) return;
-        {
-            const std::lock_guard guard(lock_);
-            requests_.emplace_back(request, static_cast<size_t>(size));
-        }
+        requests_.append(request, static_cast<size_t>(size));
         (void)send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
     }
 
     UniqueFd listener_;
     uint16_t port_ = 0;
-    std::mutex lock_;
-    std::vector<std::string> requests_;
+    std::string requests_;
     std::thread thread_;
 };

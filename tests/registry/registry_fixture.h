@@ -32,8 +32,8 @@ class RegistryServerTest : public testing::Test {
   protected:
     void SetUp() override {
         fakes::Reset();
-        ASSERT_EQ(setenv("TMPDIR", dir_.path().c_str(), 1), 0);
-        ASSERT_EQ(setenv("DATA_VEMO_DIR", (dir_ / "d").c_str(), 1), 0);
+        setenv("TMPDIR", dir_.path().c_str(), 1);
+        setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1);
         http_client_get_env_dir();
         std::filesystem::create_directories(dir_ / WORKING_DIR);
         loop_ = tq_thread_master_create();
@@ -47,21 +47,21 @@ class RegistryServerTest : public testing::Test {
         tq_thread_master_finish(loop_);
     }
 
-    // Runs the loop until nothing is left to do.
     void Turn() {
-        while (fakes::RunReadable(loop_) > 0) {
-        }
+        while (fakes::RunReadable(loop_) > 0) continue;
     }
-    // A new connection; the server has accepted, or refused, it.
-    int Connect() {
-        UniqueFd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
+    // A connection that the server has not looked at yet.
+    int Dial() {
+        const int app = apps_.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get();
+        sockaddr_un address{AF_UNIX, {}};
         (void)text_copy(address.sun_path, dir_ / REG_SOCKET_PATH);
-        EXPECT_EQ(connect(sock.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(connect(app, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return app;
+    }
+    int Connect() {
+        const int app = Dial();
         Turn();
-        apps_.push_back(std::move(sock));
-        return apps_.back().get();
+        return app;
     }
     void Disconnect(int app) {
         std::erase_if(apps_, [&](const UniqueFd& sock) { return sock.get() == app; });
@@ -74,9 +74,8 @@ class RegistryServerTest : public testing::Test {
     }
     // The result in the server's answer.
     int Register(int app, const std::string& name, const std::string& save_path = "") {
-        RegistMessage message{};
+        RegistMessage message{0, "", "1.0", ""};
         (void)text_copy(message.name, name);
-        (void)text_copy(message.version, "1.0");
         (void)text_copy(message.save_path, save_path);
         Send(app, HTTP_MSG_TYPE_REGIST, Bytes(message));
         return Answer(app, name);
@@ -103,8 +102,7 @@ class RegistryServerTest : public testing::Test {
     // The app in slot 0; fd -1 when there is none.
     static AppEntry First() {
         AppEntry entry{};
-        if (reg_app_get(0, &entry) != 0) entry.fd = -1;
-        return entry;
+        return reg_app_get(0, &entry) == 0 ? entry : AppEntry{-1, "", "", "", 0};
     }
     static void ExpectLog(const std::string& text) {
         const std::string log = fakes::Syslog();
