@@ -59,7 +59,6 @@ TEST(CliMatch, TakesAndRefusesLines) {
         {CONFIG, " ht up  mo\tman\r", "http update mode|0|0|0|"},
         {CONFIG, "http update mode", "% Incomplete command after \"mode\"\n"},
         {CONFIG, "no http update server h p 8", "http update server|1|8|0|h"},
-        {CONFIG, "no http update server", "http update server|1|0|0|"},
         {CONFIG, server + fits, "http update server|0|0|0|" + fits},
         {CONFIG, server + fits + "w",
          "% Too long (at most 255 bytes): \"" + fits.substr(0, 64) + "...\"\n"},
@@ -81,18 +80,13 @@ TEST(CliMatch, TakesAndRefusesLines) {
 }
 
 TEST(CliMatch, HelpAndCompletionShowWhatMayFollow) {
-    const std::string names = std::string("  LINE                  ") + reg_app_help_text() + "\n";
-    const struct {
-        const Grammar& grammar;
-        const char* line;
-        std::string help;
-    } rows[] = {
-        {CONFIG, "no http update mode ", "  <cr>\n  manual                manual update files\n"},
-        {CONFIG, "http update server h port ", "  <1-65535>             default 80\n"},
-        {CONFIG, "http x mode ", "% Unknown word: \"x\"\n"},
-        {EXEC, "http update a b", names + "  <cr>\n"},
-    };
-    for (const auto& row : rows) EXPECT_EQ(match_help(row.grammar, row.line), row.help) << row.line;
+    EXPECT_EQ(match_help(CONFIG, "no http update mode "),
+              "  <cr>\n  manual                manual update files\n");
+    EXPECT_EQ(match_help(CONFIG, "http update server h port "),
+              "  <1-65535>             default 80\n");
+    EXPECT_EQ(match_help(CONFIG, "http x mode "), "% Unknown word: \"x\"\n");
+    EXPECT_EQ(match_help(EXEC, "http update a b"),
+              std::string("  LINE                  ") + reg_app_help_text() + "\n  <cr>\n");
     EXPECT_EQ(match_complete(CONFIG, "http update s"),
               (std::vector<std::string_view>{"source_ip", "server"}));
     EXPECT_TRUE(match_complete(CONFIG, "http update time daily ").empty());
@@ -191,9 +185,8 @@ class CliService : public testing::Test {
   protected:
     static void SetUpTestSuite() {
         (void)umask(0);  // as the daemon has it
-        for (const char* prefix : {"TMPDIR", "DATA_VEMO_DIR"}) {
-            setenv(prefix, s_dir.path().c_str(), 1);
-        }
+        setenv("TMPDIR", s_dir.path().c_str(), 1);
+        setenv("DATA_VEMO_DIR", s_dir.path().c_str(), 1);
         setenv("PRINTK_SYSLOG_FILE", (s_dir / "log").c_str(), 1);
         s_dir.Write(SOCKET_NAME, "stale");
         s_dir.Write(CONFIG_NAME,
@@ -233,7 +226,8 @@ TEST_F(CliService, StartReplacesStaleSocketAndReplaysConfiguration) {
 
 TEST_F(CliService, WriteSavesWholeFileOrKeepsTheOldOne) {
     Terminal terminal;
-    for (const char* line : {"configure", "http update server saved"}) (void)terminal.Run(line);
+    (void)terminal.Run("configure");
+    (void)terminal.Run("http update server saved");
     EXPECT_EQ(terminal.Run("write"), "");
     const std::string saved = s_dir.Read(CONFIG_NAME);
     EXPECT_TRUE(saved.ends_with("\nhttp update server saved\n")) << saved;
@@ -308,7 +302,6 @@ TEST_F(CliService, MalformedPeerCostsOnlyItself) {
         client_new::FrameHeader header;
         std::string payload;
     } rows[] = {{"no opening", false, {client_new::FRAME_COMMAND, 0, 5}, "write"},
-                {"short opening", false, {client_new::FRAME_OPEN, 0, 2}, "xx"},
                 {"other release", false, {client_new::FRAME_OPEN, 0, 8}, "releases"},
                 {"huge frame", true, {client_new::FRAME_COMMAND, 0, 0xffffffff}, ""},
                 {"unknown type", true, {77, 0, 0}, ""}};

@@ -15,14 +15,19 @@
 
 namespace {
 
+sockaddr_in address_of(const char* ip) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = inet_addr(ip);
+    return address;
+}
+
 // Answers A queries by the first label: a number N with 10.0.0.N, "refused" and
 // "nodata" with that, "silent" never, anything else with NXDOMAIN.
 class DnsServer {
   public:
     DnsServer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = address_of("127.0.0.1");
         socklen_t length = sizeof address;
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
         EXPECT_EQ(getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
@@ -78,9 +83,7 @@ class DnsServer {
 std::string resolve(const std::string& name, const char* source = "0.0.0.0") {
     DnsRequest request{};
     text_copy(request.name, name);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = inet_addr(source);
+    const sockaddr_in address = address_of(source);
     memcpy(request.source, &address, sizeof address);
     if (dns_domain_to_ip(&request) < 0) return "-1";
     if (request.result != DNS_RESULT_RESOLVED) {

@@ -58,8 +58,7 @@ class Scratch:
     def __init__(self) -> None:
         # Short: prefixes are cut at 31 characters and socket paths at 107.
         self.root = Path(tempfile.mkdtemp(prefix="hc", dir="/tmp"))
-        self.checks: list[Callable[[], None]] = []
-        self.ended_last: list[Callable[[], None]] = []
+        self.at_end: list[Callable[[], None]] = []  # the last first
         self.reports: list[str] = []
 
     def spawn(self, name: str, command: list[str | Path], **more: Any) -> subprocess.Popen[str]:
@@ -67,21 +66,15 @@ class Scratch:
                 self.root / f"{name}.err").open("w") as err:
             process = subprocess.Popen(
                 command, stdin=subprocess.DEVNULL, stdout=out, stderr=err, text=True, **more)
-        self.ended_last.append(lambda: self.end(process))
+        self.at_end += [process.wait, process.kill]
         return process
-
-    @staticmethod
-    def end(process: subprocess.Popen[str], how: int = signal.SIGKILL) -> None:
-        if process.poll() is None:
-            process.send_signal(how)
-        process.wait()
 
     def output(self, name: str) -> str:
         # Bytes, because line ends are part of what is compared.
         return (self.root / f"{name}.out").read_bytes().decode(errors="replace")
 
     def close(self) -> None:
-        for step in self.checks + self.ended_last[::-1]:
+        for step in reversed(self.at_end):
             step()
         for path in sorted(self.root.glob("*.err")):
             text = path.read_text(errors="replace")
@@ -270,16 +263,15 @@ class Device:
         self.commands = 0
         self.starts = 0
         self.apps: list[App] = []
-        for path in (self.tmp, self.data, self.files / "proc/setmac",
-                     self.files / "etc/http_client"):
-            path.mkdir(parents=True)
+        self.tmp.mkdir()
+        self.data.mkdir()
         for path, text in {"proc/setmac/SerialNO": "SN0001", "proc/setmac/projectid": "EG3210",
                            "proc/macaddr": "00:11:22:33:44:55\n",
                            "etc/http_client/device.conf":
                            "os_name=LAB\nproject=_EG3210\nrelease_type=Release\n"
                            "release=1.0\nhw_version=1.00\n"}.items():
+            (self.files / path).parent.mkdir(parents=True, exist_ok=True)
             (self.files / path).write_text(text)
-        scratch.checks.append(self.close)
 
     # ---- the daemon ----
 
@@ -295,10 +287,12 @@ class Device:
         self.starts += 1
         more = dict(environment, TQ_THREAD_SPEED=str(speed))
         if self.clock.used:
-            more |= self.clock.environment()
+            more |= {"LD_PRELOAD": str(BIN_DIR.parent / "lib/libclock_shift.so"),
+                     "CLOCK_SHIFT_FILE": str(self.clock.path)}
         self.daemon = self.scratch.spawn(
             f"daemon{self.starts}", [BIN_DIR / "http_client.elf", *options],
             env=self.environment(**more), cwd=self.root)
+        self.scratch.at_end.append(self.close)
         wait_for(self.ready, "for the daemon to be ready")
 
     def ready(self) -> bool:
@@ -316,18 +310,19 @@ class Device:
         return len(list(process.glob("fd/*"))), len(list(process.glob("task/*")))
 
     def kill(self) -> None:
-        """Ends the daemon as a power cut would."""
+        """Ends the daemon, and its apps, as a power cut would."""
         assert self.daemon is not None and self.daemon.poll() is None, "the daemon had ended"
+        for app in self.apps:
+            app.die()
         self.daemon.kill()
         self.daemon.wait()
         self.daemon = None
 
     def close(self) -> None:
-        for app in self.apps:
-            app.die()
         ended = None if self.daemon is None else self.daemon.poll()
         if ended is not None:
             self.scratch.reports.append(f"the daemon ended by itself, status {ended}")
+        self.daemon = None
 
     # ---- its apps ----
 
@@ -399,11 +394,7 @@ class Device:
 
 
 class ClockShift:
-    """Both clocks of the daemon, put forward or back while it runs.
-
-    A preloaded library (clock_shift.cpp) adds the seconds in a small shared
-    file to what the daemon reads.
-    """
+    """Both clocks of the daemon: clock_shift.cpp adds the seconds in a shared file."""
 
     def __init__(self, path: Path) -> None:
         self.path = path
@@ -417,13 +408,6 @@ class ClockShift:
 
     def pass_time(self, seconds: int) -> None:
         self.set(self.wall + seconds, self.monotonic + seconds)
-
-    def now(self) -> time.struct_time:
-        return time.gmtime(time.time() + self.wall)
-
-    def environment(self) -> dict[str, str]:
-        return {"LD_PRELOAD": str(BIN_DIR.parent / "lib/libclock_shift.so"),
-                "CLOCK_SHIFT_FILE": str(self.path)}
 
 
 def private_mounts() -> bool:

@@ -5,22 +5,13 @@ import tarfile
 from lab import Device, LabServer, wait_for
 
 
-def test_reports_at_rest(device: Device) -> None:
-    assert device.cli("http update display-progress") == (
-        "state: free\nupdate-app:\ncurrent-app: \n"
-        "----------------------------------\nupdated-result:\n")
-    assert device.cli("show http-update info version") == (
-        "app-id             app-name                        version           \n"
-        "------ ------------------------------- ------------------------------\n")
-
-
 def test_twenty_apps_with_the_longest_names(device: Device, server: LabServer) -> None:
     names = [f"app-{n:02}-".ljust(31, "x") for n in range(20)]
     version = "1.0-".ljust(31, "y")
-    files = {"f".ljust(60, "z"): 10}
+    file = "f".ljust(60, "z")
     connections = [device.connect() for _ in range(2)]
     for n, name in enumerate(names):
-        server.release(name, "2.0", files)
+        server.release(name, "2.0", {file: 10})
         assert connections[n % 2].register(name, version, device.saved(name)) == 0
     assert connections[0].register("one-more", "1.0") == 10
 
@@ -31,8 +22,7 @@ def test_twenty_apps_with_the_longest_names(device: Device, server: LabServer) -
 
     table = device.cli("http check-version").splitlines(keepends=True)
     assert table[0] == listed(704, "Business modules need to be updated:")
-    row = "%-15.15s %-20.20s %-25.25s\n"
-    assert table[3:] == [row % (name, "2.0", next(iter(files))) for name in names]
+    assert table[3:] == [f"{name:15.15} {'2.0':20} {file:25.25}\n" for name in names]
     shown = device.cli("http update all").splitlines(keepends=True)
     succeeded = "".join(f"{name}, " for name in names)
     assert shown[-1] == succeeded[:-2] + ": download and notify successfully.\n"
@@ -42,31 +32,27 @@ def test_twenty_apps_with_the_longest_names(device: Device, server: LabServer) -
     rows = device.cli("show http-update test").splitlines()[-20:]
     assert [row.split(maxsplit=1)[1] for row in rows] == [
         f"{n:<6d} {name:15.15s} {'2.0':20s} free  " for n, name in enumerate(names)]
-    assert device.cli("show http-update info version").splitlines()[2:] == [
-        f"{n:<6d} {name:31s} {'2.0':31s}" for n, name in enumerate(names)]
+    assert device.cli("show http-update info version") == (
+        "app-id             app-name                        version           \n"
+        "------ ------------------------------- ------------------------------\n") + "".join(
+        f"{n:<6d} {name:31s} {'2.0':31s}\n" for n, name in enumerate(names))
     assert "Files:" + names[0] in device.cli("http update ?")
 
 
 def test_debug_switches(device: Device) -> None:
     everything = ["info", "connect", "register", "error", "download"]
-    for command, left in (("debug http-client error", ["error"]), ("debug all", everything),
-                          ("no debug http-client", []), ("debug http-client", everything),
-                          ("no debug all", [])):
+    for command, left in (("debug all", everything), ("no debug http-client", []),
+                          ("debug http-client", everything), ("no debug all", []),
+                          ("debug http-client register", ["register"])):
         device.cli(command)
         assert device.cli("show debugging").splitlines()[1:] == [
             f"  http-client {word} debugging is on" for word in left]
     device.app("alpha")
-    assert "alpha" not in device.syslog() and "[alpha] reg add" in device.dump()
-    device.cli("debug http-client register")
-    device.app("beta")
-    device.wait_log("[beta] reg add")
+    device.wait_log("[alpha] reg add")
 
 
-def test_support_bundle(device: Device, server: LabServer) -> None:
-    server.release("alpha", "2.0", {"a.bin": 10})
+def test_support_bundle(device: Device) -> None:
     device.app("alpha")
-    device.cli("http update all")
-    wait_for(lambda: device.versions() == {"alpha": "2.0"})
     bundle = device.root / "support.tar.gz"
     device.cli(options=("--tech-support", str(bundle)))
     with tarfile.open(bundle) as tar:

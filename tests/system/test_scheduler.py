@@ -104,8 +104,6 @@ def test_list_outlives_a_power_cut(device: Device, server: LabServer) -> None:
     device.daily_in(minutes=720)
     device.cli("write")
     device.kill()
-    for app in device.apps:
-        app.die()
     device.start(speed=1)
     report = device.cli("show http-update info resume").splitlines()
     assert [line.split()[0] for line in report[4:]] == ["alpha", "alpha", "beta", "beta"]

@@ -56,19 +56,6 @@ def test_failed_download_leaves_nothing(device: Device, server: LabServer) -> No
     assert device.cli("http update all").endswith(GOOD)
 
 
-def test_no_file_outside_the_save_path(device: Device, server: LabServer) -> None:
-    """Not even when the name's last part is listed, too."""
-    app = device.app("alpha")
-    source = ["{base}/files/alpha/2.0/x"]
-    for version, name in {"2.0": "../x", "2.1": "/etc/x", "2.2": ".."}.items():
-        server.release("alpha", version, {"x": 1000}, files=[
-            {"name": name, "downpaths": source}, {"name": "x", "downpaths": source}])
-        shown = device.cli("http update all")
-        assert "alpha: " in shown and "successfully" not in shown, name
-        assert [p for p in device.root.rglob("x") if server.folder not in p.parents] == []
-        assert app.requests == []
-
-
 def test_server_with_a_name_asked_from_a_source_address(
         device: Device, server: LabServer) -> None:
     server.release("alpha", "2.0", {"a.bin": 1000})

@@ -64,6 +64,9 @@ def test_nobody_to_update(device: Device) -> None:
     nobody = "%notice: No bussiness modules registration.\n"
     for command in ("http update all", "http background-update all", "http check-version"):
         assert device.cli(command) == nobody
+    assert device.cli("http update display-progress") == (
+        "state: free\nupdate-app:\ncurrent-app: \n"
+        "----------------------------------\nupdated-result:\n")
 
 
 def test_one_file_manual_and_incremental_apps(device: Device, server: LabServer) -> None:
