@@ -88,11 +88,7 @@ void c2p_printf(int flag, cli_record*, const char* format, ...) {
     FAKE_RECORD(config_lines, "\n");
 }
 
-int cli_getc_no_block() {
-    MutexLock guard(g_lock);
-    return std::exchange(g_state.key, -1);
-}
-
+int cli_getc_no_block() { return -1; }
 void cli_flush() {}
 void cli_proc_thread_start(cli_record*, pthread_t) {}
 void cli_proc_thread_end(cli_record*, pthread_t) {}

@@ -32,7 +32,6 @@ using TextMap = std::map<std::string, std::string>;
 struct State {
     std::string terminal, config_lines, config_errors, syslog, tech_output, ham_calls;
     int download_debug, ham_result;
-    int key = -1;  // none
     DownloadScript script;
     std::vector<Download> downloads;
     TextMap system_texts, device_files;
@@ -72,11 +71,10 @@ std::vector<long> Timers(tq_thread_master* loop);
 // Adding a timer fails while set.
 void FailTimers(bool fail);
 
-// --- terminal; a typed key waits for cli_getc_no_block
+// --- terminal
 FAKE_TAKE(std::string, Terminal, terminal)
 FAKE_TAKE(std::string, ConfigLines, config_lines)
 FAKE_TAKE(std::string, ConfigErrors, config_errors)
-FAKE_SET(int, TypeKey, key)
 
 // --- debug log and technical support
 FAKE_TAKE(std::string, Syslog, syslog)

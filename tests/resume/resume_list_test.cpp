@@ -18,12 +18,6 @@ static std::string App(const std::string& name, int count, const Names& files) {
     return text + "</app>";
 }
 
-TEST_F(ResumeTest, AddRecordsStates) {
-    EXPECT_EQ(Add("daily", {"a", "b", "c", "d", "e"}, 2), 0);
-    EXPECT_EQ(Add("incremental", {"a", "b", "c", "d", "e"}, 2, true), 0);
-    EXPECT_EQ(ResumeListed(), "incremental(3) c=-1 d=1 e=1; daily(5) a=0 b=0 c=-1 d=1 e=1");
-}
-
 TEST_F(ResumeTest, DeletesStaleFetchedFilesOnly) {
     Touch({"a", "b", "c", "d", "e", "x"});
     ASSERT_EQ(Add("app", {"a", "b", "c", "d"}, 2), 0);  // d was not fetched
@@ -38,17 +32,6 @@ TEST_F(ResumeTest, DeletesStaleFetchedFilesOnly) {
     resume_free_app("app", kept.array.data(), 1);
     EXPECT_EQ(OnDisk({"a", "d", "e"}), "ade");
     EXPECT_EQ(ResumeListed(), "");
-}
-
-TEST_F(ResumeTest, DelFilesLeavesTheListAlone) {
-    Touch({"a", "b", "c"});
-    ASSERT_EQ(Add("app", {"a", "b"}, 0), 0);
-    Paths listed(dir_.path(), {"a", "b"});
-    Paths other(dir_.path(), {"c"});
-    resume_del_files("app", listed.array.data(), 2);
-    resume_del_files("other", other.array.data(), 1);
-    EXPECT_EQ(OnDisk({"a", "b", "c"}), "");
-    EXPECT_EQ(ResumeListed(), "app(2) a=-1 b=1");
 }
 
 TEST_F(ResumeTest, ShortMemoryNeverLeavesHalfAnEntry) {
@@ -90,7 +73,6 @@ TEST_F(ResumeTest, DamagedFileCostsItsDamagedEntriesOnly) {
         uint32_t apps;
     } rows[] = {
         {Document(good).substr(0, 60), "", 0},
-        {"<other>" + good + "</other>", "", 0},
         {Document("<app><filecnt>1</filecnt><file name='/f'/></app>" + App("a", 3, {"/1"}) + good),
          "good(1) f=-1", 1},
         {Document(App(std::string(40, 'n'), 1, {"/f"})), std::string(31, 'n') + "(1) f=-1", 1},
