@@ -26,15 +26,13 @@ sockaddr_in address_of(const char* ip) {
 // "nodata" with that, "silent" never, anything else with NXDOMAIN.
 class DnsServer {
   public:
-    DnsServer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    explicit DnsServer(bool answers = true) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in address = address_of("127.0.0.1");
         socklen_t length = sizeof address;
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
         EXPECT_EQ(getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
         name = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    }
-    void Start() {
-        thread_ = std::thread([this] { Serve(); });
+        if (answers) thread_ = std::thread([this] { Serve(); });
     }
     ~DnsServer() {
         (void)shutdown(fd_.get(), SHUT_RDWR);  // ends the wait of the thread
@@ -48,16 +46,15 @@ class DnsServer {
     void Serve() {
         char query[512];
         sockaddr_in peer{};
-        for (;;) {
-            socklen_t length = sizeof peer;
-            const ssize_t got = recvfrom(fd_.get(), query, sizeof query, 0,
-                                         reinterpret_cast<sockaddr*>(&peer), &length);
+        socklen_t length = sizeof peer;
+        auto* const address = reinterpret_cast<sockaddr*>(&peer);
+        for (ssize_t got = 0;; length = sizeof peer) {
+            got = recvfrom(fd_.get(), query, sizeof query, 0, address, &length);
             if (got < 17) return;
             last_peer = peer.sin_addr.s_addr;
             const std::string asked(query, static_cast<size_t>(got)), reply = Reply(asked);
             if (asked.find("stranger") != asked.npos) stranger_asked = true;
-            (void)sendto(fd_.get(), reply.data(), reply.size(), 0,
-                         reinterpret_cast<sockaddr*>(&peer), reply.empty() ? 0 : length);
+            if (!reply.empty()) sendto(fd_.get(), reply.data(), reply.size(), 0, address, length);
         }
     }
     static std::string Reply(std::string query) {
@@ -95,7 +92,6 @@ std::string resolve(const std::string& name, const char* source = "0.0.0.0") {
 
 TEST(DnsClient, ResolvesAndTellsFailuresApart) {
     DnsServer server;
-    server.Start();
     setenv("DNS_CLIENT_SERVERS", server.name.c_str(), 1);
     setenv("LOCALDOMAIN", "stranger.test", 1);  // stands for resolv.conf's search list
     EXPECT_EQ(dns_client_agent_init(), 0);
@@ -119,8 +115,7 @@ TEST(DnsClient, ResolvesAndTellsFailuresApart) {
 
 TEST(DnsClient, SilentServersEndInTimeAndHoldNobodyElse) {
     // The first server never answers: one round later the second one is asked.
-    DnsServer deaf, server;
-    server.Start();
+    DnsServer deaf(false), server;
     setenv("DNS_CLIENT_SERVERS", (deaf.name + "," + server.name).c_str(), 1);
     std::atomic<bool> silent_done = false;
     std::thread silent([&] {

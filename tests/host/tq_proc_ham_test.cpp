@@ -21,10 +21,8 @@ TEST(TqProcHam, TellsTheManagerReadinessAndEachReset) {
         address.sun_family = AF_UNIX;
         text_copy(address.sun_path, name);
         if (name[0] == '@') address.sun_path[0] = '\0';
-        const size_t length = offsetof(sockaddr_un, sun_path) + name.size() + (name[0] != '@');
-        ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address),
-                       static_cast<socklen_t>(length)),
-                  0);
+        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
         setenv("NOTIFY_SOCKET", name.c_str(), 1);
         EXPECT_EQ(reg_process_exit_action(0, 2), 0);
         EXPECT_GE(ham_client_reg_thread_notify(1, 1, 120, 3), 0);

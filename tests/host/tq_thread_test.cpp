@@ -43,15 +43,12 @@ UniqueFd readable() {
     return UniqueFd(fds[0]);
 }
 
-// Tasks note their name here, or do what their argument says.
+// Tasks note their name here and do what their argument, a function, says.
 std::string s_trace;
+using Function = std::function<void()>;
 int note(tq_thread* task) {
     s_trace += task->name;
-    return 0;
-}
-using Function = std::function<void(tq_thread*)>;
-int run_function(tq_thread* task) {
-    (*static_cast<Function*>(TQ_THREAD_ARG(task)))(task);
+    if (TQ_THREAD_ARG(task) != nullptr) (*static_cast<Function*>(TQ_THREAD_ARG(task)))();
     return 0;
 }
 
@@ -81,13 +78,12 @@ TEST(TqThread, CancelWorksWhileWaitingWhenReadyAndFromACallback) {
     tq_thread_cancel(tq_thread_add_timer_withname(loop.master, note, nullptr, 0, "waiting"));
     // All become ready in one turn; the first takes the middle and the last away.
     tq_thread *read_task = nullptr, *last = nullptr;
-    Function cancel_others = [&](tq_thread*) {
-        s_trace += "c";
+    Function cancel_others = [&] {
         tq_thread_cancel(read_task);
         tq_thread_cancel(last);
         second.reset();
     };
-    tq_thread_add_read_withname(loop.master, run_function, &cancel_others, first.get(), "c");
+    tq_thread_add_read_withname(loop.master, note, &cancel_others, first.get(), "c");
     read_task = tq_thread_add_read_withname(loop.master, note, nullptr, second.get(), "read");
     tq_thread_add_timer_withname(loop.master, note, nullptr, 0, "k");
     last = tq_thread_add_timer_withname(loop.master, note, nullptr, 0, "last");

@@ -74,9 +74,9 @@ inline void* stray(void*) {
 inline void work_command(cli_record* record) {
     const std::string kind = record->string1;
     pthread_t thread{};
-    if (kind == "quit") {
-        g_stop = true;
-    } else if (kind == "stray") {  // nobody says whose thread it is
+    g_stop = kind == "quit";
+    if (g_stop) return;
+    if (kind == "stray") {  // nobody says whose thread it is
         (void)pthread_create(&thread, nullptr, stray, nullptr);
         cli_printf("handler\n");
         pthread_join(thread, nullptr);
