@@ -30,7 +30,7 @@ using DownloadScript = std::function<int(DownloadCtx* context, const Download& d
 using TextMap = std::map<std::string, std::string>;
 
 struct State {
-    std::string terminal, config_lines, config_errors, syslog, tech_output, ham_calls;
+    std::string terminal, syslog, tech_output, ham_calls;
     int download_debug, ham_result;
     DownloadScript script;
     std::vector<Download> downloads;
@@ -71,12 +71,8 @@ std::vector<long> Timers(tq_thread_master* loop);
 // Adding a timer fails while set.
 void FailTimers(bool fail);
 
-// --- terminal
+// --- terminal, debug log, technical support
 FAKE_TAKE(std::string, Terminal, terminal)
-FAKE_TAKE(std::string, ConfigLines, config_lines)
-FAKE_TAKE(std::string, ConfigErrors, config_errors)
-
-// --- debug log and technical support
 FAKE_TAKE(std::string, Syslog, syslog)
 FAKE_TAKE(std::string, TechOutput, tech_output)
 

@@ -101,14 +101,13 @@ TEST_F(RegServer, HostilePackets) {
 
 // Otherwise the connection waits for ever and the loop spins on it.
 TEST_F(RegServer, RefusesConnectionsWithoutDescriptors) {
-    const int app = Connect();
     const int refused = Dial();
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit low{static_cast<rlim_t>(refused) + 8, limit.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     std::vector<UniqueFd> eaten;
-    while (eaten.empty() || eaten.back().valid()) eaten.emplace_back(dup(app));
+    while (eaten.empty() || eaten.back().valid()) eaten.emplace_back(dup(refused));
     EXPECT_EQ(fakes::RunReadable(loop_), 1);
     EXPECT_EQ(fakes::RunReadable(loop_), 0);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
