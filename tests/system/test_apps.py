@@ -23,7 +23,8 @@ def test_busy_app_is_left_out_until_it_answers(device: Device, server: LabServer
     server.release("beta", "2.0", {"b.bin": 1000})
     alpha = device.app("alpha", answer=lambda app, request: (1, "working on it"))
     device.app("beta", version="")
-    assert device.cli("http check-version").startswith("Business modules need to be updated: alpha.")
+    assert device.cli("http check-version").startswith(
+        "Business modules need to be updated: alpha.")
     assert "alpha: download and notify" in device.cli("http update all")
     suspended = ("%notice: Suspend, some business modules are upgrading or haven't registered "
                  "release.\n")
@@ -53,6 +54,15 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
     assert device.disk("leaves") == {} and device.disk("dies") == {}
     assert stays.request().files == [device.saved("stays") + "stays.bin"]
     assert "[leaves]<-->have no find in reg" in device.dump()
+
+
+def test_ten_connections_and_the_eleventh(device: Device) -> None:
+    apps = [device.app(f"app{n}") for n in range(10)]
+    assert device.connect().hung_up.wait(30)
+    assert apps[1].register("app0", "1.0") == 12
+    apps[9].die()
+    wait_for(lambda: "app9" not in device.versions())
+    device.app("app10")
 
 
 def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> None:

@@ -38,6 +38,14 @@ def test_second_instance_leaves_the_first_alone(device: Device) -> None:
     assert device.versions() == {}
 
 
+def test_wrong_options_end_the_start(scratch: Scratch) -> None:
+    device = Device(scratch)
+    for options in (["-dx"], ["word"], ["-d", "a"]):
+        wrong = subprocess.run([BIN_DIR / "http_client.elf", *options], text=True, timeout=30,
+                               env=device.environment(), capture_output=True, check=False)
+        assert wrong.returncode == 1 and wrong.stdout.startswith("Error: invalid option")
+
+
 @pytest.fixture
 def small_disk(scratch: Scratch) -> str:
     """A 64 KiB file system that only this process and its children see."""

@@ -39,6 +39,27 @@ def test_twenty_apps_with_the_longest_names(device: Device, server: LabServer) -
     assert "Files:" + names[0] in device.cli("http update ?")
 
 
+def test_configuration_lines(device: Device) -> None:
+    """Each comes and goes with its command; defaults and the second list write none."""
+    device.configure("no http update server", "no http update time")
+    device.configure("http update server second", second=True)
+    for line in ("http update mode manual", "http update source_ip 10.1",
+                 "http update server h1 port 65535", "http update time daily 23:59"):
+        device.configure(line)
+        assert device.cli("show running-config") == line + "\n"
+        device.configure("no " + " ".join(line.split()[:3]))
+        assert device.cli("show running-config") == ""
+    assert device.configure("no http update server h1") == (
+        "% The configuration not founded\r\n\r\n")
+    for bad in ("http update server h port 0", "http update time daily 3:60",
+                "http update source_ip 255.255.255.255", "http update mode auto"):
+        device.cli("configure", bad, status=1)
+    device.configure("http update server h1", "http update server h2 port 8080")
+    assert device.cli("show running-config") == "http update server h2 port 8080\n"
+    full = device.configure(*(f"http update server {n}" for n in "abc"), second=True)
+    assert full == "% The number of update server can't exceed 3\r\n\r\n"
+
+
 def test_debug_switches(device: Device) -> None:
     everything = ["info", "connect", "register", "error", "download"]
     for command, left in (("debug all", everything), ("no debug http-client", []),
