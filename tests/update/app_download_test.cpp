@@ -168,6 +168,8 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
              {"disk full", 0, UPDATE_RUN_DAILY, 5, "b", 8, "-", "alpha(3) a=0 b=-1 c=1", "a", 5},
              {"incremental", incremental, UPDATE_RUN_DAILY, 1, "b", 2, "a", "alpha(2) b=-1 c=1",
               "ab", 5},
+             {"incremental, first", incremental, UPDATE_RUN_DAILY, 5, "a", 2, "-",
+              "alpha(3) a=-1 b=1 c=1", "a", 5},
              {"resume", 0, UPDATE_RUN_RESUME, 2, "b", 2, "-", "alpha(3) a=0 b=-1 c=1", "ab", 2},
              {"budget gone", 0, UPDATE_RUN_RESUME, 0, "b", 2, "-", "", "", 0},
              {"incremental, budget gone", incremental, UPDATE_RUN_RESUME, 0, "b", 2, "a", "", "a",
