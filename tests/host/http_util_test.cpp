@@ -393,6 +393,37 @@ TEST_F(HttpUtil, StalledServerIsGivenUp) {
     EXPECT_EQ(DOWNLOAD_BROKEN, reinterpret_cast<int (*)(const DownloadJob*)>(symbol)(&job));
 }
 
+TEST_F(HttpUtil, NameIsLookedUpFromTheSourceAddress) {
+    int port = 0;
+    const UniqueFd dns = loopback_socket(SOCK_DGRAM, &port);
+    ASSERT_EQ(0, setenv("DNS_CLIENT_SERVERS", ("127.0.0.1:" + std::to_string(port)).c_str(), 1));
+    std::string asker;
+    std::thread name_server([&] {
+        char packet[512] = "";
+        sockaddr_in from{};
+        auto* peer = reinterpret_cast<sockaddr*>(&from);
+        socklen_t size = sizeof from;
+        (void)recvfrom(dns.get(), packet, sizeof packet, 0, peer, &size);
+        asker = inet_ntoa(from.sin_addr);
+        // The question again (a name of 14 bytes) with one address, 127.0.0.1.
+        const std::string answer = std::string(packet, 2) +
+                                   std::string("\x81\x80\0\1\0\1\0\0\0\0", 10) +
+                                   std::string(packet + 12, 18) +
+                                   std::string("\xc0\x0c\0\1\0\1\0\0\0\x09\0\4\x7f\0\0\1", 16);
+        (void)sendto(dns.get(), answer.data(), answer.size(), 0, peer, size);
+    });
+    server_.Script({whole("new")});
+    const std::string url =
+        "http://updates.test" + server_.Url().substr(strlen("http://127.0.0.1"));
+    const http_util_tlv source{1, 4, inet_addr("127.0.0.5")};
+    EXPECT_EQ(0,
+              http_download_file_progress_tlv(&context_, url.c_str(), path_.c_str(), 0, &source));
+    name_server.join();
+    EXPECT_EQ("127.0.0.5", asker);
+    EXPECT_TRUE(Asked(0, "Host: updates.test:"));
+    (void)unsetenv("DNS_CLIENT_SERVERS");
+}
+
 TEST_F(HttpUtil, TlsServerNeedsATrustedCertificate) {
     directory_.Write("f", whole("new"));
     const std::string command =
