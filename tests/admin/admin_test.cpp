@@ -81,6 +81,19 @@ TEST_F(Admin, DueWithinTenMinutesAlsoPastMidnight) {
     EXPECT_FALSE(due({0, 0}, 23, 59, 59));
 }
 
+TEST_F(Admin, DefaultTimeIsDrawnInRange) {
+    bool changed = false;
+    for (int i = 0; i < 200; i++) {
+        const DailyTime before = default_update_time_get();
+        http_update_admin_rand_time();
+        const DailyTime drawn = update_time_get();
+        EXPECT_TRUE(drawn.update_hour >= 0 && drawn.update_hour < 24);
+        EXPECT_TRUE(drawn.update_minute >= 0 && drawn.update_minute < 60);
+        changed = changed || drawn.update_minute != before.update_minute;
+    }
+    EXPECT_TRUE(changed);
+}
+
 TEST_F(Admin, RunsWaitForAppsOtherRunsAndAnHour) {
     s_monotonic = 100000;
     update_time_set({10, 0});

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "http/status.h"
+
 static std::string Repeat(const std::string& text, int count) {
     std::string all;
     for (int i = 0; i < count; i++) all += text;
@@ -60,4 +62,12 @@ TEST(Xml, WalksDocuments) {
     EXPECT_STREQ(text, " 1.2 x<&");
     xml_child_content_get(beta, "version", text, 5);
     EXPECT_STREQ(text, " 1.2");
+}
+
+TEST(Status, WarnsOnlyWhereTheDeviceIsShortOfSomething) {
+    for (UpdateStatus code = 0; code < 20; code++) {
+        const bool warning = code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE;
+        EXPECT_STREQ(update_status_prefix(code), warning ? "%warning: " : "%notice: ") << code;
+        EXPECT_EQ(std::string(update_status_str(code)) == "Unknown error.", code > 16) << code;
+    }
 }
