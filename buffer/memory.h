@@ -10,6 +10,11 @@
 // Releases what mem_zalloc gave. Null is ignored.
 void mem_free(void* memory);
 
+// Gives free heap back to the system, for the end of whatever held a reply's
+// document: that can take tens of megabytes, which the heap would keep until it
+// happens to shrink.
+void mem_trim();
+
 // For std::unique_ptr.
 struct MemFree {
     void operator()(void* memory) const { mem_free(memory); }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
 #include "frame/text.h"
@@ -138,6 +139,7 @@ static void* http_check_version_thread(void* argument) {
         check_servers(servers, second);
     }
     hu_serv_list_clear(&servers);
+    mem_trim();
     cli_proc_thread_end(record, pthread_self());
     return nullptr;
 }

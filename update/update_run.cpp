@@ -2,8 +2,7 @@
 // earlier one has updated every app: each may know apps that the others don't.
 #include "update/update_run.h"
 
-#include <malloc.h>
-
+#include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
 #include "frame/platform/client_new.h"
@@ -44,9 +43,7 @@ UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateRepor
     if (app_set_is_empty(requested)) return UPDATE_NO_APPS;
     if (!update_state_claim()) return UPDATE_RUNNING;
     const UpdateStatus status = servers_ask(requested, kind, report, selector);
-    // A reply's document can take tens of megabytes; the device gets them back now,
-    // not when the heap happens to shrink.
-    (void)malloc_trim(0);
+    mem_trim();
     update_state_release();
     return status;
 }
