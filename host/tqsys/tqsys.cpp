@@ -84,10 +84,10 @@ std::string_view value_of(std::string_view text, std::string_view key) {
 bool is_placeholder(std::string_view text) {
     for (const std::string_view filler :
          {"To be filled by O.E.M.", "To Be Filled By O.E.M.", "Default string", "System Version",
-          "System Product Name", "Not Specified", "Not Applicable", "None", "N/A"}) {
+          "System Product Name", "None", "N/A"}) {
         if (text == filler) return true;
     }
-    return text.empty();
+    return text.empty() || text.starts_with("Not ");  // applicable, available, given
 }
 
 // Null when memory is short, like any other failure.
