@@ -34,6 +34,16 @@ def test_every_bad_reply_has_its_code(device: Device, server: LabServer) -> None
     assert device.disk("alpha") == made
 
 
+def test_large_reply_leaves_no_memory_behind(device: Device, server: LabServer) -> None:
+    device.app("alpha")
+    own = device.own_kib()
+    server.fault(method="POST", reply="wide")
+    for command in ("http check-version", "http update all"):
+        assert device.cli(command).endswith(
+            "%notice: All the bussiness modules are the latest versions.\n")
+        assert device.own_kib() - own < 4096, f"{command}: its document takes 65,000"
+
+
 def test_silent_server_holds_only_those_who_asked(device: Device, server: LabServer) -> None:
     device.app("alpha")
     server.fault(method="POST", silent=True)

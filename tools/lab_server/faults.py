@@ -11,7 +11,7 @@ of the object says what goes wrong:
     status: N           this status, with a small error page
     location: URL       a Location header (with status 302, say)
     reply: NAME         this body instead: empty, garbage, other-root, doctype,
-                        nul, deep
+                        nul, deep, wide
     body: TEXT          the same with a text of your own
     content_length: N   announce N bytes whatever is sent; -1: no such header
     header_pad: N       N bytes of padding in the header
@@ -41,6 +41,7 @@ REPLIES: dict[str, bytes] = {
     "doctype": DOCTYPE.encode(),
     "nul": b"<filelist>\x00<app name='alpha'/></filelist>",
     "deep": b"<filelist>" + b"<a>" * 400_000,
+    "wide": b"<filelist>" + b"<a/>" * 520_000 + b"</filelist>",
 }
 
 
