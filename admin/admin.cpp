@@ -17,7 +17,7 @@
 #include "frame/identity.h"
 #include "frame/log.h"
 #include "frame/platform/tq_proc_ham.h"
-#include "frame/startup.h"
+#include "frame/roof/startup.h"
 #include "registry/reg_server.h"
 #include "resume/resume_timer.h"
 #include "update/progress.h"

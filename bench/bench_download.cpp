@@ -18,8 +18,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "frame/platform/http_util.h"
-#include "frame/unique_fd.h"
 
 namespace {
 

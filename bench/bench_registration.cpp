@@ -17,8 +17,8 @@
 #include <algorithm>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "frame/platform/http_update.h"
-#include "frame/unique_fd.h"
 #include "host/http_update/http_update_app.h"
 
 namespace {

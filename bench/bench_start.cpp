@@ -17,7 +17,7 @@
 
 #include <string>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/http_update/http_update_app.h"
 
 namespace {

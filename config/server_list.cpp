@@ -6,11 +6,11 @@
 
 #include <string_view>
 
+#include "base/sync.h"
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "config/settings.h"
 #include "frame/log.h"
-#include "frame/sync.h"
-#include "frame/text.h"
 
 #ifndef HTTP_CLIENT_DEFAULT_SERVER
 #error "the build must name the default update server"

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-#include "frame/sync.h"
-#include "frame/text.h"
+#include "base/sync.h"
+#include "base/text.h"
 
 std::atomic<int32_t> update_mode{UPDATE_MODE_MANUAL};
 

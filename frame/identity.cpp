@@ -9,12 +9,12 @@
 #include <cstring>
 #include <memory>
 
+#include "base/sync.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/log.h"
 #include "frame/platform/dnsclient.h"
 #include "frame/platform/tqsys.h"
-#include "frame/sync.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 
 static Mutex s_lock;  // leaf
 static DeviceIdentity s_identity GUARDED_BY(s_lock);

@@ -12,11 +12,11 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/paths.h"
 #include "frame/platform/http_update.h"
 #include "frame/platform/syslog_new.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 
 static constexpr size_t LINE_SIZE = 1024;
 static constexpr off_t DUMP_LIMIT_BYTES = 512 * 1024;

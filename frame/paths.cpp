@@ -9,8 +9,8 @@
 #include <cstring>
 #include <limits>
 
+#include "base/text.h"
 #include "frame/log.h"
-#include "frame/text.h"
 
 static constexpr int PATH_COMPONENTS_MAX = 10;
 

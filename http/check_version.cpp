@@ -4,10 +4,10 @@
 
 #include <cstring>
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
-#include "frame/text.h"
 #include "http/status.h"
 #include "http/version_reply.h"
 

@@ -7,12 +7,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
 #include "frame/log.h"
 #include "frame/platform/dnsclient.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 
 // Linux bounds a blocking connect by the send time-out.
 static constexpr timeval CONNECT_TIMEOUT{3, 0};

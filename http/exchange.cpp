@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/text.h"
 #include "frame/log.h"
-#include "frame/text.h"
 #include "http/socket_io.h"
 
 static constexpr uint16_t HTTP_PORT = 80;

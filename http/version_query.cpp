@@ -12,11 +12,11 @@
 #include <ctime>
 #include <memory>
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "buffer/url_escape.h"
 #include "frame/identity.h"
 #include "frame/log.h"
-#include "frame/text.h"
 #include "http/exchange.h"
 
 static constexpr char REGISTER_KEY[] = "3f6a2d9e81c47b05e9d2a6c4f01b738e";

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 
 // Far above any file that the daemon writes itself.
 static constexpr off_t FILE_SIZE_MAX = 16 * 1024 * 1024;

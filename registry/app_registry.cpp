@@ -6,9 +6,9 @@
 
 #include <cstring>
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "frame/log.h"
-#include "frame/text.h"
 
 // "Files:", 20 names and blanks, and the closing words take 680 bytes.
 static constexpr size_t HELP_SIZE = 704;

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "frame/sync.h"
+#include "base/sync.h"
 
 constexpr int APP_REG_MAX = 20;
 constexpr size_t APP_NAME_SIZE = 32;

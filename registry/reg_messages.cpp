@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/text.h"
 #include "frame/log.h"
 #include "frame/platform/http_update.h"
-#include "frame/text.h"
 
 namespace {
 

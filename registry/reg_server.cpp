@@ -17,12 +17,12 @@
 #include <span>
 #include <utility>
 
+#include "base/sync.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/platform/http_update.h"
-#include "frame/sync.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "registry/app_registry.h"
 #include "registry/reg_messages.h"
 

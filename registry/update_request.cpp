@@ -11,11 +11,11 @@
 #include <span>
 #include <string_view>
 
+#include "base/text.h"
 #include "buffer/comm_buf.h"
 #include "buffer/memory.h"
 #include "frame/log.h"
 #include "frame/platform/http_update.h"
-#include "frame/text.h"
 #include "http/xml.h"
 #include "registry/app_registry.h"
 #include "registry/reg_messages.h"

@@ -15,10 +15,10 @@
 #include <memory>
 #include <string_view>
 
+#include "base/sync.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/log.h"
-#include "frame/sync.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "http/xml.h"
 #include "registry/app_registry.h"
 #include "resume/resume_list.h"

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <memory>
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "frame/log.h"
-#include "frame/text.h"
 
 Mutex resume_lock;
 ResumeLink ResumeList GUARDED_BY(resume_lock) = {&ResumeList, &ResumeList};

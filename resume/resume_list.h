@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "frame/sync.h"
+#include "base/sync.h"
 #include "update/filename_list.h"
 
 // States of a file. Only a file that was not fetched has nothing on disk.

@@ -7,11 +7,11 @@
 #include <memory>
 
 #include "admin/admin.h"
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
 #include "frame/report.h"
-#include "frame/text.h"
 #include "http/status.h"
 
 tq_thread* resume_timer GUARDED_BY(resume_lock) = nullptr;

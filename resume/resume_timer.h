@@ -4,8 +4,8 @@
 // Threads: as each call says.
 #pragma once
 
+#include "base/sync.h"
 #include "frame/platform/tq_thread.h"
-#include "frame/sync.h"
 #include "resume/resume_list.h"
 #include "update/update_run.h"
 

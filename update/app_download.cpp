@@ -7,9 +7,9 @@
 
 #include <cstring>
 
+#include "base/text.h"
 #include "frame/log.h"
 #include "frame/paths.h"
-#include "frame/text.h"
 #include "http/xml.h"
 #include "registry/update_request.h"
 #include "resume/resume_file.h"

@@ -4,11 +4,11 @@
 #include <cstring>
 #include <memory>
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "config/settings.h"
 #include "frame/log.h"
 #include "frame/platform/client_new.h"
-#include "frame/text.h"
 #include "http/connection.h"
 #include "http/xml.h"
 #include "update/progress.h"

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <atomic>
 
-#include "frame/sync.h"
-#include "frame/text.h"
+#include "base/sync.h"
+#include "base/text.h"
 #include "update/update_run.h"
 
 // Guards the state: held only to test and set it.

@@ -1,11 +1,11 @@
 // The operator's reports.
 #include "update/update_reports.h"
 
+#include "base/text.h"
 #include "config/server_list.h"
 #include "config/settings.h"
 #include "frame/identity.h"
 #include "frame/report.h"
-#include "frame/text.h"
 #include "registry/app_registry.h"
 #include "update/progress.h"
 

@@ -2,11 +2,11 @@
 // earlier one has updated every app: each may know apps that the others don't.
 #include "update/update_run.h"
 
+#include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
 #include "frame/platform/client_new.h"
-#include "frame/text.h"
 #include "http/version_reply.h"
 #include "http/xml.h"
 #include "update/app_download.h"

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "frame/text.h"
+#include "base/text.h"
 #include "host/client_new/cli_protocol.h"
 
 namespace client_new {

@@ -10,9 +10,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/platform/syslog_new.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "host/client_new/cli_protocol.h"
 #include "host/client_new/command.h"
 

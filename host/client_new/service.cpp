@@ -17,8 +17,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/text.h"
 #include "frame/platform/syslog_new.h"
-#include "frame/text.h"
 #include "host/client_new/command.h"
 #include "host/client_new/match.h"
 #include "host/client_new/modes.h"

@@ -13,9 +13,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/sync.h"
+#include "base/unique_fd.h"
 #include "frame/platform/tq_thread.h"
-#include "frame/sync.h"
-#include "frame/unique_fd.h"
 #include "host/client_new/cli_protocol.h"
 
 namespace client_new {

@@ -10,8 +10,8 @@
 #include <memory>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "frame/platform/tqsys.h"
-#include "frame/unique_fd.h"
 
 namespace {
 

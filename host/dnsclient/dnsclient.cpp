@@ -19,7 +19,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "frame/text.h"
+#include "base/text.h"
 
 namespace {
 

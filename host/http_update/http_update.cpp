@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "frame/sync.h"
+#include "base/sync.h"
 #include "host/http_update/deadline.h"
 
 static_assert(sizeof(http_update_packet_header) == HTTP_UPDATE_PACKET_HEADER_SIZE);

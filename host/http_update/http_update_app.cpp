@@ -15,10 +15,10 @@
 
 #include <new>
 
+#include "base/sync.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/platform/http_update.h"
-#include "frame/sync.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "host/http_update/app_request.h"
 #include "host/http_update/deadline.h"
 

@@ -13,7 +13,7 @@
 #include <memory>
 #include <string_view>
 
-#include "frame/text.h"
+#include "base/text.h"
 #include "host/http_util/partial_file.h"
 #include "host/http_util/progress.h"
 #include "host/http_util/resolve.h"

@@ -6,9 +6,9 @@
 #include <dlfcn.h>
 #include <string.h>
 
+#include "base/sync.h"
+#include "base/text.h"
 #include "frame/platform/syslog_new.h"
-#include "frame/sync.h"
-#include "frame/text.h"
 #include "host/http_util/engine.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "frame/text.h"
+#include "base/text.h"
 #include "host/http_util/engine.h"
 
 namespace {

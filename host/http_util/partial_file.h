@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 
 constexpr size_t VALIDATOR_SIZE = 256;
 constexpr size_t RESOURCE_SIZE = 1024;

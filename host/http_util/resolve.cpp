@@ -12,9 +12,9 @@
 #include <memory>
 #include <new>
 
+#include "base/sync.h"
+#include "base/text.h"
 #include "frame/platform/dnsclient.h"
-#include "frame/sync.h"
-#include "frame/text.h"
 #include "host/http_util/engine.h"
 
 namespace {

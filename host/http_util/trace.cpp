@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/text.h"
 #include "frame/platform/syslog_new.h"
-#include "frame/text.h"
 
 namespace {
 

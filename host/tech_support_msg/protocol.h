@@ -21,7 +21,7 @@
 #include <stdlib.h>
 #include <sys/un.h>
 
-#include "frame/text.h"
+#include "base/text.h"
 
 constexpr size_t TECH_SUPPORT_REQUEST_MAX = 64;  // with its line end
 constexpr size_t TECH_SUPPORT_CONNECTION_MAX = 4;

@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "host/tq_thread/tq_thread_host.h"
 

@@ -16,7 +16,7 @@
 
 #include <string_view>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace {
 

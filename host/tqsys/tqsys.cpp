@@ -15,8 +15,8 @@
 
 #include <string_view>
 
-#include "frame/text.h"
-#include "frame/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "frame/sync.h"
+#include "base/sync.h"
 #include "tests/fakes/fakes.h"
 
 struct FakeTask : tq_thread {

@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/sync.h"
 #include "frame/platform/client_new.h"
 #include "frame/platform/http_util.h"
 #include "frame/platform/tech_support_msg.h"
 #include "frame/platform/tq_thread.h"
-#include "frame/sync.h"
 
 namespace fakes {
 

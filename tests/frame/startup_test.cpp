@@ -1,5 +1,5 @@
 // Start-up steps, directories, identity, watchdog.
-#include "frame/startup.h"
+#include "frame/roof/startup.h"
 
 #include <sched.h>
 #include <sys/stat.h>

@@ -12,9 +12,9 @@
 #include <future>
 #include <thread>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "config/config_commands.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "host/client_new/cli_protocol.h"
 #include "host/client_new/match.h"
 #include "host/client_new/running_config.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-#include "frame/text.h"
-#include "frame/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/http_update/app_request.h"
 #include "host/http_update/deadline.h"
 #include "host/http_update/http_update_app.h"

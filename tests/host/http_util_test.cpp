@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/http_util/engine.h"
 #include "tests/support/temp_dir.h"
 

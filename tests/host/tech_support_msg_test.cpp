@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "tests/support/temp_dir.h"
 

@@ -6,8 +6,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "frame/text.h"
-#include "frame/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

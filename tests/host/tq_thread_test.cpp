@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-#include "frame/sync.h"
-#include "frame/unique_fd.h"
+#include "base/sync.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <atomic>
 #include <thread>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/log.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "http/socket_io.h"
 #include "tests/fakes/fakes.h"
 

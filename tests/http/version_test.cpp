@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <future>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
 #include "frame/log.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "http/check_version.h"
 #include "http/version_reply.h"
 #include "tests/fakes/fakes.h"

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/platform/http_update.h"
-#include "frame/text.h"
-#include "frame/unique_fd.h"
 #include "registry/app_registry.h"
 #include "registry/reg_messages.h"
 #include "registry/reg_server.h"

@@ -10,7 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "frame/text.h"
+#include "base/text.h"
 
 using client_new::Frame;
 using client_new::FrameReader;

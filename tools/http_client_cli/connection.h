@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/client_new/cli_protocol.h"
 
 // What woke the program while it waited.

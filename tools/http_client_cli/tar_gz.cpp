@@ -6,8 +6,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "frame/text.h"
-#include "frame/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "tar_gz.h"
 

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "frame/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace {
 

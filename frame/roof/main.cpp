@@ -13,11 +13,11 @@
 
 #include "admin/admin.h"
 #include "config/server_list.h"
-#include "frame/commands.h"
 #include "frame/identity.h"
 #include "frame/log.h"
 #include "frame/paths.h"
-#include "frame/startup.h"
+#include "frame/roof/commands.h"
+#include "frame/roof/startup.h"
 #include "resume/resume_file.h"
 
 int main(int argc, char** argv) {

@@ -1,6 +1,6 @@
 // Process start-up. There is no orderly stop: the daemon runs until it is
 // killed, so nothing here is ever undone.
-#include "frame/startup.h"
+#include "frame/roof/startup.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -13,12 +13,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "frame/debug.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/platform/cpurule.h"
 #include "frame/platform/tq_proc_ham.h"
-#include "frame/unique_fd.h"
 
 static constexpr char PROCESS_NAME[] = "http_client";
 static constexpr char PROGRAM[] = "./http_client.elf";

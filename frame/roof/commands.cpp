@@ -1,6 +1,6 @@
 // Command and technical-support registration. The trees and reports belong to
 // the modules named in the includes.
-#include "frame/commands.h"
+#include "frame/roof/commands.h"
 
 #include "config/config_commands.h"
 #include "frame/debug.h"
