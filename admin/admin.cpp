@@ -18,6 +18,7 @@
 #include "frame/log.h"
 #include "frame/platform/tq_proc_ham.h"
 #include "frame/roof/startup.h"
+#include "registry/app_registry.h"
 #include "registry/reg_server.h"
 #include "resume/resume_timer.h"
 #include "update/progress.h"

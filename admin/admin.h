@@ -8,6 +8,7 @@
 
 #include "frame/platform/tq_thread.h"
 #include "http/status.h"
+#include "registry/app_set.h"
 
 // The admin thread's loop. Written once by that thread, used on it alone.
 extern tq_thread_master* http_update_admin_master;

@@ -10,6 +10,7 @@
 #include "frame/log.h"
 #include "http/status.h"
 #include "http/version_reply.h"
+#include "registry/app_registry.h"
 
 // Room for the heading and every app's name.
 static constexpr size_t APPS_LINE_SIZE = 704;

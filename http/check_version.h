@@ -6,7 +6,7 @@
 
 #include "frame/platform/client_new.h"
 #include "http/xml.h"
-#include "registry/app_registry.h"
+#include "registry/app_set.h"
 
 // Handler of the command: starts a thread that carries it out and ends it.
 void http_check_version_cmd(cli_record* record);

@@ -30,17 +30,3 @@ const char* update_status_str(UpdateStatus code) {
 const char* update_status_prefix(UpdateStatus code) {
     return code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE ? "%warning: " : "%notice: ";
 }
-
-bool app_set_is_empty(const AppSet& set) {
-    for (const uint64_t word : set.words) {
-        if (word != 0) return false;
-    }
-    return true;
-}
-
-void app_set_and(const AppSet* first, const AppSet* second, AppSet* result) {
-    if (first == nullptr || second == nullptr || result == nullptr) return;
-    for (size_t i = 0; i < APP_SET_WORDS; i++) {
-        result->words[i] = first->words[i] & second->words[i];
-    }
-}

@@ -5,8 +5,6 @@
 
 #include <cstdint>
 
-#include "registry/app_registry.h"
-
 using UpdateStatus = uint32_t;
 constexpr UpdateStatus UPDATE_OK = 0;
 constexpr UpdateStatus UPDATE_NO_APPS = 1;
@@ -32,9 +30,3 @@ constexpr UpdateStatus UPDATE_NOTIFY_FAIL = 16;
 // "%warning: " or "%notice: ". It holds a percent sign: always an argument of a
 // format, never the format. A report line is "%s%s\n" of prefix and message.
 [[nodiscard]] const char* update_status_prefix(UpdateStatus code);
-
-[[nodiscard]] bool app_set_is_empty(const AppSet& set);
-
-// result becomes the slots that are in both sets. Missing arguments leave it
-// untouched.
-void app_set_and(const AppSet* first, const AppSet* second, AppSet* result);

@@ -18,6 +18,7 @@
 #include "frame/identity.h"
 #include "frame/log.h"
 #include "http/exchange.h"
+#include "registry/app_registry.h"
 
 static constexpr char REGISTER_KEY[] = "3f6a2d9e81c47b05e9d2a6c4f01b738e";
 static constexpr size_t FORM_SIZE = 1024;       // of the form and of each app's pair

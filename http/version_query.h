@@ -7,7 +7,7 @@
 #include "buffer/comm_buf.h"
 #include "config/server_list.h"
 #include "http/status.h"
-#include "registry/app_registry.h"
+#include "registry/app_set.h"
 
 // Sends the query for the apps of asked on the server's connection. An app that
 // is busy or has no version is left out; sent becomes the apps that were put in.

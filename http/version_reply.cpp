@@ -9,6 +9,7 @@
 #include "http/connection.h"
 #include "http/exchange.h"
 #include "http/version_query.h"
+#include "registry/app_registry.h"
 
 static void disconnect(UpdateServer* server) {
     (void)close(server->socket);  // everything that matters has been read

@@ -8,7 +8,7 @@
 #include "config/server_list.h"
 #include "http/status.h"
 #include "http/xml.h"
-#include "registry/app_registry.h"
+#include "registry/app_set.h"
 
 // Asks the server about the apps of asked. The reply with status UPDATE_OK, and
 // in updated the apps that were asked about and are listed; or none, with status

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "base/sync.h"
+#include "registry/app_set.h"
 
 constexpr int APP_REG_MAX = 20;
 constexpr size_t APP_NAME_SIZE = 32;
@@ -32,20 +33,6 @@ struct AppEntry {
     uint32_t flags;
 };
 static_assert(sizeof(AppEntry) == 200 && std::is_trivially_copyable_v<AppEntry>);
-
-// A set of slots, copied whole between threads.
-constexpr size_t APP_SET_WORDS = 1024;
-struct AppSet {
-    uint64_t words[APP_SET_WORDS];
-};
-static_assert(std::is_trivially_copyable_v<AppSet>);
-
-inline void app_set_insert(AppSet* set, int slot) {
-    set->words[slot / 64] |= uint64_t{1} << (slot % 64);
-}
-[[nodiscard]] inline bool app_set_contains(const AppSet& set, int slot) {
-    return (set.words[slot / 64] >> (slot % 64) & 1) != 0;
-}
 
 // Results of reg_app_add; they travel to the app in the registration reply.
 constexpr int REG_OK = 0;

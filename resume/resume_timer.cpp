@@ -13,6 +13,7 @@
 #include "frame/log.h"
 #include "frame/report.h"
 #include "http/status.h"
+#include "registry/app_registry.h"
 
 tq_thread* resume_timer GUARDED_BY(resume_lock) = nullptr;
 

@@ -11,6 +11,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "http/xml.h"
+#include "registry/app_registry.h"
 #include "registry/update_request.h"
 #include "resume/resume_file.h"
 #include "resume/resume_list.h"

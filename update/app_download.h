@@ -6,7 +6,7 @@
 #include <libxml/tree.h>
 
 #include "http/status.h"
-#include "registry/app_registry.h"
+#include "registry/app_set.h"
 
 // One server's pass over the apps of the set. UPDATE_BAD_REPLY when the document
 // is no reply, else UPDATE_OK: the outcome of each app is in the results of the

@@ -9,6 +9,7 @@
 #include "frame/platform/client_new.h"
 #include "http/version_reply.h"
 #include "http/xml.h"
+#include "registry/app_registry.h"
 #include "update/app_download.h"
 #include "update/progress.h"
 

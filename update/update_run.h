@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "http/status.h"
-#include "registry/app_registry.h"
+#include "registry/app_set.h"
 
 constexpr uint32_t UPDATE_RUN_DAILY = 0;
 constexpr uint32_t UPDATE_RUN_COMMAND = 1;

@@ -4,6 +4,7 @@
 
 #include "http/check_version.h"
 #include "http/version_reply.h"
+#include "registry/app_registry.h"
 #include "tests/fakes/fakes.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

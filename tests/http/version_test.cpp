@@ -13,6 +13,7 @@
 #include "frame/log.h"
 #include "http/check_version.h"
 #include "http/version_reply.h"
+#include "registry/app_registry.h"
 #include "tests/fakes/fakes.h"
 
 constexpr int APP_FD = 1000;

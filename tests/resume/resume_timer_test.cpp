@@ -8,6 +8,7 @@
 #include "admin/admin.h"
 #include "config/server_list.h"
 #include "frame/report.h"
+#include "registry/app_registry.h"
 #include "tests/resume/resume_fixture.h"
 
 tq_thread_master* http_update_admin_master = nullptr;
