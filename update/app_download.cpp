@@ -18,7 +18,7 @@
 #include "update/download.h"
 #include "update/filename_list.h"
 #include "update/progress.h"
-#include "update/update_run.h"
+#include "update/run_kind.h"
 
 namespace {
 

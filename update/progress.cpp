@@ -6,7 +6,7 @@
 
 #include "base/sync.h"
 #include "base/text.h"
-#include "update/update_run.h"
+#include "update/run_kind.h"
 
 // Guards the state: held only to test and set it.
 static Mutex update_mutex;

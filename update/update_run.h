@@ -7,11 +7,7 @@
 
 #include "http/status.h"
 #include "registry/app_set.h"
-
-constexpr uint32_t UPDATE_RUN_DAILY = 0;
-constexpr uint32_t UPDATE_RUN_COMMAND = 1;
-constexpr uint32_t UPDATE_RUN_RESUME = 2;
-constexpr uint32_t UPDATE_RUN_BACKGROUND = 3;
+#include "update/run_kind.h"
 
 // Called once a server, when its pass has ended.
 using UpdateReportFn = void (*)(const AppSet& requested, uint32_t kind, const char* host,
