@@ -14,10 +14,9 @@
 
 #include "config/server_list.h"
 #include "config/settings.h"
+#include "frame/health.h"
 #include "frame/identity.h"
 #include "frame/log.h"
-#include "frame/platform/tq_proc_ham.h"
-#include "frame/roof/startup.h"
 #include "registry/app_registry.h"
 #include "registry/reg_server.h"
 #include "resume/resume_timer.h"
@@ -28,9 +27,6 @@ static constexpr long TIMER_S = 60;
 static constexpr int DAILY_INTERVAL_S = 600;  // a run starts within this after its time
 static constexpr int DAILY_APART_S = 3600;    // between the end of a run and the next start
 static constexpr int DAY_S = 86400;
-
-// The health monitor's own number for a registration that is tried again.
-static constexpr int HAM_RETRY_ACTION = 1;
 
 tq_thread_master* http_update_admin_master = nullptr;
 
@@ -188,12 +184,6 @@ int http_update_admin_reg_install(tq_thread_master* master) {
 
 // --- public timer, on the main loop
 
-static void ham_retry() {
-    if (ham_registered || reg_process_exit_action(0, HAM_RETRY_ACTION) != 0) return;
-    ham_registered = true;
-    http_client_debug_print(HTTPC_LOG_INFO, "ham reg success");
-}
-
 static void identity_retry() {
     struct Field {
         bool empty;
@@ -217,7 +207,7 @@ static void identity_retry() {
 }
 
 int http_update_admin_public_timer(tq_thread* task) {
-    ham_retry();
+    http_client_retry_ham();
     identity_retry();
     if (!s_reg_installed) {
         s_reg_installed = reg_server_install(task->master) >= 0;

@@ -13,12 +13,17 @@
 
 #include "admin/admin.h"
 #include "config/server_list.h"
+#include "frame/health.h"
 #include "frame/identity.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "frame/platform/tq_thread.h"
 #include "frame/roof/commands.h"
 #include "frame/roof/startup.h"
 #include "resume/resume_file.h"
+
+// The main thread's event loop; never destroyed.
+static tq_thread_master* http_client_master = nullptr;
 
 int main(int argc, char** argv) {
     // One heap for all threads: few allocate at the same time, and what a run has

@@ -18,20 +18,9 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/platform/cpurule.h"
-#include "frame/platform/tq_proc_ham.h"
 
 static constexpr char PROCESS_NAME[] = "http_client";
 static constexpr char PROGRAM[] = "./http_client.elf";
-
-// The health monitor's own numbers, see tq_proc_ham.h.
-static constexpr int HAM_EXIT_KIND = 0;
-static constexpr int HAM_EXIT_ACTION = 2;
-static constexpr int HAM_TIMEOUT_S = 120;
-static constexpr int HAM_TIMEOUT_ACTION = 3;
-static constexpr long FEED_DOG_S = 60;
-
-tq_thread_master* http_client_master = nullptr;
-bool ham_registered = false;
 
 static void http_client_usage() {
     printf("Error: invalid option\r\n");
@@ -108,39 +97,9 @@ void http_client_bind_cpus() {
     (void)sched_setaffinity(getpid(), sizeof(request.cpus), &request.cpus);  // best effort
 }
 
-void http_client_registe_ham() {
-    ham_registered = reg_process_exit_action(HAM_EXIT_KIND, HAM_EXIT_ACTION) >= 0;
-    if (!ham_registered)
-        http_client_debug_dump("[%s %d]<-->http-client register ham fail", __func__, __LINE__);
-}
-
 void http_client_signal_init() {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     (void)sigemptyset(&ignore.sa_mask);
     (void)sigaction(SIGPIPE, &ignore, nullptr);  // can't fail for SIGPIPE
-}
-
-static bool feed_dog_arm(tq_thread_master* master) {
-    return tq_thread_add_timer_withname(master, http_client_feed_dog, nullptr, FEED_DOG_S,
-                                        "ham-ntfy") != nullptr;
-}
-
-void http_client_dead_detection(tq_thread_master* master) {
-    if (ham_client_reg_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0) {
-        http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify failed.", __func__, __LINE__);
-        return;
-    }
-    http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify success.", __func__, __LINE__);
-    if (!feed_dog_arm(master))
-        http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
-}
-
-int http_client_feed_dog(tq_thread* task) {
-    if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0)
-        http_client_debug_dump("[%s %d]: ham_client_reset_thread_notify failed.", __func__,
-                               __LINE__);
-    if (!feed_dog_arm(task->master))
-        http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
-    return 0;
 }

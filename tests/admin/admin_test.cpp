@@ -8,8 +8,8 @@
 
 #include "config/server_list.h"
 #include "config/settings.h"
+#include "frame/health.h"
 #include "frame/identity.h"
-#include "frame/roof/startup.h"
 #include "tests/registry/registry_fixture.h"
 #include "update/progress.h"
 

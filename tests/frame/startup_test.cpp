@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "frame/health.h"
 #include "frame/identity.h"
 #include "tests/frame/frame_fixture.h"
 
