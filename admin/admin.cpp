@@ -119,6 +119,7 @@ static void* http_update_admin_tqthread(void* /*argument*/) {
         http_client_debug_dump("[%s %d]<-->add timer fail", __func__, __LINE__);
         _exit(EXIT_FAILURE);
     }
+    resume_timer_init(http_update_admin_master);
     resume_timer_add(RESUME_START_DELAY_S);
     tq_thread task{};
     while (tq_thread_fetch(http_update_admin_master, &task) != nullptr) tq_thread_call(&task);

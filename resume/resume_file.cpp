@@ -22,7 +22,6 @@
 #include "http/xml.h"
 #include "registry/app_registry.h"
 #include "resume/resume_list.h"
-#include "resume/resume_timer.h"
 
 // Fifty times the apps that can be registered. A file with more is broken, and
 // each entry would cost five resume runs before it is given up.
@@ -45,7 +44,6 @@ void resume_init() {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->no exist", resume_file_path);
 
     MutexLock guard(resume_lock);
-    resume_timer = nullptr;
     resume_changed = false;
 }
 

@@ -18,8 +18,8 @@ constexpr char RESUME_FILE[] = "/oam/http_client/http_recode.txt";  // below the
 // Full path; set by resume_init.
 extern char resume_file_path[PATH_SIZE];
 
-// Start-up: full retry budget, no timer, and the list as the file has it, last
-// app first. A file that is missing or damaged costs what can't be read.
+// Start-up: full retry budget, and the list as the file has it, last app first. A
+// file that is missing or damaged costs what can't be read.
 void resume_init();
 
 // Brings the file up to date if the list has changed. A crash leaves the old or

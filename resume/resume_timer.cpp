@@ -6,7 +6,6 @@
 #include <ctime>
 #include <memory>
 
-#include "admin/admin.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -15,7 +14,13 @@
 #include "http/status.h"
 #include "registry/app_registry.h"
 
-tq_thread* resume_timer GUARDED_BY(resume_lock) = nullptr;
+// The timer's loop. Admin thread.
+static tq_thread_master* s_loop = nullptr;
+
+// Handle of the pending timer, or null. Written on the admin thread; cleared
+// under the lock as its callback starts, so that who reads it under the lock may
+// query it.
+static tq_thread* resume_timer GUARDED_BY(resume_lock) = nullptr;
 
 int resume_delay() {
     constexpr int delay_min = 30;
@@ -37,14 +42,18 @@ static void set_timer(tq_thread* timer) {
     resume_timer = timer;
 }
 
+void resume_timer_init(tq_thread_master* loop) {
+    s_loop = loop;
+    set_timer(nullptr);
+}
+
 void resume_timer_add(int seconds) {
     if (resume_empty()) {
         resume_retry_count = RESUME_RETRY_MAX;
         return;
     }
     if (pending_timer() != nullptr) return;
-    tq_thread* timer =
-        tq_thread_add_timer(http_update_admin_master, resume_timer_proc, nullptr, seconds);
+    tq_thread* timer = tq_thread_add_timer(s_loop, resume_timer_proc, nullptr, seconds);
     if (timer == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "http update add timer fail");
         http_client_debug_dump("http update resume add timer fail");

@@ -12,10 +12,9 @@
 // Delay before the first resume run after the admin thread's start, in seconds.
 constexpr int RESUME_START_DELAY_S = 1800;
 
-// Handle of the pending timer, or null. Written on the admin thread; cleared
-// under the lock as its callback starts, so that who reads it under the lock may
-// query it.
-extern tq_thread* resume_timer GUARDED_BY(resume_lock);
+// Start-up, on the admin thread, before any other call: the loop that the timer
+// runs on from now. None is pending.
+void resume_timer_init(tq_thread_master* loop);
 
 // A delay drawn at random, 1800 to 7200 seconds. Any thread.
 [[nodiscard]] int resume_delay();

@@ -5,16 +5,14 @@
 #include <functional>
 #include <thread>
 
-#include "admin/admin.h"
 #include "config/server_list.h"
 #include "frame/report.h"
 #include "registry/app_registry.h"
 #include "tests/resume/resume_fixture.h"
 
-tq_thread_master* http_update_admin_master = nullptr;
-
 static std::function<UpdateStatus(const AppSet&)> s_run;
 static int s_runs = 0;
+static tq_thread_master* s_loop = nullptr;
 
 UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateReportFn report,
                              unsigned selector) {
@@ -30,18 +28,19 @@ class ResumeTimerTest : public ResumeTest {
   protected:
     void SetUp() override {
         ResumeTest::SetUp();
-        http_update_admin_master = tq_thread_master_create();
+        s_loop = tq_thread_master_create();
+        resume_timer_init(s_loop);
         s_run = [](const AppSet&) { return UPDATE_NO_APPS; };
         s_runs = 0;
     }
-    void TearDown() override { tq_thread_master_finish(http_update_admin_master); }
+    void TearDown() override { tq_thread_master_finish(s_loop); }
     // Seconds until the timer; -1 for none.
     static long Pending() {
-        const auto timers = fakes::Timers(http_update_admin_master);
+        const auto timers = fakes::Timers(s_loop);
         EXPECT_LE(timers.size(), 1U);
         return timers.empty() ? -1 : timers[0];
     }
-    static void Fire() { fakes::Advance(http_update_admin_master, Pending()); }
+    static void Fire() { fakes::Advance(s_loop, Pending()); }
     static std::string Show() {
         resume_show(REPORT_TERMINAL);
         return fakes::Terminal();
@@ -61,7 +60,7 @@ TEST_F(ResumeTimerTest, TimerIsArmedOnceAndOnlyForAList) {
     EXPECT_EQ(Show().find("retry-time"), std::string::npos);
 
     resume_timer_add(RESUME_START_DELAY_S);
-    fakes::Advance(http_update_admin_master, 100);
+    fakes::Advance(s_loop, 100);
     resume_timer_add(7200);
     EXPECT_EQ(Pending(), 1700);
     resume_free_first();
@@ -98,7 +97,7 @@ TEST_F(ResumeTimerTest, ShowPrintsTheTimeLeftInEveryZone) {
     tzset();
     ASSERT_EQ(Add("sixteen-letters-", {"%s"}, 0), 0);
     resume_timer_add(7200);
-    fakes::Advance(http_update_admin_master, 3539);
+    fakes::Advance(s_loop, 3539);
     const std::string shown = Show();
     EXPECT_HAS(shown, "retry-count: 5\nretry-time: 01:01:01\napp-name ");
     EXPECT_HAS(shown, "\nsixteen-letters 1   " + dir_ / "%s" + "  ");
