@@ -3,10 +3,10 @@
 // the record of which files on disk belong to unfinished updates: an app that is
 // dropped takes along those of its files that nobody needs any more.
 //
-// Threads: any. Every operation takes resume_lock itself; it is a leaf lock,
-// never held while a file is deleted, a run goes on or, unless an entry can't be
-// written to the resume file, a line is logged. Entries are handed out as copies
-// only.
+// Threads: any. Every operation takes resume_lock itself, except the two for walks:
+// who walks the list holds it, and keeps no pointer to an entry when letting go.
+// It is a leaf lock, never held while a file is deleted, a run goes on or, unless
+// an entry can't be written to the resume file, a line is logged.
 #pragma once
 
 #include <atomic>
