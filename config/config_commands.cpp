@@ -9,8 +9,8 @@
 
 #include "config/server_list.h"
 #include "config/settings.h"
+#include "frame/ipv4_text.h"
 #include "frame/log.h"
-#include "http/connection.h"
 
 namespace {
 

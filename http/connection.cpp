@@ -1,6 +1,5 @@
 #include "http/connection.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 
 #include <cerrno>
@@ -11,19 +10,12 @@
 #include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
+#include "frame/ipv4_text.h"
 #include "frame/log.h"
 #include "frame/platform/dnsclient.h"
 
 // Linux bounds a blocking connect by the send time-out.
 static constexpr timeval CONNECT_TIMEOUT{3, 0};
-
-int ipv4_text_to_addr(const char* text, in_addr_t* address) {
-    if (text == nullptr || address == nullptr) return 0;
-    const in_addr_t value = inet_addr(text);
-    if (value == INADDR_NONE) return 0;
-    *address = value;
-    return 1;
-}
 
 // True once the DNS client is ready. A start-up without network leaves that to
 // the first connection; initialising twice, from two threads, does no harm.

@@ -10,11 +10,6 @@
 #include "config/server_list.h"
 #include "http/status.h"
 
-// Converts dotted text, by the rules of inet_addr (short and hexadecimal forms
-// too), into network byte order. 1; or 0 for a missing argument, other text, and
-// 255.255.255.255, which inet_addr can't tell from an error.
-[[nodiscard]] int ipv4_text_to_addr(const char* text, in_addr_t* address);
-
 // Address of a host, network byte order: dotted text is converted, anything else
 // asked for at the name service, from the source address. 1; 0 when there is
 // none, with the reason logged.

@@ -7,9 +7,9 @@
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/settings.h"
+#include "frame/ipv4_text.h"
 #include "frame/log.h"
 #include "frame/platform/client_new.h"
-#include "http/connection.h"
 #include "http/xml.h"
 #include "update/progress.h"
 
