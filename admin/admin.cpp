@@ -63,7 +63,7 @@ int http_update_admin_time_check() {
     return 0;
 }
 
-void http_update_admin_report(const AppSet& /*requested*/, uint32_t kind, const char* host,
+void http_update_admin_report(const AppSet& /*requested*/, UpdateRunKind kind, const char* host,
                               UpdateStatus status) {
     if (status != UPDATE_OK)
         http_client_debug_print(HTTPC_LOG_INFO, "update from server %s: %s", host,

@@ -9,6 +9,7 @@
 #include "frame/platform/tq_thread.h"
 #include "http/status.h"
 #include "registry/app_set.h"
+#include "update/run_kind.h"
 
 // The admin thread's loop. Written once by that thread, used on it alone.
 extern tq_thread_master* http_update_admin_master;
@@ -30,7 +31,7 @@ int http_update_admin_public_timer(tq_thread* task);
 [[nodiscard]] int http_update_admin_time_check();
 
 // Report of the daily run's passes.
-void http_update_admin_report(const AppSet& requested, uint32_t kind, const char* host,
+void http_update_admin_report(const AppSet& requested, UpdateRunKind kind, const char* host,
                               UpdateStatus status);
 
 // 0 to n - 1; a number in [0, 1); draws the default time. Main thread, before

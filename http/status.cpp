@@ -1,5 +1,7 @@
 #include "http/status.h"
 
+#include <iterator>
+
 // The texts are what operators' scripts know, odd spellings included.
 static constexpr const char* STATUS_TEXTS[] = {
     "Notice the business module to upgrade successfully.",
@@ -20,11 +22,10 @@ static constexpr const char* STATUS_TEXTS[] = {
     "Download failed.",
     "Notice failed the business module to upgrade.",
 };
-static constexpr UpdateStatus STATUS_COUNT = sizeof(STATUS_TEXTS) / sizeof(STATUS_TEXTS[0]);
-static_assert(STATUS_COUNT == UPDATE_NOTIFY_FAIL + 1);
+static_assert(std::size(STATUS_TEXTS) == UPDATE_NOTIFY_FAIL + 1);
 
 const char* update_status_str(UpdateStatus code) {
-    return code < STATUS_COUNT ? STATUS_TEXTS[code] : "Unknown error.";
+    return code < std::size(STATUS_TEXTS) ? STATUS_TEXTS[code] : "Unknown error.";
 }
 
 const char* update_status_prefix(UpdateStatus code) {

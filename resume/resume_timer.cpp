@@ -92,7 +92,7 @@ int resume_timer_proc(tq_thread*) {
     return 0;
 }
 
-void resume_report(const AppSet&, uint32_t, const char* host, UpdateStatus status) {
+void resume_report(const AppSet&, UpdateRunKind, const char* host, UpdateStatus status) {
     if (status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_INFO, "resume: update from server %s: %s", host,
                                 update_status_str(status));

@@ -27,7 +27,8 @@ void resume_timer_add(int seconds);
 int resume_timer_proc(tq_thread* task);
 
 // UpdateReportFn of resume runs.
-void resume_report(const AppSet& requested, uint32_t kind, const char* host, UpdateStatus status);
+void resume_report(const AppSet& requested, UpdateRunKind kind, const char* host,
+                   UpdateStatus status);
 
 // The report of the list: to the operator's terminal when output is 1, to
 // technical support when it is 0. Main thread.

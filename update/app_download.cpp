@@ -18,11 +18,17 @@
 #include "update/download.h"
 #include "update/filename_list.h"
 #include "update/progress.h"
-#include "update/run_kind.h"
 
 namespace {
 
-// The files of one app's pass.
+// One app's turn in a pass.
+struct AppTurn {
+    DownloadPass& pass;
+    xmlNodePtr app;  // its element of the reply
+    const AppEntry& entry;
+};
+
+// The files of one app's turn.
 struct AppFiles {
     FilenameArray paths = nullptr;
     int32_t count = 0;
@@ -37,10 +43,6 @@ struct AppFiles {
 const char* last_component(const char* path) {
     const char* slash = strrchr(path, '/');
     return slash == nullptr ? path : slash + 1;
-}
-
-bool kind_is_by_operator(uint32_t kind) {
-    return kind == UPDATE_RUN_COMMAND || kind == UPDATE_RUN_BACKGROUND;
 }
 
 // The app's own save path, else the one that the reply gives.
@@ -95,61 +97,64 @@ int filename_update(const AppEntry& entry, xmlNodePtr app, FilenameArray array, 
     return 0;
 }
 
-// The paths of this pass: the stored ones in a resume run, else those of the
+// The paths of this turn: the stored ones in a resume run, else those of the
 // reply. On failure the result says what to record for the app.
-UpdateStatus app_files_get(xmlNodePtr app, const AppEntry& entry, uint32_t kind, AppFiles* files) {
-    if (kind == UPDATE_RUN_RESUME) {
+UpdateStatus app_files_get(const AppTurn& turn, AppFiles* files) {
+    const AppEntry& entry = turn.entry;
+    if (turn.pass.kind == UPDATE_RUN_RESUME) {
         files->paths = resume_get(entry.name, &files->count);
         return files->paths == nullptr ? UPDATE_NO_MEMORY : UPDATE_OK;
     }
-    if (filename_count(app, &files->count, &files->paths) != 0) {
+    if (filename_count(turn.app, &files->count, &files->paths) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "parse filecnt failed");
         return UPDATE_BAD_REPLY;
     }
-    if (filename_update(entry, app, files->paths, files->count) != 0) {
+    if (filename_update(entry, turn.app, files->paths, files->count) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "parse file failed");
         return UPDATE_BAD_REPLY;
     }
     return UPDATE_OK;
 }
 
-UpdateStatus app_file_fetch(xmlNodePtr app, const AppEntry& entry, const char* path) {
+UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
+    const char* app_name = turn.entry.name;
     const char* name = last_component(path);
-    const xmlNodePtr file = xml_child_find_by_name(app, "file", name);
+    const xmlNodePtr file = xml_child_find_by_name(turn.app, "file", name);
     if (file == nullptr) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", entry.name, name);
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", app_name, name);
         return UPDATE_BAD_REPLY;
     }
-    http_client_debug_print(HTTPC_LOG_INFO, "apps_down_files-->[%s] find file_xml [%s]", entry.name,
+    http_client_debug_print(HTTPC_LOG_INFO, "apps_down_files-->[%s] find file_xml [%s]", app_name,
                             name);
     update_progress_begin_file(path);
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", path);
-    return down_file_try_downpaths(file, path);
+    return down_file_try_downpaths(&turn.pass, file, path);
 }
 
 // Every file is there: the app is told. The resume entry goes first, so that a
 // crash in between can't make a resume run fetch what the app already has.
-UpdateStatus finish_complete(xmlNodePtr app, const AppEntry& entry, uint32_t kind,
-                             const AppFiles& files) {
-    if (kind != UPDATE_RUN_RESUME) resume_free_app(entry.name, files.paths, files.done);
+UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
+    const char* name = turn.entry.name;
+    if (turn.pass.kind != UPDATE_RUN_RESUME) resume_free_app(name, files.paths, files.done);
     resume_write();
-    if (reg_update_req(app, entry.name, files.paths, files.done) >= 0) return UPDATE_OK;
+    if (reg_update_req(turn.app, name, files.paths, files.done) >= 0) return UPDATE_OK;
     filename_unlink(files.paths, files.done);
     return UPDATE_NOTIFY_FAIL;
 }
 
 // A daily or resume run failed: what can be resumed is kept and recorded.
-void finish_for_resume(xmlNodePtr app, const AppEntry& entry, uint32_t kind, const AppFiles& files,
-                       UpdateStatus result) {
+void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus result) {
+    const AppEntry& entry = turn.entry;
+    const bool daily = turn.pass.kind == UPDATE_RUN_DAILY;
     bool incremental = (entry.flags & APP_FLAG_INCREMENTAL) != 0 && files.done > 0;
     if (incremental) {
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->increme update", entry.name);
-        incremental = reg_update_req(app, entry.name, files.paths, files.done) >= 0;
+        incremental = reg_update_req(turn.app, entry.name, files.paths, files.done) >= 0;
     }
     bool recorded = false;
-    if (kind == UPDATE_RUN_DAILY || resume_retry_count.load(std::memory_order_relaxed) > 0) {
+    if (daily || resume_retry_count.load(std::memory_order_relaxed) > 0) {
         recorded = resume_add(entry.name, files.paths, files.count, files.done, incremental) == 0;
-        if (recorded && kind == UPDATE_RUN_DAILY)
+        if (recorded && daily)
             resume_retry_count.store(RESUME_RETRY_MAX, std::memory_order_relaxed);
     }
     FilenameArray failed_file = files.paths + files.done;
@@ -163,76 +168,69 @@ void finish_for_resume(xmlNodePtr app, const AppEntry& entry, uint32_t kind, con
     resume_write();
 }
 
-void apps_down_finish(xmlNodePtr app, const AppEntry& entry, int slot, const AppFiles& files) {
-    const uint32_t kind = update_progress_mode();
-    const UpdateStatus result = update_progress_result(slot);
-    if (result == UPDATE_DOWNLOADING) {
-        update_progress_set_result(slot, finish_complete(app, entry, kind, files));
-    } else if (kind_is_by_operator(kind)) {
-        resume_del_files(entry.name, files.paths, files.done + 1);
-    } else {
-        finish_for_resume(app, entry, kind, files, result);
-    }
+// result is that of the last file. Returns the app's.
+UpdateStatus apps_down_finish(const AppTurn& turn, const AppFiles& files, UpdateStatus result) {
+    if (result == UPDATE_OK) return finish_complete(turn, files);
+    if (run_is_by_operator(turn.pass.kind))
+        resume_del_files(turn.entry.name, files.paths, files.done + 1);
+    else
+        finish_for_resume(turn, files, result);
+    return result;
 }
 
-void apps_down_files(xmlNodePtr app, const AppEntry& entry, int slot) {
+UpdateStatus apps_down_files(const AppTurn& turn) {
     AppFiles files;
-    const UpdateStatus ready = app_files_get(app, entry, update_progress_mode(), &files);
-    if (ready != UPDATE_OK) {
-        update_progress_set_result(slot, ready);
-        return;
-    }
+    UpdateStatus result = app_files_get(turn, &files);
+    if (result != UPDATE_OK) return result;
     update_progress_begin_files(static_cast<uint32_t>(files.count));
-    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", entry.name, files.count);
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", turn.entry.name, files.count);
     while (files.done < files.count) {
-        const UpdateStatus result = app_file_fetch(app, entry, files.paths[files.done]);
-        if (result != UPDATE_OK) {
-            update_progress_set_result(slot, result);
-            break;
-        }
+        result = app_file_fetch(turn, files.paths[files.done]);
+        if (result != UPDATE_OK) break;
         files.done++;
         update_progress_file_done();
-        if ((entry.flags & APP_FLAG_ONE_FILE) != 0) break;
+        if ((turn.entry.flags & APP_FLAG_ONE_FILE) != 0) break;
     }
-    apps_down_finish(app, entry, slot, files);
+    return apps_down_finish(turn, files, result);
 }
 
-// One app of the pass. False ends the pass.
-bool app_down(xmlNodePtr root, const AppEntry& entry, int slot) {
+UpdateStatus app_down(DownloadPass& pass, xmlNodePtr root, const AppEntry& entry, int slot) {
     update_progress_begin_app(slot);
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", entry.name);
     const xmlNodePtr app = xml_child_find_by_name(root, "app", entry.name);
     if (app == nullptr) {
-        update_progress_set_result(slot, UPDATE_BAD_REPLY);
         http_client_debug_print(HTTPC_LOG_ERROR, "get app_xml %s fail", entry.name);
-        return true;
+        return UPDATE_BAD_REPLY;
     }
     http_client_debug_print(HTTPC_LOG_INFO, "apps_down-->[%s] find app_xml", entry.name);
     update_progress_set_result(slot, UPDATE_DOWNLOADING);
-    apps_down_files(app, entry, slot);
+    return apps_down_files({pass, app, entry});
+}
 
-    const UpdateStatus result = update_progress_result(slot);
-    const bool cancelled =
-        update_progress_mode() == UPDATE_RUN_COMMAND && result == UPDATE_CANCELLED;
-    return !cancelled && result != UPDATE_NO_MEMORY;
+// Memory is short, or the operator has cancelled: the other apps are left alone.
+bool ends_pass(UpdateRunKind kind, UpdateStatus result) {
+    return result == UPDATE_NO_MEMORY || (kind == UPDATE_RUN_COMMAND && result == UPDATE_CANCELLED);
 }
 
 }  // namespace
 
-UpdateStatus apps_down(xmlDocPtr document, const AppSet& set) {
+UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind) {
     const xmlNodePtr root = xml_root_get(document);
     if (root == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "apps_down-->check doc fail");
         return UPDATE_BAD_REPLY;
     }
-    const DownloadPass pass(update_progress_mode() == UPDATE_RUN_COMMAND);
+    DownloadPass pass(kind);
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) {
             update_progress_set_result(slot, UPDATE_BAD_REPLY);
             continue;
         }
-        if (app_set_contains(set, slot) && !app_down(root, entry, slot)) break;
+        if (!app_set_contains(set, slot)) continue;
+        const UpdateStatus result = app_down(pass, root, entry, slot);
+        update_progress_set_result(slot, result);
+        if (ends_pass(kind, result)) break;
     }
     return UPDATE_OK;
 }

@@ -22,15 +22,9 @@ static constexpr int32_t FLUSH_BYTES = 10240;
 
 namespace {
 
-// What a foreground pass remembers between two progress calls.
-struct ForegroundProgress {
-    bool first_call;
-    int32_t unflushed;  // bytes
-};
-
 // One file on its way through its sources.
 struct FileAttempt {
-    const char* path;
+    DownloadPass* pass;
     UpdateStatus result;
 };
 
@@ -39,23 +33,15 @@ constexpr int VISIT_STOP = -1;
 
 }  // namespace
 
-// One for the process: only one run exists at a time.
-static DownloadCtx s_context;
-static ForegroundProgress s_foreground;
-
-DownloadPass::DownloadPass(bool foreground) {
-    s_context = {};
-    if (!foreground) {
-        s_context.progress = down_progress_record;
+DownloadPass::DownloadPass(UpdateRunKind run_kind) : kind(run_kind) {
+    if (kind != UPDATE_RUN_COMMAND) {
+        context.progress = down_progress_record;
         return;
     }
-    s_foreground = {true, 0};
-    s_context.user = &s_foreground;
-    s_context.progress = down_progress_show;
+    context.user = this;
+    context.progress = down_progress_show;
     cli_printf("Downloading updated files, please wait...\n");
 }
-
-DownloadPass::~DownloadPass() { s_context = {}; }
 
 int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
     update_progress_set_sizes(context->total, context->received);
@@ -64,17 +50,16 @@ int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
 
 int down_progress_show(DownloadCtx* context, int32_t count) {
     if (context == nullptr) return -1;
-    auto* foreground = static_cast<ForegroundProgress*>(context->user);
-    if (foreground->first_call) {
+    auto* pass = static_cast<DownloadPass*>(context->user);
+    if (pass->first_call) {
         cli_printf("Press Ctrl+C to quit\n");
         cli_flush();
-        foreground->first_call = false;
+        pass->first_call = false;
     }
     update_progress_set_sizes(context->total, context->received);
     if (context->received == context->total) {
-        const UpdateProgress progress = update_progress_copy();
         http_client_debug_print(HTTPC_LOG_INFO, "Download [%s] finished, bytes %d prepared",
-                                progress.cur_file, static_cast<int>(progress.file_size));
+                                pass->path, static_cast<int>(context->total));
         cli_flush();
         return 0;
     }
@@ -87,21 +72,21 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
         cli_flush();
         return 0;
     }
-    foreground->unflushed += count;
-    if (foreground->unflushed > FLUSH_BYTES) {
+    pass->unflushed += count;
+    if (pass->unflushed > FLUSH_BYTES) {
         cli_flush();
-        foreground->unflushed = 0;
+        pass->unflushed = 0;
     }
     return 0;
 }
 
 // Calls the library, from the configured source address if there is one. False
 // when that address can't be used; nothing was downloaded then.
-static bool download_call(const char* url, const char* path, int* code) {
-    const uint32_t flag = update_progress_download_flag();
+static bool download_call(DownloadPass* pass, const char* url, int* code) {
+    const DownloadFlag flag = run_download_flag(pass->kind);
     const SourceAddress source = src_ip_get();
     if (!source.is_set()) {
-        *code = http_download_file_progress(&s_context, url, path, flag);
+        *code = http_download_file_progress(&pass->context, url, pass->path, flag);
         return true;
     }
     const std::unique_ptr<http_util_tlv, MemFree> tlv(
@@ -118,7 +103,7 @@ static bool download_call(const char* url, const char* path, int* code) {
         return false;
     }
     *tlv = {1, sizeof(tlv->address), address};
-    *code = http_download_file_progress_tlv(&s_context, url, path, flag, tlv.get());
+    *code = http_download_file_progress_tlv(&pass->context, url, pass->path, flag, tlv.get());
     return true;
 }
 
@@ -145,10 +130,10 @@ static bool download_settled(int code, UpdateStatus* result) {
 
 static int down_files_single_downpath(xmlNodePtr element, int index, void* argument) {
     auto* attempt = static_cast<FileAttempt*>(argument);
+    const char* path = attempt->pass->path;
     if (index > DOWNPATH_MAX) {
         http_client_debug_print(HTTPC_LOG_ERROR,
-                                "down_files_single_downpath-->[%s] downpath over %d", attempt->path,
-                                index);
+                                "down_files_single_downpath-->[%s] downpath over %d", path, index);
         return VISIT_STOP;
     }
     char text[URL_SIZE];
@@ -160,8 +145,7 @@ static int down_files_single_downpath(xmlNodePtr element, int index, void* argum
                             text);
     if (text[0] == '\0') {
         http_client_debug_print(HTTPC_LOG_ERROR,
-                                "down_files_single_downpath-->downpath is empty for [%s]",
-                                attempt->path);
+                                "down_files_single_downpath-->downpath is empty for [%s]", path);
         return VISIT_NEXT;
     }
     const bool has_scheme = strncmp(text, HTTP_SCHEME, HTTP_SCHEME_LENGTH) == 0;
@@ -170,13 +154,14 @@ static int down_files_single_downpath(xmlNodePtr element, int index, void* argum
     (void)text_appendf(url, sizeof(url), &length, "%s%s", has_scheme ? "" : HTTP_SCHEME, text);
 
     int code = 0;
-    if (!download_call(url, attempt->path, &code)) return VISIT_STOP;
+    if (!download_call(attempt->pass, url, &code)) return VISIT_STOP;
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]-->downpath return %d", url, code);
     return download_settled(code, &attempt->result) ? VISIT_STOP : VISIT_NEXT;
 }
 
-UpdateStatus down_file_try_downpaths(xmlNodePtr file, const char* path) {
-    FileAttempt attempt{path, UPDATE_DOWNLOAD_FAIL};
+UpdateStatus down_file_try_downpaths(DownloadPass* pass, xmlNodePtr file, const char* path) {
+    pass->path = path;
+    FileAttempt attempt{pass, UPDATE_DOWNLOAD_FAIL};
     xml_child_foreach(file, "downpath", &attempt, down_files_single_downpath);
     return attempt.result;
 }

@@ -5,25 +5,34 @@
 
 #include <libxml/tree.h>
 
+#include <cstdint>
+
 #include "frame/platform/http_util.h"
 #include "http/status.h"
+#include "update/run_kind.h"
 
-// The download context of one server's pass; the library's record is zero while
-// there is none. A foreground pass says on the terminal that it begins.
-class DownloadPass {
-  public:
-    explicit DownloadPass(bool foreground);
-    ~DownloadPass();
-    DownloadPass(const DownloadPass&) = delete;
+// What the downloads of one server's pass share. A foreground pass says on the
+// terminal that it begins.
+struct DownloadPass {
+    explicit DownloadPass(UpdateRunKind run_kind);
+    DownloadPass(const DownloadPass&) = delete;  // the context points here
     DownloadPass& operator=(const DownloadPass&) = delete;
+
+    const UpdateRunKind kind;
+    DownloadCtx context{};
+    const char* path = nullptr;  // local path of the file being fetched
+    // Of a foreground run's display:
+    bool first_call = true;
+    int32_t unflushed = 0;  // bytes since the terminal was flushed
 };
 
 // Tries the "downpath" children of a file element in order, ten at most, and
 // downloads into path. UPDATE_OK, UPDATE_CANCELLED, UPDATE_NO_STORAGE,
 // UPDATE_NO_MEMORY, or UPDATE_DOWNLOAD_FAIL when no source worked.
-[[nodiscard]] UpdateStatus down_file_try_downpaths(xmlNodePtr file, const char* path);
+[[nodiscard]] UpdateStatus down_file_try_downpaths(DownloadPass* pass, xmlNodePtr file,
+                                                   const char* path);
 
-// Progress callbacks: a foreground run shows dots and reads Ctrl+C, the others
-// only record the sizes.
+// Progress callbacks: a foreground run, whose pass is the context's user, shows
+// dots and reads Ctrl+C; the others only record the sizes.
 int down_progress_show(DownloadCtx* context, int32_t count);
 int down_progress_record(DownloadCtx* context, int32_t count);

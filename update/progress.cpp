@@ -6,12 +6,11 @@
 
 #include "base/sync.h"
 #include "base/text.h"
-#include "update/run_kind.h"
 
 // Guards the state: held only to test and set it.
 static Mutex update_mutex;
 // Written under update_mutex; atomic, so that reports read it without.
-static std::atomic<uint32_t> s_state{UPDATE_STATE_FREE};
+static std::atomic<UpdateState> s_state{UPDATE_STATE_FREE};
 
 static Mutex s_lock;  // leaf: everything but the state
 static UpdateProgress s_progress GUARDED_BY(s_lock);
@@ -46,28 +45,12 @@ bool update_state_is_running() {
     return s_state.load(std::memory_order_relaxed) == UPDATE_STATE_RUNNING;
 }
 
-void update_progress_reset(uint32_t kind) {
-    const bool by_itself = kind == UPDATE_RUN_DAILY || kind == UPDATE_RUN_RESUME;
+void update_progress_reset(UpdateRunKind kind) {
     MutexLock lock(s_lock);
     s_progress = {};
     s_progress.mode = kind;
-    s_progress.download_flag = by_itself ? DOWNLOAD_CONTINUE : DOWNLOAD_AFRESH;
+    s_progress.download_flag = run_download_flag(kind);
     std::fill(std::begin(s_progress.results), std::end(s_progress.results), UPDATE_NOT_STARTED);
-}
-
-uint32_t update_progress_mode() {
-    MutexLock lock(s_lock);
-    return s_progress.mode;
-}
-
-uint32_t update_progress_download_flag() {
-    MutexLock lock(s_lock);
-    return s_progress.download_flag;
-}
-
-UpdateStatus update_progress_result(int slot) {
-    MutexLock lock(s_lock);
-    return s_progress.results[slot];
 }
 
 void update_progress_set_mask(const AppSet& mask) {

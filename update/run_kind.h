@@ -1,10 +1,27 @@
-// What an update run was started by. It decides where the run reports and what
-// becomes of a download that failed.
+// What an update run is: who asked for it, and what follows from that.
+// Threads: any; constants and arguments only.
 #pragma once
 
 #include <cstdint>
 
-constexpr uint32_t UPDATE_RUN_DAILY = 0;
-constexpr uint32_t UPDATE_RUN_COMMAND = 1;  // in the foreground: on the operator's terminal
-constexpr uint32_t UPDATE_RUN_RESUME = 2;
-constexpr uint32_t UPDATE_RUN_BACKGROUND = 3;
+enum UpdateRunKind : uint32_t {
+    UPDATE_RUN_DAILY = 0,
+    UPDATE_RUN_COMMAND = 1,  // an operator waits for it at the terminal
+    UPDATE_RUN_RESUME = 2,
+    UPDATE_RUN_BACKGROUND = 3,  // an operator's, who does not wait
+};
+
+// Fourth argument of every download call.
+enum DownloadFlag : uint32_t {
+    DOWNLOAD_RESTART = 0,
+    DOWNLOAD_CONTINUE = 1,  // a partial file on disk may be completed
+};
+
+[[nodiscard]] constexpr bool run_is_by_operator(UpdateRunKind kind) {
+    return kind == UPDATE_RUN_COMMAND || kind == UPDATE_RUN_BACKGROUND;
+}
+
+// Whoever asks for an update by hand wants the files as the server has them now.
+[[nodiscard]] constexpr DownloadFlag run_download_flag(UpdateRunKind kind) {
+    return run_is_by_operator(kind) ? DOWNLOAD_RESTART : DOWNLOAD_CONTINUE;
+}

@@ -47,7 +47,7 @@ static UpdateStatus requested_apps(const cli_record* record, AppSet* set) {
 
 // --- foreground
 
-static void update_report_cli(const AppSet& /*requested*/, uint32_t /*kind*/, const char* host,
+static void update_report_cli(const AppSet& /*requested*/, UpdateRunKind /*kind*/, const char* host,
                               UpdateStatus status) {
     cli_printf("Update module with server %s:\r\n", host);
     if (status != UPDATE_OK)
@@ -88,7 +88,7 @@ void http_update_cmd(cli_record* record) {
 // The requested apps, on their way from the command to its thread.
 using SetCopy = std::unique_ptr<AppSet, MemFree>;
 
-static void update_report_background(const AppSet& /*requested*/, uint32_t /*kind*/,
+static void update_report_background(const AppSet& /*requested*/, UpdateRunKind /*kind*/,
                                      const char* /*host*/, UpdateStatus status) {
     if (status != UPDATE_OK)
         status_log(status);

@@ -14,17 +14,17 @@
 #include "update/progress.h"
 
 // One server's turn.
-static UpdateStatus server_pass(const AppSet& requested, UpdateServer* server) {
+static UpdateStatus server_pass(const AppSet& requested, UpdateRunKind kind, UpdateServer* server) {
     UpdateStatus status = UPDATE_OK;
     AppSet updated{};
     const XmlDoc document(http_update_version_query(requested, &status, &updated, server));
     if (!document) return status;
     if (app_set_is_empty(updated)) return UPDATE_LATEST;
     update_progress_set_mask(updated);
-    return apps_down(document.get(), updated);
+    return apps_down(document.get(), updated, kind);
 }
 
-static UpdateStatus servers_ask(const AppSet& requested, uint32_t kind, UpdateReportFn report,
+static UpdateStatus servers_ask(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                                 unsigned selector) {
     hu_serv_list servers;
     if (hu_serv_list_copy(&servers, selector) != 0) return UPDATE_NO_MEMORY;
@@ -33,13 +33,13 @@ static UpdateStatus servers_ask(const AppSet& requested, uint32_t kind, UpdateRe
         http_client_debug_print(HTTPC_LOG_INFO, "update url: %s:%d%s", server->host,
                                 static_cast<int>(server->port), server->uri);
         update_progress_reset(kind);
-        report(requested, kind, server->host, server_pass(requested, server));
+        report(requested, kind, server->host, server_pass(requested, kind, server));
     }
     hu_serv_list_clear(&servers);
     return UPDATE_OK;
 }
 
-UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateReportFn report,
+UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                              unsigned selector) {
     if (app_set_is_empty(requested)) return UPDATE_NO_APPS;
     if (!update_state_claim()) return UPDATE_RUNNING;
@@ -49,7 +49,7 @@ UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateRepor
     return status;
 }
 
-void update_result_output(uint32_t kind) {
+void update_result_output(UpdateRunKind kind) {
     const bool on_terminal = kind == UPDATE_RUN_COMMAND;
     const UpdateProgress progress = update_progress_copy();
     char done[704] = {};  // names of the apps that were updated

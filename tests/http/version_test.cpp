@@ -72,7 +72,7 @@ TEST(Version, QueryCarriesIdentityKeyAndTheFreeApps) {
     text_copy(target.uri, "/qb/x.asp");
     target.port = ntohs(address.sin_port);
     AppSet updated{};
-    UpdateStatus status = 99;
+    auto status = UpdateStatus(99);
     EXPECT_NE(http_update_version_query(asked, &status, &updated, &target), nullptr);
     (void)shutdown(listener.get(), SHUT_RDWR);  // nothing waits for a connection that failed
     EXPECT_EQ(status, UPDATE_OK);

@@ -65,7 +65,7 @@ TEST(Xml, WalksDocuments) {
 }
 
 TEST(Status, WarnsOnlyWhereTheDeviceIsShortOfSomething) {
-    for (UpdateStatus code = 0; code < 20; code++) {
+    for (uint32_t code = 0; code < 20; code++) {
         const bool warning = code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE;
         EXPECT_STREQ(update_status_prefix(code), warning ? "%warning: " : "%notice: ") << code;
         EXPECT_EQ(std::string(update_status_str(code)) == "Unknown error.", code > 16) << code;

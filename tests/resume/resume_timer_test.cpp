@@ -14,7 +14,7 @@ static std::function<UpdateStatus(const AppSet&)> s_run;
 static int s_runs = 0;
 static tq_thread_master* s_loop = nullptr;
 
-UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateReportFn report,
+UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                              unsigned selector) {
     EXPECT_TRUE(kind == UPDATE_RUN_RESUME && selector == SERVERS_BOTH);
     s_runs++;
@@ -22,7 +22,7 @@ UpdateStatus http_update_run(const AppSet& requested, uint32_t kind, UpdateRepor
     return s_run(requested);
 }
 
-void update_result_output(uint32_t) {}
+void update_result_output(UpdateRunKind) {}
 
 class ResumeTimerTest : public ResumeTest {
   protected:

@@ -42,18 +42,18 @@ class AppsDown : public RegistryServerTest {
         return body;
     }
     // Runs a pass of that kind over every registered app.
-    UpdateStatus Pass(uint32_t kind, const std::string& apps) {
+    UpdateStatus Pass(UpdateRunKind kind, const std::string& apps) {
         const XmlDoc document(xml_doc_read_mem(("<filelist>" + apps + "</filelist>").c_str()));
         AppSet set{};
         reg_app_all(&set);
         update_progress_reset(kind);
         update_progress_set_mask(set);
-        return apps_down(document.get(), set);
+        return apps_down(document.get(), set, kind);
     }
     // alpha's result.
-    UpdateStatus Result(uint32_t kind, const std::string& body) {
+    UpdateStatus Result(UpdateRunKind kind, const std::string& body) {
         EXPECT_EQ(Pass(kind, "<app name=\"alpha\">" + body + "</app>"), UPDATE_OK);
-        return update_progress_result(0);
+        return update_progress_copy().results[0];
     }
     std::string Saved() {
         std::string names;
@@ -87,7 +87,7 @@ TEST_F(AppsDown, FetchesAndHandsOver) {
     EXPECT_EQ(Result(UPDATE_RUN_DAILY, "<filecnt>0</filecnt>"), UPDATE_OK);
     EXPECT_EQ(Requested(), "") << "no files, but a request";
     EXPECT_EQ(Pass(UPDATE_RUN_DAILY, ""), UPDATE_OK);
-    EXPECT_EQ(update_progress_result(0), UPDATE_BAD_REPLY) << "no element for the app";
+    EXPECT_EQ(update_progress_copy().results[0], UPDATE_BAD_REPLY) << "no element for the app";
 
     fakes::ScriptDownloads([&](DownloadCtx* context, const fakes::Download& download) {
         Disconnect(app_);
@@ -101,7 +101,7 @@ TEST_F(AppsDown, UnusableNamesTouchNothing) {
     dir_.Write("outside", "precious");
     dir_.Write("savef", "precious");
     for (const Names& names : {Names{"../outside", "outside"}, {"a", std::string(250, 'n')}}) {
-        for (const uint32_t kind : {UPDATE_RUN_COMMAND, UPDATE_RUN_DAILY})
+        for (const UpdateRunKind kind : {UPDATE_RUN_COMMAND, UPDATE_RUN_DAILY})
             EXPECT_EQ(Result(kind, Files(names)), UPDATE_BAD_REPLY) << names[0];
     }
     // Without a slash at its end the save path would become part of the name.
@@ -153,7 +153,7 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
     struct Row {
         const char* name;
         uint32_t flags;
-        uint32_t kind;
+        UpdateRunKind kind;
         int retries;
         const char* failing;
         int code;

@@ -9,7 +9,7 @@
 
 struct UpdateReports : RegistryServerTest {
     // Registers the apps; the reports are about them all.
-    void Begin(uint32_t kind, const Names& names) {
+    void Begin(UpdateRunKind kind, const Names& names) {
         const int app = Connect();
         for (const std::string& name : names) EXPECT_EQ(Register(app, name), 0);
         AppSet all{};
@@ -22,7 +22,7 @@ struct UpdateReports : RegistryServerTest {
 TEST_F(UpdateReports, ResultsOfAPassByKind) {
     Begin(UPDATE_RUN_COMMAND, {"a", "b", "c"});
     update_progress_set_result(0, UPDATE_OK);
-    update_progress_set_result(1, 99);
+    update_progress_set_result(1, UpdateStatus(99));
     update_progress_set_result(2, UPDATE_OK);
     DebugMask = DEBUG_INFO;
     fakes::Syslog();
