@@ -14,7 +14,7 @@
 
 #include "base/text.h"
 #include "base/unique_fd.h"
-#include "frame/paths.h"
+#include "base/working_dir.h"
 #include "frame/platform/http_update.h"
 #include "frame/platform/syslog_new.h"
 
@@ -83,7 +83,7 @@ void http_client_debug_dump(const char* format, ...) {
     va_end(args);
 
     char path[PATH_SIZE];
-    http_client_tmp_path("/oam/http_client/.http_reg_server_dump", &path);
+    working_path(process_tmp_dir, DUMP_FILE, path);
     const UniqueFd file(dump_open(path));
     const int open_errno = errno;
     if (file.valid()) {

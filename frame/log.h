@@ -28,6 +28,9 @@ extern std::atomic<uint32_t> DebugMask;
 // of its level.
 [[gnu::format(printf, 2, 3)]] void http_client_debug_print(int level, const char* format, ...);
 
+// Below the temporary working directory.
+constexpr char DUMP_FILE[] = ".http_reg_server_dump";
+
 // One time-stamped line (cut to 1023 characters) to the dump file that technical
 // support collects, whatever DebugMask; copied to the debug print at
 // HTTPC_LOG_REGISTER. The file starts again when it has grown beyond 512 KiB.

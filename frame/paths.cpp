@@ -9,44 +9,29 @@
 #include <cstring>
 #include <limits>
 
-#include "base/text.h"
 #include "frame/log.h"
 
 static constexpr int PATH_COMPONENTS_MAX = 10;
 
-static char s_tmp_prefix[DIR_PREFIX_SIZE] = "/tmp";
-static char s_data_prefix[DIR_PREFIX_SIZE] = "/data/.vemo";
-
-static void prefix_read(const char* variable, const char* fallback,
-                        char (&prefix)[DIR_PREFIX_SIZE]) {
-    const char* value = getenv(variable);
-    if (value == nullptr) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->getenv fail [%s]", variable,
+static void prefix_read(const DirPrefix& otherwise, DirPrefix* prefix) {
+    *prefix = otherwise;
+    if (!dir_prefix_read(prefix))
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->getenv fail [%s]", prefix->variable,
                                 strerror(errno));
-        value = fallback;
-    }
-    (void)text_copy(prefix, value);  // a longer prefix is cut
-    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s]", variable, prefix);
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s]", prefix->variable, prefix->text);
 }
 
 void http_client_get_env_dir() {
-    prefix_read("TMPDIR", "/tmp", s_tmp_prefix);
-    prefix_read("DATA_VEMO_DIR", "/data/.vemo", s_data_prefix);
-}
-
-static void path_join(const char* prefix, const char* relative, char (*path)[PATH_SIZE]) {
-    if (relative == nullptr || path == nullptr) return;
-    memset(*path, 0, sizeof(*path));
-    size_t length = 0;
-    (void)text_appendf(*path, sizeof(*path), &length, "%s%s", prefix, relative);
+    prefix_read(TMP_DIR, &process_tmp_dir);
+    prefix_read(DATA_DIR, &process_data_dir);
 }
 
 void http_client_tmp_path(const char* relative, char (*path)[PATH_SIZE]) {
-    path_join(s_tmp_prefix, relative, path);
+    if (relative != nullptr && path != nullptr) dir_prefix_join(process_tmp_dir, relative, *path);
 }
 
 void http_client_data_path(const char* relative, char (*path)[PATH_SIZE]) {
-    path_join(s_data_prefix, relative, path);
+    if (relative != nullptr && path != nullptr) dir_prefix_join(process_data_dir, relative, *path);
 }
 
 int http_client_path_check(const char* path) {

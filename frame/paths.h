@@ -4,13 +4,7 @@
 // everything else may be called from any thread.
 #pragma once
 
-#include <cstddef>
-
-constexpr size_t DIR_PREFIX_SIZE = 32;
-constexpr size_t PATH_SIZE = 128;  // of a joined path, terminator included
-
-// Below both prefixes.
-constexpr char WORKING_DIR[] = "/oam/http_client";
+#include "base/working_dir.h"
 
 // Reads TMPDIR and DATA_VEMO_DIR (31 characters each; "/tmp" and "/data/.vemo"
 // where unset).

@@ -2,10 +2,10 @@
 // the modules named in the includes.
 #include "frame/roof/commands.h"
 
+#include "base/working_dir.h"
 #include "config/config_commands.h"
 #include "frame/debug.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "frame/platform/client_new.h"
 #include "frame/platform/tech_support_msg.h"
 #include "frame/report.h"
@@ -46,10 +46,9 @@ int http_client_tech_init(tq_thread_master* master) {
         return -1;
     }
     // The second file is the apps' side: collected when present, never written here.
-    for (const char* name :
-         {"/oam/http_client/.http_reg_server_dump", "/oam/http_client/.http_reg_client_dump"}) {
+    for (const char* name : {DUMP_FILE, ".http_reg_client_dump"}) {
         char path[PATH_SIZE];
-        http_client_tmp_path(name, &path);
+        working_path(process_tmp_dir, name, path);
         (void)tech_module_reg_dump_file(path);
     }
     return 0;

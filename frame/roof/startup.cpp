@@ -14,9 +14,9 @@
 #include <string_view>
 
 #include "base/unique_fd.h"
+#include "base/working_dir.h"
 #include "frame/debug.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "frame/platform/cpurule.h"
 
 static constexpr char PROCESS_NAME[] = "http_client";
@@ -61,7 +61,7 @@ void http_client_parse_args(int argc, char** argv) {
 
 void http_client_is_continue() {
     char path[PATH_SIZE];
-    http_client_tmp_path("/oam/http_client/http_client.running", &path);
+    working_path(process_tmp_dir, "http_client.running", path);
     // Not through a symbolic link: other users may put files into the directory.
     UniqueFd file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0777));
     if (!file.valid()) {

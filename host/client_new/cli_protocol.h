@@ -11,11 +11,12 @@
 #pragma once
 
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <string_view>
+
+#include "base/working_dir.h"
 
 namespace client_new {
 
@@ -102,15 +103,10 @@ class FrameReader {
     std::string bytes_;
 };
 
-// The daemon cuts its directory prefixes to 31 characters; who wants to meet it
-// has to do the same.
-inline std::string directory_prefix(const char* variable, const char* otherwise) {
-    const char* value = getenv(variable);
-    return std::string(std::string_view(value == nullptr ? otherwise : value).substr(0, 31));
-}
-
 inline std::string cli_socket_path() {
-    return directory_prefix("TMPDIR", "/tmp") + "/oam/http_client/.http_client_cli";
+    char path[PATH_SIZE];
+    working_path_now(TMP_DIR, ".http_client_cli", path);
+    return path;
 }
 
 }  // namespace client_new

@@ -12,8 +12,8 @@
 
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "base/working_dir.h"
 #include "frame/platform/syslog_new.h"
-#include "host/client_new/cli_protocol.h"
 #include "host/client_new/command.h"
 
 namespace client_new {
@@ -175,7 +175,9 @@ std::string running_config_text(const std::vector<const cli_node*>& trees) {
 }
 
 std::string startup_config_path() {
-    return directory_prefix("DATA_VEMO_DIR", "/data/.vemo") + "/oam/http_client/startup-config";
+    char path[PATH_SIZE];
+    working_path_now(DATA_DIR, "startup-config", path);
+    return path;
 }
 
 std::string startup_config_save(const std::string& path, std::string_view text) {

@@ -18,14 +18,13 @@
 #include "base/sync.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "base/working_dir.h"
 #include "frame/platform/http_update.h"
 #include "host/http_update/app_request.h"
 #include "host/http_update/deadline.h"
 
 namespace {
 
-constexpr const char* SOCKET_SUFFIX = "/oam/http_client/.http_update";
-constexpr int PREFIX_MAX = 31;  // the daemon cuts a longer TMPDIR
 constexpr int REPLY_LIMIT_MS = 10000;
 constexpr int CONNECT_LIMIT_S = 5;
 constexpr size_t PACKET_MAX = HTTP_UPDATE_PACKET_HEADER_SIZE + 65535;
@@ -280,16 +279,10 @@ int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep kee
 http_app* http_app_open(const char* socket_path) {
     auto* app = new (std::nothrow) http_app;
     if (app == nullptr) return nullptr;
-    size_t length = 0;
-    bool whole = false;
-    if (socket_path != nullptr) {
-        whole = text_appendf(app->socket_path, sizeof app->socket_path, &length, "%s", socket_path);
-    } else {
-        const char* prefix = getenv("TMPDIR");
-        if (prefix == nullptr) prefix = "/tmp";
-        whole = text_appendf(app->socket_path, sizeof app->socket_path, &length, "%.*s%s",
-                             PREFIX_MAX, prefix, SOCKET_SUFFIX);
-    }
+    char usual_path[PATH_SIZE];
+    working_path_now(TMP_DIR, ".http_update", usual_path);
+    const bool whole =
+        text_copy(app->socket_path, socket_path == nullptr ? usual_path : socket_path);
     const int result = whole ? http_app_reconnect(app) : -ENAMETOOLONG;
     if (result != 0) {
         http_app_close(app);

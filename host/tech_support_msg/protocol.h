@@ -18,24 +18,20 @@
 #pragma once
 
 #include <stddef.h>
-#include <stdlib.h>
 #include <sys/un.h>
 
 #include "base/text.h"
+#include "base/working_dir.h"
 
 constexpr size_t TECH_SUPPORT_REQUEST_MAX = 64;  // with its line end
 constexpr size_t TECH_SUPPORT_CONNECTION_MAX = 4;
 constexpr size_t TECH_SUPPORT_REPORT_MAX = 1 << 20;  // a longer report is cut and says so
 
-// Below the directory prefix TMPDIR (default /tmp), cut to 31 characters as the
-// daemon cuts it.
 inline sockaddr_un tech_support_address() {
+    char path[PATH_SIZE];
+    working_path_now(TMP_DIR, ".tech_support", path);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const char* prefix = getenv("TMPDIR");
-    size_t length = 0;
-    (void)text_appendf(address.sun_path, sizeof address.sun_path, &length,
-                       "%.31s/oam/http_client/.tech_support",
-                       prefix == nullptr ? "/tmp" : prefix);  // always fits
+    (void)text_copy(address.sun_path, path);  // always fits
     return address;
 }
