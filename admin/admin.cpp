@@ -1,8 +1,9 @@
 // The admin thread, the daily update and the public timer.
 //
 // Two clocks are at work. The time of day says when the daily update is due; the
-// monotonic clock keeps runs at least an hour apart, so that setting the time of
-// day back or forth neither doubles a run nor stops the daily ones for good.
+// monotonic clock keeps it an hour from the end of the one before. No time of day
+// is remembered: a clock set back makes the daily update due a second time when
+// that hour is over, but no setting of the clock stops the daily ones for good.
 #include "admin/admin.h"
 
 #include <pthread.h>

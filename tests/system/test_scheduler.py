@@ -24,7 +24,7 @@ def device(scratch: Scratch, server: LabServer) -> Device:
     return made
 
 
-def test_daily_run_once_a_day_whatever_the_clock_does(
+def test_daily_runs_stay_an_hour_apart_whatever_the_clock_does(
         device: Device, server: LabServer) -> None:
     for name in ("alpha", "manual"):
         server.release(name, "2.0", {f"{name}.bin": 1000})
