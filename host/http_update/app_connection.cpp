@@ -1,6 +1,6 @@
-// App SDK: one handle is one connection. Its receiving side (buffer, requests not
-// yet waited for) belongs to the thread that registers and waits; its sending side
-// and what it remembers of its apps are under a lock, for any thread.
+// App SDK, the connection: one handle is one. Its receiving side (buffer, requests
+// not yet waited for) belongs to the thread that registers and waits; its sending
+// side and what it remembers of its apps are under a lock, for any thread.
 
 #include "host/http_update/http_update_app.h"
 
