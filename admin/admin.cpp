@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "base/clock.h"
 #include "config/server_list.h"
 #include "config/settings.h"
 #include "frame/health.h"
@@ -32,7 +33,7 @@ static constexpr int DAY_S = 86400;
 tq_thread_master* http_update_admin_master = nullptr;
 
 // When the last daily run ended; zero: none since start. Admin thread.
-static timespec s_last_auto_update;
+static int64_t s_last_auto_update_s;
 
 // Whether the registration server is installed. Main thread.
 static bool s_reg_installed = false;
@@ -44,10 +45,7 @@ static int day_second(int hour, int minute, int second) {
 }
 
 int http_update_admin_time_check() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    if (s_last_auto_update.tv_sec != 0 &&
-        now.tv_sec <= s_last_auto_update.tv_sec + DAILY_APART_S - 1)
+    if (s_last_auto_update_s != 0 && monotonic_s() < s_last_auto_update_s + DAILY_APART_S)
         return -1;
     tzset();  // the device's zone may have been changed meanwhile
     const time_t wall = time(nullptr);
@@ -78,7 +76,7 @@ static void daily_run(const AppSet& apps) {
         http_update_run(apps, UPDATE_RUN_DAILY, http_update_admin_report, SERVERS_BOTH);
     if (status != UPDATE_OK)
         http_client_debug_print(HTTPC_LOG_INFO, "timer: %s", update_status_str(status));
-    (void)clock_gettime(CLOCK_MONOTONIC, &s_last_auto_update);
+    s_last_auto_update_s = monotonic_s();
     resume_timer_add(resume_delay());
 }
 

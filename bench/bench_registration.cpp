@@ -11,12 +11,12 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
 
+#include "base/clock.h"
 #include "base/unique_fd.h"
 #include "frame/platform/http_update.h"
 #include "host/http_update/http_update_app.h"
@@ -29,11 +29,7 @@ constexpr int REQUEST_SIZE = 196;
 constexpr int REPLY_SIZE = 36;
 constexpr int HEADER_SIZE = HTTP_UPDATE_PACKET_HEADER_SIZE;
 
-double monotonic_s() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
+double now_s() { return static_cast<double>(monotonic_ns()) * 1e-9; }
 
 void one_processor() {
     cpu_set_t set;
@@ -79,11 +75,11 @@ double round_trips_per_s(RoundTrip round_trip) {
     for (int i = 0; i < WARM_UP; ++i) {
         if (!round_trip()) return 0;
     }
-    const double begin_s = monotonic_s();
+    const double begin_s = now_s();
     for (int i = 0; i < ROUNDS; ++i) {
         if (!round_trip()) return 0;
     }
-    return ROUNDS / (monotonic_s() - begin_s);
+    return ROUNDS / (now_s() - begin_s);
 }
 
 double run_sdk(const char* path) {

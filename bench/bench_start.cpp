@@ -12,11 +12,11 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "base/clock.h"
 #include "base/unique_fd.h"
 #include "host/http_update/http_update_app.h"
 
@@ -24,11 +24,7 @@ namespace {
 
 constexpr int GIVE_UP_MS = 10000;
 
-double monotonic_ms() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
-}
+double now_ms() { return static_cast<double>(monotonic_ns()) * 1e-6; }
 
 // Sleeps until the socket's file is made, so as to leave the processors to the
 // daemon, and then tries until it accepts. The file of an earlier run must be gone.
@@ -58,9 +54,9 @@ bool registration_answered(const char* path) {
 
 bool daemon_measure(const UniqueFd& watch, const char* path, double begin_ms) {
     if (!wait_until_accepts(watch, path)) return false;
-    const double accepts_ms = monotonic_ms() - begin_ms;
+    const double accepts_ms = now_ms() - begin_ms;
     const bool answered = registration_answered(path);
-    printf("{\"accepts_ms\": %.3f, \"answers_ms\": %.3f}\n", accepts_ms, monotonic_ms() - begin_ms);
+    printf("{\"accepts_ms\": %.3f, \"answers_ms\": %.3f}\n", accepts_ms, now_ms() - begin_ms);
     return answered;
 }
 
@@ -80,7 +76,7 @@ int main(int argc, char** argv) {
     }
     char* const arguments[] = {argv[1], nullptr};
     pid_t child = -1;
-    const double begin_ms = monotonic_ms();
+    const double begin_ms = now_ms();
     if (posix_spawn(&child, argv[1], nullptr, nullptr, arguments, environ) != 0) return 1;
     bool measured = true;
     if (argc == 3) {
@@ -89,6 +85,6 @@ int main(int argc, char** argv) {
     }
     int status = 0;
     (void)waitpid(child, &status, 0);
-    if (argc == 2) printf("{\"ends_ms\": %.3f}\n", monotonic_ms() - begin_ms);
+    if (argc == 2) printf("{\"ends_ms\": %.3f}\n", now_ms() - begin_ms);
     return measured && (argc == 3 || status == 0) ? 0 : 1;
 }

@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
+#include "base/clock.h"
 #include "frame/log.h"
 
 static constexpr double WAIT_DEFAULT_S = 5.0;
@@ -25,12 +25,6 @@ struct WaitSet {
     uint64_t words[SOCK_FD_MAX / 64]{};
 };
 static_assert(sizeof(fd_mask) == sizeof(uint64_t));
-
-int64_t monotonic_ms() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // The patience of one phase.
 class Phase {

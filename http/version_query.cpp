@@ -9,9 +9,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 
+#include "base/clock.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "buffer/url_escape.h"
@@ -67,11 +67,7 @@ static bool escape_identity(const DeviceIdentity& identity, EscapedIdentity* esc
 
 // Seconds since the device started: the register key changes with them, and they
 // are there before the wall clock is set.
-static int32_t uptime_s() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
-    return static_cast<int32_t>(now.tv_sec);
-}
+static int32_t uptime_s() { return static_cast<int32_t>(monotonic_s()); }
 
 static bool md5_fail(const char* text) {
     http_client_debug_print(HTTPC_LOG_ERROR, "%s", text);

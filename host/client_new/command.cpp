@@ -6,10 +6,11 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <sys/eventfd.h>
-#include <time.h>
 
 #include <algorithm>
 #include <vector>
+
+#include "base/clock.h"
 
 namespace client_new {
 
@@ -20,7 +21,7 @@ namespace {
 constexpr size_t COMMANDS_MAX = 32;
 constexpr size_t SAID_MAX = 512;
 // How long an unknown thread waits for the handler that may be about to name it.
-constexpr time_t UNKNOWN_WAIT_S = 5;
+constexpr int64_t UNKNOWN_WAIT_MS = 5000;
 
 struct Command {
     cli_record record;                 // its address names the command
@@ -67,15 +68,12 @@ Command* find_thread_locked(pthread_t thread) REQUIRES(cli_lock) {
 Command* find_caller_locked() REQUIRES(cli_lock) {
     if (on_main_loop()) return s_current;
     const uint64_t handler = s_handlers_run;
-    timespec deadline{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);  // can't fail for this clock
-    deadline.tv_sec += UNKNOWN_WAIT_S;
+    const timespec until = Deadline(UNKNOWN_WAIT_MS).At();
     for (;;) {
         Command* command = find_thread_locked(pthread_self());
         const bool may_be_named = s_current != nullptr && s_handlers_run == handler;
         if (command != nullptr || !may_be_named) return command;
-        if (pthread_cond_clockwait(&s_changed, cli_lock.Native(), CLOCK_MONOTONIC, &deadline) !=
-            0) {
+        if (pthread_cond_clockwait(&s_changed, cli_lock.Native(), CLOCK_MONOTONIC, &until) != 0) {
             return find_thread_locked(pthread_self());
         }
     }

@@ -4,8 +4,8 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 
+#include "base/clock.h"
 #include "frame/platform/client_new.h"
 
 namespace client_new {
@@ -22,12 +22,6 @@ constexpr size_t WAIT_BYTES = 65536;
 constexpr size_t QUEUE_MAX_BYTES = 1048576;
 constexpr size_t KEYS_MAX = 64;
 constexpr int64_t ROOM_WAIT_MS = 5000;
-
-int64_t monotonic_ms() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 void frame_text_locked(Session* session) REQUIRES(cli_lock) {
     std::string_view text = session->text;
@@ -108,16 +102,16 @@ int session_next_key_locked(Session* session) {
 }
 
 void session_wait_for_room(const std::shared_ptr<Session>& session) {
-    const int64_t deadline_ms = monotonic_ms() + ROOM_WAIT_MS;
+    const Deadline deadline(ROOM_WAIT_MS);
     while (!has_room(session.get())) {
-        const int64_t left_ms = deadline_ms - monotonic_ms();
-        if (left_ms <= 0) {
+        const int left_ms = deadline.LeftMs();
+        if (left_ms == 0) {
             const MutexLock guard(cli_lock);
             session_drop_locked(session.get());
             return;
         }
         pollfd waiting{session->socket.get(), POLLOUT, 0};
-        (void)poll(&waiting, 1, static_cast<int>(left_ms));  // the loop looks again anyway
+        (void)poll(&waiting, 1, left_ms);  // the loop looks again anyway
     }
 }
 

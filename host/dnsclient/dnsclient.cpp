@@ -12,13 +12,13 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <memory>
 #include <string_view>
 #include <type_traits>
 
+#include "base/clock.h"
 #include "base/text.h"
 
 namespace {
@@ -45,12 +45,6 @@ struct Answer {
     int status;
     in_addr_t address;
 };
-
-int64_t monotonic_ms() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 Channel channel_create(const DnsRequest& request) {
     ares_options options{};
@@ -91,10 +85,10 @@ void take_answer(void* argument, int status, int, hostent* host) {
 
 // Serves the channel's sockets until the answer or the limit.
 void channel_run(ares_channel channel, Answer* answer) {
-    const int64_t deadline_ms = monotonic_ms() + LOOKUP_LIMIT_MS;
+    const Deadline deadline(LOOKUP_LIMIT_MS);
     while (!answer->done) {
-        const int64_t left_ms = deadline_ms - monotonic_ms();
-        if (left_ms <= 0) return ares_cancel(channel);  // answers with ARES_ECANCELLED
+        const int left_ms = deadline.LeftMs();
+        if (left_ms == 0) return ares_cancel(channel);  // answers with ARES_ECANCELLED
         ares_socket_t sockets[ARES_GETSOCK_MAXNUM];
         const int bits = ares_getsock(channel, sockets, ARES_GETSOCK_MAXNUM);
         pollfd polls[ARES_GETSOCK_MAXNUM];

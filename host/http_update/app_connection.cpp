@@ -15,13 +15,13 @@
 
 #include <new>
 
+#include "base/clock.h"
 #include "base/sync.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/working_dir.h"
 #include "frame/platform/http_update.h"
 #include "host/http_update/app_request.h"
-#include "host/http_update/deadline.h"
 
 namespace {
 

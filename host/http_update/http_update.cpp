@@ -16,8 +16,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "base/clock.h"
 #include "base/sync.h"
-#include "host/http_update/deadline.h"
 
 static_assert(sizeof(http_update_packet_header) == HTTP_UPDATE_PACKET_HEADER_SIZE);
 
@@ -90,8 +90,9 @@ bool Turn::Take(int fd, std::optional<Deadline>& deadline) {
     const MutexLock guard(s_lock);
     while (Busy(fd)) {
         if (!deadline) deadline.emplace(SEND_LIMIT_MS);
+        const timespec until = deadline->At();
         const int error =
-            pthread_cond_clockwait(&s_changed, s_lock.Native(), CLOCK_MONOTONIC, &deadline->At());
+            pthread_cond_clockwait(&s_changed, s_lock.Native(), CLOCK_MONOTONIC, &until);
         if (error == ETIMEDOUT && Busy(fd)) return false;
     }
     fd_ = fd;

@@ -13,14 +13,14 @@
 #include <pthread.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include <memory>
 #include <new>
 
+#include "base/clock.h"
+
 namespace {
 
-constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 constexpr int64_t US_PER_SECOND = 1'000'000;
 // Longer delays are cut to this, so that no sum of times overflows.
 constexpr long DELAY_MAX_S = 3'153'600'000;  // 100 years
@@ -62,12 +62,6 @@ void list_insert_after(TaskList* list, Task* place, Task* task) {
 void list_remove(TaskList* list, Task* task) {
     (task->previous == nullptr ? list->head : task->previous->next) = task->next;
     (task->next == nullptr ? list->tail : task->next->previous) = task->previous;
-}
-
-int64_t monotonic_ns() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // can't fail for this clock
-    return int64_t{now.tv_sec} * NS_PER_SECOND + now.tv_nsec;
 }
 
 int64_t wake_time_ns(int64_t due_ns, long delay_s, long speed) {
@@ -207,7 +201,7 @@ tq_thread* tq_thread_add_timer_withname(tq_thread_master* master, tq_thread_func
     if (master == nullptr || func == nullptr) return nullptr;
     const long delay_s = seconds < 0 ? 0 : (seconds < DELAY_MAX_S ? seconds : DELAY_MAX_S);
     const int64_t now_ns = monotonic_ns();
-    const int64_t due_ns = now_ns + delay_s * NS_PER_SECOND / master->speed;
+    const int64_t due_ns = now_ns + delay_s * NS_PER_S / master->speed;
     const int64_t wait_ns = wake_time_ns(due_ns, delay_s, master->speed) - now_ns;
     const int64_t wait_us = (wait_ns + 999) / 1000;  // never before the due time
     const timeval delay{wait_us / US_PER_SECOND, wait_us % US_PER_SECOND};
@@ -247,5 +241,5 @@ unsigned long tq_thread_timer_remain_second(const tq_thread* timer) {
     const Task* task = task_of(timer);
     const int64_t left_ns = task->due_ns - monotonic_ns();
     if (left_ns <= 0) return 0;
-    return static_cast<unsigned long>((left_ns * task->speed + NS_PER_SECOND - 1) / NS_PER_SECOND);
+    return static_cast<unsigned long>((left_ns * task->speed + NS_PER_S - 1) / NS_PER_S);
 }

@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/unique_fd.h"
 #include "host/http_update/app_request.h"
-#include "host/http_update/deadline.h"
 #include "host/http_update/http_update_app.h"
 #include "tests/support/temp_dir.h"
 
