@@ -25,8 +25,8 @@ namespace {
 
 constexpr int WARM_UP = 2000;
 constexpr int ROUNDS = 50000;
-constexpr int REQUEST_SIZE = 196;
-constexpr int REPLY_SIZE = 36;
+constexpr int REQUEST_SIZE = sizeof(http_msg_regist);
+constexpr int REPLY_SIZE = sizeof(http_msg_regist_rsp);
 constexpr int HEADER_SIZE = HTTP_UPDATE_PACKET_HEADER_SIZE;
 
 double now_s() { return static_cast<double>(monotonic_ns()) * 1e-9; }

@@ -142,7 +142,7 @@ void reg_app_set_version(std::string_view name, std::string_view version) {
 }
 
 void reg_app_set_mode(std::string_view name, int32_t mode) {
-    const bool manual = mode == APP_MODE_MANUAL;
+    const bool manual = mode == HTTP_UPDATE_MODE_MANUAL;
     AppEntry app;
     if (app_change(name, &app, [&](AppEntry* entry) {
             entry->flags =
@@ -155,8 +155,9 @@ void reg_app_set_mode(std::string_view name, int32_t mode) {
 void reg_app_update_result(std::string_view name, std::string_view text, int32_t result) {
     AppEntry app;
     if (app_change(name, &app, [&](AppEntry* entry) {
-            if (result != UPDATE_RESULT_UPDATING) entry->flags &= ~APP_FLAG_BUSY;
-            if (result == 0 && !text.empty()) (void)text_copy(entry->version, text);
+            if (result != HTTP_UPDATE_RESULT_UPDATING) entry->flags &= ~APP_FLAG_BUSY;
+            if (result == HTTP_UPDATE_RESULT_SUCCESS && !text.empty())
+                (void)text_copy(entry->version, text);
         })) {
         http_client_debug_dump("[%s]<-->update response result %d %s", app.name, result,
                                app.version);

@@ -12,17 +12,18 @@
 #include <type_traits>
 
 #include "base/sync.h"
+#include "frame/platform/http_update_packets.h"
 #include "registry/app_set.h"
 
-constexpr int APP_REG_MAX = 20;
-constexpr size_t APP_NAME_SIZE = 32;
-constexpr size_t APP_VERSION_SIZE = 32;
-constexpr size_t APP_SAVE_PATH_SIZE = 128;
+constexpr int APP_REG_MAX = HTTP_UPDATE_APP_MAX;
+constexpr size_t APP_NAME_SIZE = HTTP_UPDATE_NAME_SIZE;
+constexpr size_t APP_VERSION_SIZE = HTTP_UPDATE_VERSION_SIZE;
+constexpr size_t APP_SAVE_PATH_SIZE = HTTP_UPDATE_SAVE_PATH_SIZE;
 
-constexpr uint32_t APP_FLAG_ONE_FILE = 0x1;     // a run downloads the first listed file only
-constexpr uint32_t APP_FLAG_MANUAL = 0x2;       // left out of the daily update
-constexpr uint32_t APP_FLAG_INCREMENTAL = 0x4;  // takes the files fetched so far when a run fails
-constexpr uint32_t APP_FLAG_BUSY = 0x8;         // has an update request it has not answered yet
+constexpr uint32_t APP_FLAG_ONE_FILE = HTTP_UPDATE_FLAG_ONE_FILE;
+constexpr uint32_t APP_FLAG_MANUAL = HTTP_UPDATE_FLAG_MANUAL;
+constexpr uint32_t APP_FLAG_INCREMENTAL = HTTP_UPDATE_FLAG_INCREMENTAL;
+constexpr uint32_t APP_FLAG_BUSY = 0x8;  // has an update request it has not answered yet
 
 // Other flag bits are kept as registered; nothing reads them.
 struct AppEntry {
@@ -35,15 +36,10 @@ struct AppEntry {
 static_assert(sizeof(AppEntry) == 200 && std::is_trivially_copyable_v<AppEntry>);
 
 // Results of reg_app_add; they travel to the app in the registration reply.
-constexpr int REG_OK = 0;
-constexpr int REG_NO_MEMORY = 2;
-constexpr int REG_TABLE_FULL = 10;
-constexpr int REG_DUPLICATE = 12;
-
-// Result of an update that is still going on, as apps report it.
-constexpr int32_t UPDATE_RESULT_UPDATING = 1;
-// Mode that an app reports to leave the daily update; any other value returns to it.
-constexpr int32_t APP_MODE_MANUAL = 1;
+constexpr int REG_OK = HTTP_UPDATE_REGIST_OK;
+constexpr int REG_NO_MEMORY = HTTP_UPDATE_REGIST_NO_MEMORY;
+constexpr int REG_TABLE_FULL = HTTP_UPDATE_REGIST_TABLE_FULL;
+constexpr int REG_DUPLICATE = HTTP_UPDATE_REGIST_DUPLICATE;
 
 extern RwLock app_registry_lock;
 
@@ -63,7 +59,8 @@ extern RwLock app_registry_lock;
 void reg_app_del_by_fd(int fd);
 [[nodiscard]] bool reg_app_fd_in_use(int fd);
 
-// Changes reported by apps; an unknown name is ignored.
+// Changes reported by apps, with the numbers of their messages; an unknown name
+// is ignored.
 void reg_app_set_version(std::string_view name, std::string_view version);
 void reg_app_set_mode(std::string_view name, int32_t mode);
 // text is the new version on success; it may be empty.

@@ -10,6 +10,7 @@
 #include "base/text.h"
 #include "frame/log.h"
 #include "frame/platform/http_update.h"
+#include "registry/app_registry.h"
 
 namespace {
 
@@ -40,12 +41,12 @@ bool message_read_logged(std::span<const uint8_t> payload, Message* message) {
 }
 
 int regist_handle(int sock, std::span<const uint8_t> payload) {
-    RegistMessage message{};
+    http_msg_regist message{};
     // An app whose idea of the message differs would wait for its answer for ever.
     if (!message_read_logged(payload, &message)) return -1;
 
     const std::string_view name = name_view(message.name);
-    RegistReply reply{};
+    http_msg_regist_rsp reply{};
     (void)text_copy(reply.name, name);
     reply.result = reg_app_add(sock, name, text_view(message.version), message.flags);
     const std::string_view save_path = text_view(message.save_path);
@@ -61,9 +62,9 @@ int regist_handle(int sock, std::span<const uint8_t> payload) {
 }
 
 int update_result_handle(int, std::span<const uint8_t> payload) {
-    UpdateResultMessage message{};
+    http_msg_update_rsp message{};
     if (message_read(payload, &message)) {
-        reg_app_update_result(name_view(message.name), text_view(message.text), message.result);
+        reg_app_update_result(name_view(message.name), text_view(message.version), message.result);
     } else {
         http_client_debug_dump("invalid packet in update-result");
     }
@@ -71,7 +72,7 @@ int update_result_handle(int, std::span<const uint8_t> payload) {
 }
 
 int version_handle(int, std::span<const uint8_t> payload) {
-    VersionMessage message{};
+    http_msg_version message{};
     if (message_read_logged(payload, &message)) {
         reg_app_set_version(name_view(message.name), text_view(message.version));
     }
@@ -92,7 +93,7 @@ int deregist_handle(int sock, std::span<const uint8_t> payload) {
 }
 
 int mode_handle(int, std::span<const uint8_t> payload) {
-    ModeMessage message{};
+    http_msg_mode message{};
     if (message_read(payload, &message)) {
         reg_app_set_mode(name_view(message.name), message.mode);
     } else {
@@ -103,7 +104,7 @@ int mode_handle(int, std::span<const uint8_t> payload) {
 }
 
 int save_path_handle(int, std::span<const uint8_t> payload) {
-    SavePathMessage message{};
+    http_msg_savepath message{};
     if (message_read_logged(payload, &message)) {
         // An app that is not registered is ignored: this message has no answer.
         (void)reg_app_set_savepath(name_view(message.name), text_view(message.save_path));
@@ -113,11 +114,25 @@ int save_path_handle(int, std::span<const uint8_t> payload) {
 
 using MessageHandler = int (*)(int sock, std::span<const uint8_t> payload);
 
-// By type; null where apps send nothing.
-constexpr MessageHandler HANDLERS[HTTP_MSG_TYPE_MAX] = {
-    nullptr,        regist_handle,   nullptr,     nullptr, update_result_handle,
-    version_handle, deregist_handle, mode_handle, nullptr, save_path_handle,
-};
+// Null for a type that apps don't send.
+MessageHandler handler_find(uint16_t type) {
+    switch (type) {
+        case HTTP_MSG_TYPE_REGIST:
+            return regist_handle;
+        case HTTP_MSG_TYPE_UPDATE_RSP:
+            return update_result_handle;
+        case HTTP_MSG_TYPE_VERSION:
+            return version_handle;
+        case HTTP_MSG_TYPE_DEREGIST:
+            return deregist_handle;
+        case HTTP_MSG_TYPE_MODE:
+            return mode_handle;
+        case HTTP_MSG_TYPE_SAVEPATH:
+            return save_path_handle;
+        default:
+            return nullptr;
+    }
+}
 
 }  // namespace
 
@@ -126,7 +141,7 @@ int reg_msg_dispatch(int sock, uint16_t type, std::span<const uint8_t> payload) 
         http_client_debug_dump("type >= HTTP_MSG_TYPE_MAX");
         return 0;
     }
-    const MessageHandler handler = HANDLERS[type];
+    const MessageHandler handler = handler_find(type);
     if (handler == nullptr) {
         http_client_debug_dump("[%d]<-->deal invalid type %d", sock, type);
         return 0;

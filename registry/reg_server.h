@@ -11,11 +11,12 @@
 
 #include <memory>
 
+#include "frame/platform/http_update_packets.h"
 #include "frame/platform/tq_thread.h"
 
 constexpr int REG_CLIENT_MAX = 10;  // connections at a time
-constexpr int REG_PKT_MAX = 4096;   // bytes of payload taken from an app
-constexpr char REG_SOCKET_PATH[] = "/oam/http_client/.http_update";  // below the TMPDIR prefix
+constexpr int REG_PKT_MAX = HTTP_UPDATE_APP_PAYLOAD_MAX;
+constexpr char REG_SOCKET_PATH[] = HTTP_UPDATE_SOCKET_PATH;
 
 // Listens at the socket path and serves it on the loop. -1 when that fails;
 // nothing is left behind and the caller may try again.

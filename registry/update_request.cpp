@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <span>
@@ -18,30 +19,11 @@
 #include "frame/platform/http_update.h"
 #include "http/xml.h"
 #include "registry/app_registry.h"
-#include "registry/reg_messages.h"
 #include "registry/reg_server.h"
 
 namespace {
 
-constexpr size_t PATH_LIMIT = 256;  // characters; a path must stay below
-constexpr size_t TRAILER_SIZE = 4;
-constexpr size_t PAYLOAD_MAX = 65535;  // the packet's length field has 16 bits
 constexpr int NODE_MAX = 50;
-constexpr size_t NODE_TEXT_MAX = 1024;  // terminator included
-
-struct RequestHead {
-    char name[APP_NAME_SIZE];
-    uint16_t file_count;
-    uint16_t rest_length;  // of everything after the head
-};
-static_assert(sizeof(RequestHead) == 36 && offsetof(RequestHead, file_count) == 32 &&
-              offsetof(RequestHead, rest_length) == 34);
-
-struct NodeRecordHead {
-    uint16_t name_length;
-    uint16_t text_length;
-};
-static_assert(sizeof(NodeRecordHead) == 4);
 
 struct NodeContext {
     NodeContext() { (void)comm_buf_init(&records, 0); }  // fails for null only
@@ -61,13 +43,13 @@ using Paths = std::span<char* const>;
 ptrdiff_t entries_size(const char* name, Paths paths) {
     size_t size = 0;
     for (const char* path : paths) {
-        const size_t length = strlen(path);
-        if (length >= PATH_LIMIT) {
+        const size_t path_size = strlen(path) + 1;
+        if (path_size > HTTP_UPDATE_PATH_SIZE) {
             http_client_debug_dump("[%s]<-->[%s] is large than %d", name, path,
-                                   static_cast<int>(PATH_LIMIT));
+                                   HTTP_UPDATE_PATH_SIZE);
             return -1;
         }
-        size += length + 2;
+        size += 1 + path_size;
     }
     return static_cast<ptrdiff_t>(size);
 }
@@ -101,22 +83,20 @@ int reg_update_node(xmlNodePtr node, int position, void* argument) {
         return 0;
     }
     const char* name = xml_text(node->name);
-    const size_t name_length = strnlen(name, NODE_TEXT_MAX) + 1;
-    const size_t text_length = strnlen(text, NODE_TEXT_MAX) + 1;
-    http_client_debug_print(HTTPC_LOG_INFO, "node: %s\n len:%d", name,
-                            static_cast<int>(name_length));
+    const size_t name_size = strnlen(name, HTTP_UPDATE_FACT_SIZE) + 1;
+    const size_t text_size = strnlen(text, HTTP_UPDATE_FACT_SIZE) + 1;
+    http_client_debug_print(HTTPC_LOG_INFO, "node: %s\n len:%d", name, static_cast<int>(name_size));
     http_client_debug_print(HTTPC_LOG_INFO, "content: %s\n len:%d", text,
-                            static_cast<int>(text_length));
-    if (name_length > NODE_TEXT_MAX || text_length > NODE_TEXT_MAX) {
+                            static_cast<int>(text_size));
+    if (name_size > HTTP_UPDATE_FACT_SIZE || text_size > HTTP_UPDATE_FACT_SIZE) {
         http_client_debug_print(HTTPC_LOG_INFO, "node %s: content too long", name);
         return 0;
     }
     auto* context = static_cast<NodeContext*>(argument);
-    const NodeRecordHead head{static_cast<uint16_t>(name_length),
-                              static_cast<uint16_t>(text_length)};
+    const http_msg_fact head{static_cast<uint16_t>(name_size), static_cast<uint16_t>(text_size)};
     if (!record_append(&context->records, &head, sizeof head) ||
-        !record_append(&context->records, name, name_length) ||
-        !record_append(&context->records, text, text_length)) {
+        !record_append(&context->records, name, name_size) ||
+        !record_append(&context->records, text, text_size)) {
         http_client_debug_dump("node %s: failed to write buf", name);
         context->failed = true;
         return -1;
@@ -126,14 +106,14 @@ int reg_update_node(xmlNodePtr node, int position, void* argument) {
 
 // Writes one entry; returns the place after it.
 uint8_t* entry_write(uint8_t* entry, std::string_view path) {
-    *entry++ = static_cast<uint8_t>(path.size() + 1);  // 255 characters: 0
+    *entry++ = http_update_path_size_byte(path.size() + 1);
     memcpy(entry, path.data(), path.size());
     return entry + path.size() + 1;  // the terminator is there already
 }
 
 // payload is zero-filled. The records are consumed.
 void payload_write(uint8_t* payload, size_t size, const char* name, Paths paths, CommBuf* records) {
-    RequestHead head{};
+    http_msg_update_req head{};
     (void)text_copy(head.name, name);
     head.file_count = static_cast<uint16_t>(paths.size());
     head.rest_length = static_cast<uint16_t>(size - sizeof head);
@@ -195,9 +175,9 @@ int reg_update_req(xmlNodePtr app, const char* name, char** paths, int32_t count
         http_client_debug_dump("[%s]<-->parse xml info failed", name);
         return -1;
     }
-    const size_t size = sizeof(RequestHead) + static_cast<size_t>(files_size) +
-                        comm_buf_len(&context.records) + TRAILER_SIZE;
-    if (size > PAYLOAD_MAX) {
+    const size_t size = sizeof(http_msg_update_req) + static_cast<size_t>(files_size) +
+                        comm_buf_len(&context.records) + HTTP_UPDATE_REQ_END_SIZE;
+    if (size > HTTP_UPDATE_PAYLOAD_MAX) {
         http_client_debug_dump("[%s]<-->update req send fail", name);
         return -1;
     }

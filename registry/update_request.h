@@ -2,16 +2,6 @@
 // update server said about it, and marks it busy until it reports its result.
 //
 // Threads: an update thread; one run exists at a time.
-//
-// Payload of the message (integers 16 bits, device byte order, no padding):
-//   0   32  app name, at most 31 characters, rest zero
-//   32  2   number of files
-//   34  2   payload size minus 36
-//   36      per file: 1 byte path length plus 1, the path, a zero byte
-//           per qualifying child element: its name's and its text's length, 2
-//           bytes each, then both, every length and text with its terminator
-//       4   zeroes
-// The length byte of a path of 255 characters is 0; no other path's is.
 #pragma once
 
 #include <libxml/tree.h>

@@ -27,56 +27,21 @@ namespace {
 
 constexpr int REPLY_LIMIT_MS = 10000;
 constexpr int CONNECT_LIMIT_S = 5;
-constexpr size_t PACKET_MAX = HTTP_UPDATE_PACKET_HEADER_SIZE + 65535;
-constexpr size_t APP_MAX = 20;  // what the daemon's table holds
+constexpr size_t PACKET_MAX = HTTP_UPDATE_PACKET_HEADER_SIZE + HTTP_UPDATE_PAYLOAD_MAX;
 
-constexpr uint16_t TYPE_REGISTER = 1;
-constexpr uint16_t TYPE_REGISTER_REPLY = 2;
-constexpr uint16_t TYPE_REQUEST = 3;
-constexpr uint16_t TYPE_ANSWER = 4;
-constexpr uint16_t TYPE_VERSION = 5;
-constexpr uint16_t TYPE_DEREGISTER = 6;
-constexpr uint16_t TYPE_MODE = 7;
-constexpr uint16_t TYPE_SAVE_PATH = 9;
-
-struct RegisterPayload {
-    uint32_t flags;
-    char name[32];
-    char version[32];
-    char save_path[128];
-};
-static_assert(sizeof(RegisterPayload) == 196);
-
-struct RegisterReply {
-    int32_t result;
-    char name[32];
-};
-static_assert(sizeof(RegisterReply) == 36);
-
-struct AnswerPayload {
-    int32_t result;
-    char name[32];
-    char version[32];
-};
-static_assert(sizeof(AnswerPayload) == 68);
-
-struct VersionPayload {
-    char name[32];
-    char version[32];
-};
-static_assert(sizeof(VersionPayload) == 64);
-
-struct ModePayload {
-    char name[32];
-    int32_t mode;  // 1: manual
-};
-static_assert(sizeof(ModePayload) == 36);
-
-struct SavePathPayload {
-    char name[32];
-    char save_path[128];
-};
-static_assert(sizeof(SavePathPayload) == 160);
+// What apps see is what travels.
+static_assert(HTTP_APP_NAME_MAX + 1 == HTTP_UPDATE_NAME_SIZE &&
+              HTTP_APP_VERSION_MAX + 1 == HTTP_UPDATE_VERSION_SIZE &&
+              HTTP_APP_SAVE_PATH_MAX + 1 == HTTP_UPDATE_SAVE_PATH_SIZE);
+static_assert(HTTP_APP_ONE_FILE == HTTP_UPDATE_FLAG_ONE_FILE &&
+              HTTP_APP_MANUAL == HTTP_UPDATE_FLAG_MANUAL &&
+              HTTP_APP_INCREMENTAL == HTTP_UPDATE_FLAG_INCREMENTAL);
+static_assert(HTTP_APP_REGISTERED == HTTP_UPDATE_REGIST_OK &&
+              HTTP_APP_NO_MEMORY == HTTP_UPDATE_REGIST_NO_MEMORY &&
+              HTTP_APP_TABLE_FULL == HTTP_UPDATE_REGIST_TABLE_FULL &&
+              HTTP_APP_NAME_TAKEN == HTTP_UPDATE_REGIST_DUPLICATE);
+static_assert(HTTP_APP_SUCCESS == HTTP_UPDATE_RESULT_SUCCESS &&
+              HTTP_APP_UPDATING == HTTP_UPDATE_RESULT_UPDATING);
 
 }  // namespace
 
@@ -86,7 +51,7 @@ struct http_app {
     Mutex lock;  // held while sending and while the connection changes
     UniqueFd fd GUARDED_BY(lock);
     // What each app registers with next time; an empty name is a free place.
-    RegisterPayload known[APP_MAX] GUARDED_BY(lock) = {};
+    http_msg_regist known[HTTP_UPDATE_APP_MAX] GUARDED_BY(lock) = {};
 
     // The receiving thread's own.
     int receive_fd = -1;  // fd's number
@@ -105,13 +70,13 @@ int field_fill(char (&field)[N], const char* text) {
 }
 
 // The same for a name, which must not be empty.
-int name_fill(char (&field)[32], const char* name) {
+int name_fill(char (&field)[HTTP_UPDATE_NAME_SIZE], const char* name) {
     if (name == nullptr || name[0] == '\0') return -EINVAL;
     return field_fill(field, name);
 }
 
-RegisterPayload* known_find_locked(http_app* app, const char* name) REQUIRES(app->lock) {
-    for (RegisterPayload& known : app->known) {
+http_msg_regist* known_find_locked(http_app* app, const char* name) REQUIRES(app->lock) {
+    for (http_msg_regist& known : app->known) {
         if (strcmp(known.name, name) == 0) return &known;
     }
     return nullptr;
@@ -215,7 +180,7 @@ int packet_wait(http_app* app, const Deadline* deadline, Packet* packet) {
 // A request that can't be read is answered as failed where its app's name can, or
 // the daemon would count the app as busy for ever.
 int request_refuse(http_app* app, std::span<const uint8_t> payload, int error) {
-    char name[32] = "";
+    char name[HTTP_UPDATE_NAME_SIZE] = "";
     if (payload.size() >= sizeof name) memcpy(name, payload.data(), sizeof name);
     if (name[0] != '\0' && name[sizeof name - 1] == '\0') {
         (void)http_app_answer(app, name, error, nullptr);
@@ -235,11 +200,11 @@ int request_queue(http_app* app, std::span<const uint8_t> payload) {
 
 // Sends a registration and waits for its answer; update requests that come in
 // between are kept. 0, the daemon's answer, or negative.
-int register_exchange(http_app* app, const RegisterPayload& payload) {
+int register_exchange(http_app* app, const http_msg_regist& payload) {
     int sent = 0;
     {
         const MutexLock guard(app->lock);
-        sent = send_locked(app, TYPE_REGISTER, &payload, sizeof payload);
+        sent = send_locked(app, HTTP_MSG_TYPE_REGIST, &payload, sizeof payload);
     }
     if (sent < 0) return sent;
     const Deadline deadline(REPLY_LIMIT_MS);
@@ -251,9 +216,9 @@ int register_exchange(http_app* app, const RegisterPayload& payload) {
             if (deadline.LeftMs() > 0) continue;
             return -ETIMEDOUT;
         }
-        if (packet.type == TYPE_REQUEST) (void)request_queue(app, packet.payload);
-        if (packet.type != TYPE_REGISTER_REPLY) continue;
-        RegisterReply reply{};
+        if (packet.type == HTTP_MSG_TYPE_UPDATE_REQ) (void)request_queue(app, packet.payload);
+        if (packet.type != HTTP_MSG_TYPE_REGIST_RSP) continue;
+        http_msg_regist_rsp reply{};
         if (packet.payload.size() != sizeof reply) return -EBADMSG;
         memcpy(&reply, packet.payload.data(), sizeof reply);
         // Another name: the late answer to a registration that timed out.
@@ -268,7 +233,7 @@ template <class Payload, class Keep>
 int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep keep) {
     const MutexLock guard(app->lock);
     const int result = send_locked(app, type, &payload, sizeof payload);
-    RegisterPayload* known = known_find_locked(app, payload.name);
+    http_msg_regist* known = known_find_locked(app, payload.name);
     // Kept even when the connection is gone: the next one will carry it.
     if (known != nullptr) keep(known);
     return result;
@@ -279,8 +244,10 @@ int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep kee
 http_app* http_app_open(const char* socket_path) {
     auto* app = new (std::nothrow) http_app;
     if (app == nullptr) return nullptr;
+    DirPrefix prefix = TMP_DIR;
+    (void)dir_prefix_read(&prefix);  // not set: the default is right
     char usual_path[PATH_SIZE];
-    working_path_now(TMP_DIR, ".http_update", usual_path);
+    dir_prefix_join(prefix, HTTP_UPDATE_SOCKET_PATH, usual_path);
     const bool whole =
         text_copy(app->socket_path, socket_path == nullptr ? usual_path : socket_path);
     const int result = whole ? http_app_reconnect(app) : -ENAMETOOLONG;
@@ -300,7 +267,7 @@ void http_app_close(http_app* app) {
 
 int http_app_register(http_app* app, const http_app_info* info) {
     if (app == nullptr || info == nullptr) return -EINVAL;
-    RegisterPayload payload{};
+    http_msg_regist payload{};
     payload.flags = info->flags;
     int result = name_fill(payload.name, info->name);
     if (result == 0) result = field_fill(payload.version, info->version);
@@ -316,7 +283,7 @@ int http_app_register(http_app* app, const http_app_info* info) {
     if (result != 0) return result;
 
     const MutexLock guard(app->lock);
-    RegisterPayload* known = known_find_locked(app, payload.name);
+    http_msg_regist* known = known_find_locked(app, payload.name);
     if (known == nullptr) {
         known = known_find_locked(app, "");
         if (known != nullptr) *known = payload;
@@ -333,13 +300,13 @@ int http_app_reconnect(http_app* app) {
     int result = connection_open(app->socket_path, &fd);
     if (result != 0) return result;
     app->receive_fd = fd.get();
-    RegisterPayload known[APP_MAX];
+    http_msg_regist known[HTTP_UPDATE_APP_MAX];
     {
         const MutexLock guard(app->lock);
         app->fd = std::move(fd);
         memcpy(known, app->known, sizeof known);
     }
-    for (const RegisterPayload& payload : known) {
+    for (const http_msg_regist& payload : known) {
         if (payload.name[0] == '\0') continue;
         const int registered = register_exchange(app, payload);
         if (registered < 0) return registered;
@@ -355,7 +322,8 @@ int http_app_wait(http_app* app, int timeout_ms, http_app_request** request) {
         Packet packet{};
         const int got = packet_wait(app, timeout_ms < 0 ? nullptr : &deadline, &packet);
         if (got <= 0) return got;
-        if (packet.type != TYPE_REQUEST) continue;  // a late reply, or a newer daemon's news
+        // Anything else is a late reply, or a newer daemon's news.
+        if (packet.type != HTTP_MSG_TYPE_UPDATE_REQ) continue;
         const int result = request_queue(app, packet.payload);
         if (result < 0) return result;
     }
@@ -369,12 +337,12 @@ int http_app_fd(const http_app* app) { return app == nullptr ? -EINVAL : app->re
 
 int http_app_answer(http_app* app, const char* name, int32_t result, const char* version) {
     if (app == nullptr) return -EINVAL;
-    AnswerPayload payload{};
+    http_msg_update_rsp payload{};
     payload.result = result;
     int checked = name_fill(payload.name, name);
     if (checked == 0) checked = field_fill(payload.version, version);
     if (checked != 0) return checked;
-    return send_and_keep(app, TYPE_ANSWER, payload, [&](RegisterPayload* known) {
+    return send_and_keep(app, HTTP_MSG_TYPE_UPDATE_RSP, payload, [&](http_msg_regist* known) {
         const bool changed = result == HTTP_APP_SUCCESS && payload.version[0] != '\0';
         if (changed) (void)text_copy(known->version, payload.version);
     });
@@ -382,22 +350,22 @@ int http_app_answer(http_app* app, const char* name, int32_t result, const char*
 
 int http_app_set_version(http_app* app, const char* name, const char* version) {
     if (app == nullptr) return -EINVAL;
-    VersionPayload payload{};
+    http_msg_version payload{};
     int checked = name_fill(payload.name, name);
     if (checked == 0) checked = field_fill(payload.version, version);
     if (checked != 0) return checked;
-    return send_and_keep(app, TYPE_VERSION, payload, [&](RegisterPayload* known) {
+    return send_and_keep(app, HTTP_MSG_TYPE_VERSION, payload, [&](http_msg_regist* known) {
         (void)text_copy(known->version, payload.version);
     });
 }
 
 int http_app_set_manual(http_app* app, const char* name, int manual) {
     if (app == nullptr) return -EINVAL;
-    ModePayload payload{};
-    payload.mode = manual != 0 ? 1 : 0;
+    http_msg_mode payload{};
+    payload.mode = manual != 0 ? HTTP_UPDATE_MODE_MANUAL : HTTP_UPDATE_MODE_AUTO;
     const int checked = name_fill(payload.name, name);
     if (checked != 0) return checked;
-    return send_and_keep(app, TYPE_MODE, payload, [&](RegisterPayload* known) {
+    return send_and_keep(app, HTTP_MSG_TYPE_MODE, payload, [&](http_msg_regist* known) {
         known->flags =
             manual != 0 ? known->flags | HTTP_APP_MANUAL : known->flags & ~HTTP_APP_MANUAL;
     });
@@ -405,24 +373,24 @@ int http_app_set_manual(http_app* app, const char* name, int manual) {
 
 int http_app_set_save_path(http_app* app, const char* name, const char* save_path) {
     if (app == nullptr) return -EINVAL;
-    SavePathPayload payload{};
+    http_msg_savepath payload{};
     int checked = name_fill(payload.name, name);
     if (checked == 0) checked = field_fill(payload.save_path, save_path);
     if (checked != 0) return checked;
-    return send_and_keep(app, TYPE_SAVE_PATH, payload, [&](RegisterPayload* known) {
+    return send_and_keep(app, HTTP_MSG_TYPE_SAVEPATH, payload, [&](http_msg_regist* known) {
         (void)text_copy(known->save_path, payload.save_path);
     });
 }
 
 int http_app_deregister(http_app* app, const char* name) {
     if (app == nullptr) return -EINVAL;
-    char field[32] = "";
+    char field[HTTP_UPDATE_NAME_SIZE] = "";
     const int checked = name_fill(field, name);
     if (checked != 0) return checked;
     const MutexLock guard(app->lock);
-    RegisterPayload* known = known_find_locked(app, field);
-    if (known != nullptr) *known = RegisterPayload{};
-    return send_locked(app, TYPE_DEREGISTER, field, strlen(field) + 1);
+    http_msg_regist* known = known_find_locked(app, field);
+    if (known != nullptr) *known = http_msg_regist{};
+    return send_locked(app, HTTP_MSG_TYPE_DEREGIST, field, strlen(field) + 1);
 }
 
 const char* http_app_result_text(int result) {

@@ -10,11 +10,9 @@
 
 #include <new>
 
-namespace {
+#include "frame/platform/http_update_packets.h"
 
-constexpr size_t NAME_SIZE = 32;
-constexpr size_t HEAD_SIZE = 36;
-constexpr size_t TAIL_SIZE = 4;
+namespace {
 
 // What is still unread of the payload; a failed step leaves ok_ false for good.
 class Reader {
@@ -24,19 +22,17 @@ class Reader {
     [[nodiscard]] bool Ok() const { return ok_; }
     [[nodiscard]] size_t Left() const { return rest_.size(); }
 
-    uint16_t Number() {
-        uint16_t number = 0;
-        const uint8_t* bytes = Take(sizeof number);
-        if (bytes != nullptr) memcpy(&number, bytes, sizeof number);
-        return number;
-    }
-    uint8_t Byte() {
-        const uint8_t* byte = Take(1);
-        return byte == nullptr ? uint8_t{0} : *byte;
+    // A record as it lies there; all zero where it does not fit.
+    template <typename Record>
+    Record Take() {
+        Record record{};
+        const uint8_t* bytes = Next(sizeof(record));
+        if (bytes != nullptr) memcpy(&record, bytes, sizeof(record));
+        return record;
     }
     // A text of size bytes whose last, and no other, is zero.
     const char* Text(size_t size) {
-        const uint8_t* bytes = Take(size);
+        const uint8_t* bytes = Next(size);
         if (bytes == nullptr) return "";
         const void* end = memchr(bytes, 0, size);
         if (end != bytes + size - 1) ok_ = false;
@@ -44,7 +40,7 @@ class Reader {
     }
 
   private:
-    const uint8_t* Take(size_t size) {
+    const uint8_t* Next(size_t size) {
         if (size == 0 || size > rest_.size()) ok_ = false;
         if (!ok_) return nullptr;
         const uint8_t* bytes = rest_.data();
@@ -61,39 +57,33 @@ bool body_walk(std::span<const uint8_t> body, size_t file_count, const char** fi
                http_app_fact* facts, size_t* fact_count) {
     Reader reader(body);
     for (size_t i = 0; i < file_count && reader.Ok(); ++i) {
-        const size_t stated = reader.Byte();
-        const char* path = reader.Text(stated == 0 ? 256 : stated);
+        const char* path = reader.Text(http_update_path_size(reader.Take<uint8_t>()));
         if (files != nullptr) files[i] = path;
     }
     size_t count = 0;
-    while (reader.Ok() && reader.Left() > TAIL_SIZE) {
-        const size_t name_size = reader.Number();
-        const size_t text_size = reader.Number();
-        const char* name = reader.Text(name_size);
-        const char* text = reader.Text(text_size);
+    while (reader.Ok() && reader.Left() > HTTP_UPDATE_REQ_END_SIZE) {
+        const auto fact = reader.Take<http_msg_fact>();
+        const char* name = reader.Text(fact.name_size);
+        const char* text = reader.Text(fact.text_size);
         if (facts != nullptr) facts[count] = {name, text};
         ++count;
     }
-    const bool ends_in_zeroes = reader.Number() == 0 && reader.Number() == 0;
+    const auto end = reader.Take<uint32_t>();
+    static_assert(sizeof(end) == HTTP_UPDATE_REQ_END_SIZE);
     *fact_count = count;
-    return reader.Ok() && ends_in_zeroes;
+    return reader.Ok() && end == 0;
 }
 
 }  // namespace
 
 ParsedRequest* app_request_parse(std::span<const uint8_t> payload) {
-    uint16_t file_count = 0;
-    uint16_t rest_length = 0;
+    Reader reader(payload);
+    const auto head = reader.Take<http_msg_update_req>();
+    const size_t file_count = head.file_count;
     size_t fact_count = 0;
-    bool whole = payload.size() >= HEAD_SIZE + TAIL_SIZE;
-    if (whole) {
-        memcpy(&file_count, payload.data() + NAME_SIZE, sizeof file_count);
-        memcpy(&rest_length, payload.data() + NAME_SIZE + 2, sizeof rest_length);
-        whole = rest_length == payload.size() - HEAD_SIZE &&
-                memchr(payload.data(), 0, NAME_SIZE) != nullptr &&
-                body_walk(payload.subspan(HEAD_SIZE), file_count, nullptr, nullptr, &fact_count);
-    }
-    if (!whole) {
+    if (!reader.Ok() || head.rest_length != reader.Left() ||
+        memchr(head.name, 0, sizeof(head.name)) == nullptr ||
+        !body_walk(payload.subspan(sizeof(head)), file_count, nullptr, nullptr, &fact_count)) {
         errno = EBADMSG;
         return nullptr;
     }
@@ -114,7 +104,7 @@ ParsedRequest* app_request_parse(std::span<const uint8_t> payload) {
     request->files = files;
     request->file_count = file_count;
     request->facts = facts;
-    const std::span<const uint8_t> body{bytes + payload_at + HEAD_SIZE, rest_length};
+    const std::span<const uint8_t> body{bytes + payload_at + sizeof(head), head.rest_length};
     (void)body_walk(body, file_count, files, facts, &request->fact_count);  // checked above
     return parsed;
 }

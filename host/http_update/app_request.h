@@ -1,11 +1,5 @@
-// The payload of an update request, taken apart for an app:
-//   0  32  app name, zero-terminated
-//  32   2  file count
-//  34   2  rest length: payload length - 36
-//  36      files: length byte (path length + 1; 0 stands for 256), path, zero byte
-//          facts: name length, text length (2 bytes each, closing zeroes counted),
-//          name, zero byte, text, zero byte
-//          4 zero bytes
+// The payload of an update request (frame/platform/http_update_packets.h), taken
+// apart for an app.
 // Threads: any; works on its arguments only.
 #pragma once
 

@@ -19,13 +19,10 @@
 #include "base/clock.h"
 #include "base/sync.h"
 
-static_assert(sizeof(http_update_packet_header) == HTTP_UPDATE_PACKET_HEADER_SIZE);
-
 namespace {
 
 constexpr int RECEIVE_LIMIT_MS = 500;
 constexpr int SEND_LIMIT_MS = 5000;
-constexpr int PAYLOAD_MAX = 65535;
 
 // Waits until fd is ready for events; the clock is first read here, so that the
 // usual call, which never waits, does not pay for it.
@@ -184,7 +181,7 @@ int http_update_reg_receive_skip(int fd, int count) {
 }
 
 int http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int length) {
-    if (length < 0 || length > PAYLOAD_MAX) {
+    if (length < 0 || length > HTTP_UPDATE_PAYLOAD_MAX) {
         errno = EMSGSIZE;
         return -1;
     }

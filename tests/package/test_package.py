@@ -127,7 +127,7 @@ def test_app_built_with_the_sdk_is_updated(service, spawn, tmp_path):
     flags = run("pkg-config", "--cflags", "--libs", "http_update").split()
     app = tmp_path / "app"
     run("cc", "-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-D_DEFAULT_SOURCE",
-        EXAMPLES / "app.c", *flags, "-o", app)
+        "-include", "http_update_packets.h", EXAMPLES / "app.c", *flags, "-o", app)
     release = tmp_path / "releases/modem/2.0/modem.img"
     release.parent.mkdir(parents=True)
     release.write_bytes(os.urandom(100_000))

@@ -12,7 +12,7 @@ using RegServer = RegistryServerTest;
 // Every field is filled to its last byte and so has no terminator.
 TEST_F(RegServer, AppLivesThroughItsMessages) {
     const int app = Connect();
-    Send(app, HTTP_MSG_TYPE_REGIST, std::string(sizeof(RegistMessage), 'a'));
+    Send(app, HTTP_MSG_TYPE_REGIST, std::string(sizeof(http_msg_regist), 'a'));
     const std::string name(31, 'a');
     EXPECT_EQ(Answer(app, name), REG_OK);
     EXPECT_EQ(First().name, name);
@@ -24,7 +24,7 @@ TEST_F(RegServer, AppLivesThroughItsMessages) {
     const std::string field(32, 'a');
     Send(app, HTTP_MSG_TYPE_SAVEPATH, field + std::string(128, 'p'));
     Send(app, HTTP_MSG_TYPE_VERSION, field + std::string(32, 'w'));
-    Send(app, HTTP_MSG_TYPE_MODE, field + Bytes(APP_MODE_MANUAL));
+    Send(app, HTTP_MSG_TYPE_MODE, field + Bytes(HTTP_UPDATE_MODE_MANUAL));
     EXPECT_EQ(First().save_path, std::string(127, 'p'));
     EXPECT_EQ(First().version, std::string(31, 'w'));
     EXPECT_EQ(First().flags, 0x61616161U | APP_FLAG_MANUAL);

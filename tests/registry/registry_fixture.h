@@ -74,7 +74,7 @@ class RegistryServerTest : public testing::Test {
     }
     // The result in the server's answer.
     int Register(int app, const std::string& name, const std::string& save_path = "") {
-        RegistMessage message{0, "", "1.0", ""};
+        http_msg_regist message{0, "", "1.0", ""};
         (void)text_copy(message.name, name);
         (void)text_copy(message.save_path, save_path);
         Send(app, HTTP_MSG_TYPE_REGIST, Bytes(message));
@@ -82,7 +82,8 @@ class RegistryServerTest : public testing::Test {
     }
     int Answer(int app, const std::string& name) {
         const auto [type, payload] = Receive(app);
-        if (type != HTTP_MSG_TYPE_REGIST_RSP || payload.size() != sizeof(RegistReply)) return -1;
+        if (type != HTTP_MSG_TYPE_REGIST_RSP || payload.size() != sizeof(http_msg_regist_rsp))
+            return -1;
         EXPECT_EQ(payload.substr(4), (name + std::string(32, '\0')).substr(0, 32));
         return payload[0];
     }

@@ -89,7 +89,7 @@ TEST_F(UpdateRequest, FailedSendFreesTheNameAtOnce) {
         const int next = Connect();
         const int app = Connect();
         ASSERT_EQ(Register(app, "alpha"), REG_OK);
-        const std::string old = Bytes(VersionMessage{"alpha", "old"});
+        const std::string old = Bytes(http_msg_version{"alpha", "old"});
         if (queued) (void)http_update_reg_send_normal(app, HTTP_MSG_TYPE_VERSION, old.data(), 64);
         (void)shutdown(app, SHUT_RD);  // sends to it fail
         std::thread([] { EXPECT_EQ(Request("<app/>", "alpha", {"f"}), -1); }).join();
