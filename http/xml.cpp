@@ -3,22 +3,18 @@
 // on, and its complaints never reach the daemon's standard error.
 #include "http/xml.h"
 
-#include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
-#include "base/unique_fd.h"
+#include "base/file.h"
 
 // Far above any file that the daemon writes itself.
-static constexpr off_t FILE_SIZE_MAX = 16 * 1024 * 1024;
+static constexpr size_t FILE_SIZE_MAX = 16 * 1024 * 1024;
 
 // libxml2 compares each attribute of an element with all the others, and each
 // prefix with all the namespaces in force: 2 MiB of them take many minutes. These
@@ -85,28 +81,12 @@ xmlDocPtr xml_doc_read_mem(const char* text) {
     return parse(text, strlen(text), "utf8", 0);
 }
 
-// The file is read here, not by libxml2: its own reader would unpack compressed
-// files and report on standard error.
-static bool read_file(const char* path, std::vector<char>* text) {
-    const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (!fd.valid() || fstat(fd.get(), &status) != 0) return false;
-    if (!S_ISREG(status.st_mode) || status.st_size > FILE_SIZE_MAX) return false;
-    text->resize(static_cast<size_t>(status.st_size));
-    size_t total = 0;
-    while (total < text->size()) {
-        const ssize_t count = read(fd.get(), text->data() + total, text->size() - total);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        total += static_cast<size_t>(count);
-    }
-    return true;
-}
-
 xmlDocPtr xml_doc_read_file(const char* path) {
-    std::vector<char> text;
-    if (path == nullptr || !read_file(path, &text)) return nullptr;
-    return parse(text.data(), text.size(), nullptr, XML_PARSE_NOBLANKS);
+    // The file is read here, not by libxml2: its own reader would unpack compressed
+    // files and report on standard error.
+    FileBytes file;
+    if (path == nullptr || file_read(path, 0, FILE_SIZE_MAX, &file) != 0) return nullptr;
+    return parse(file.bytes.get(), file.size, nullptr, XML_PARSE_NOBLANKS);
 }
 
 void xml_doc_free(xmlDocPtr document) {

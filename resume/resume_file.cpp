@@ -3,10 +3,8 @@
 // fails, one of the two is there whole.
 #include "resume/resume_file.h"
 
-#include <fcntl.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xmlstring.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -15,9 +13,9 @@
 #include <memory>
 #include <string_view>
 
+#include "base/file.h"
 #include "base/sync.h"
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "frame/log.h"
 #include "http/xml.h"
 #include "registry/app_registry.h"
@@ -197,29 +195,6 @@ struct XmlBytesFree {
 };
 }  // namespace
 
-// 0, or the error's number.
-static int write_synced(const char* path, std::string_view bytes) {
-    (void)unlink(path);  // left by a crash; and O_EXCL follows no symbolic link
-    const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
-    if (!fd.valid()) return errno;
-    while (!bytes.empty()) {
-        const ssize_t written = write(fd.get(), bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) return errno;
-        if (written > 0) bytes.remove_prefix(static_cast<size_t>(written));
-    }
-    return fsync(fd.get()) == 0 ? 0 : errno;
-}
-
-static int sync_directory_of(const char* path) {
-    char directory[PATH_SIZE];
-    const char* slash = strrchr(path, '/');
-    (void)text_copy(directory, slash == nullptr ? "." : std::string_view(path, slash + 1));
-    const UniqueFd fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd.valid()) return errno;
-    // Not every file system can sync a directory; the rename then has to do.
-    return fsync(fd.get()) == 0 || errno == EINVAL ? 0 : errno;
-}
-
 // 0, or the error's number; neither the old nor the new file is left then.
 static int save(const char* path, xmlDocPtr document) {
     xmlChar* bytes = nullptr;
@@ -227,18 +202,10 @@ static int save(const char* path, xmlDocPtr document) {
     xmlDocDumpMemory(document, &bytes, &size);
     const std::unique_ptr<xmlChar, XmlBytesFree> owned(bytes);
 
-    char beside[PATH_SIZE + 8];
-    size_t length = 0;
-    (void)text_appendf(beside, sizeof(beside), &length, "%s.new", path);
     int error = ENOMEM;
     if (bytes != nullptr && size > 0)
-        error = write_synced(beside, {xml_text(bytes), static_cast<size_t>(size)});
-    if (error == 0 && rename(beside, path) != 0) error = errno;
-    if (error == 0) error = sync_directory_of(path);
-    if (error != 0) {
-        (void)unlink(beside);  // whichever of them exists
-        (void)unlink(path);
-    }
+        error = file_replace(path, {xml_text(bytes), static_cast<size_t>(size)}, FILE_MODE);
+    if (error != 0) (void)unlink(path);  // the old one would bring back what is settled
     return error;
 }
 

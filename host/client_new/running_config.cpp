@@ -2,16 +2,13 @@
 #include "host/client_new/running_config.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
+#include "base/file.h"
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "base/working_dir.h"
 #include "frame/platform/syslog_new.h"
 #include "host/client_new/command.h"
@@ -87,69 +84,20 @@ std::string as_one_line(std::string text) {
     return text;
 }
 
-std::string error_text(const char* what) { return std::string(what) + ": " + strerror(errno); }
-
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        text.remove_prefix(static_cast<size_t>(count));
+// Why the file is not read; "" when there is none.
+std::string reason_of(int error) {
+    switch (error) {
+        case ENOENT:
+            return "";
+        case EINVAL:
+            return "not a plain file";
+        case EPERM:
+            return "belongs to a stranger";  // the directory is open to everyone
+        case EFBIG:
+            return "too large";
+        default:
+            return strerror(error);
     }
-    return true;
-}
-
-// A new file with the text, on the disk. Returns "" or the reason.
-std::string write_new_file(const std::string& path, std::string_view text) {
-    (void)unlink(path.c_str());  // left by a crash; the open tells if it is still there
-    UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file.valid()) return error_text("create");
-    if (!write_all(file.get(), text)) return error_text("write");
-    if (fsync(file.get()) != 0) return error_text("sync");
-    if (close(file.release()) != 0) return error_text("close");
-    return "";
-}
-
-void sync_directory_of(const std::string& path) {
-    const std::string directory = path.substr(0, path.rfind('/') + 1);
-    const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // The file is in place; a file system without directory sync can't do better.
-    if (fd.valid()) (void)fsync(fd.get());
-}
-
-// Reads the whole file. False: *reason says why, or is empty when there is none.
-bool read_file(const std::string& path, std::string* text, std::string* reason) {
-    // Non-blocking, because what lies there might be a pipe.
-    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!fd.valid()) {
-        if (errno != ENOENT) *reason = error_text("open");
-        return false;
-    }
-    struct stat info {};
-    if (fstat(fd.get(), &info) != 0) {
-        *reason = error_text("stat");
-    } else if (!S_ISREG(info.st_mode)) {
-        *reason = "not a plain file";
-    } else if (info.st_uid != geteuid() && info.st_uid != 0) {
-        *reason = "belongs to a stranger";  // the directory is open to everyone
-    } else if (info.st_size > off_t{FILE_MAX_BYTES}) {
-        *reason = "too large";
-    }
-    if (!reason->empty()) return false;
-    text->resize(FILE_MAX_BYTES);
-    size_t length = 0;
-    while (length < text->size()) {
-        const ssize_t count = read(fd.get(), text->data() + length, text->size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) {
-            *reason = error_text("read");
-            return false;
-        }
-        if (count == 0) break;
-        length += static_cast<size_t>(count);
-    }
-    text->resize(length);
-    return true;
 }
 
 // Returns "" or what is wrong with the line.
@@ -182,27 +130,18 @@ std::string startup_config_path() {
 
 std::string startup_config_save(const std::string& path, std::string_view text) {
     if (text.size() > FILE_MAX_BYTES) return "too large";  // would not be read back
-    const std::string fresh = path + ".new";
-    std::string reason = write_new_file(fresh, text);
-    if (reason.empty() && rename(fresh.c_str(), path.c_str()) != 0) reason = error_text("rename");
-    if (!reason.empty()) {
-        (void)unlink(fresh.c_str());  // nothing more can be done about it
-        return reason;
-    }
-    sync_directory_of(path);
-    return "";
+    const int error = file_replace(path.c_str(), text, 0600);
+    return error == 0 ? "" : strerror(error);
 }
 
 void startup_config_replay(const std::string& path, const Grammar& grammar) {
-    std::string text;
-    std::string reason;
-    if (!read_file(path, &text, &reason)) {
-        if (!reason.empty()) complain(path, reason);
-        return;
-    }
+    FileBytes file;
+    const int error = file_read(path.c_str(), FILE_NO_LINK | FILE_OURS, FILE_MAX_BYTES, &file);
+    std::string reason = error == 0 ? "" : reason_of(error);
+    if (!reason.empty()) complain(path, reason);
     int number = 0;
     int damaged = 0;
-    for (std::string_view rest = text; !rest.empty();) {
+    for (std::string_view rest = file.View(); !rest.empty();) {
         const size_t end = rest.find('\n');
         ++number;
         reason = replay_line(rest.substr(0, end), grammar);

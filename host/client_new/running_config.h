@@ -20,7 +20,7 @@ std::string running_config_text(const std::vector<const cli_node*>& trees);
 std::string startup_config_path();
 
 // Saves the text under the path, whole or not at all. Returns "" or why it
-// failed; the old file is then still there.
+// failed: the old file is then still there (file_replace() names the exception).
 std::string startup_config_save(const std::string& path, std::string_view text);
 
 // Runs each line of the file as a configuration command. A line that can't be

@@ -15,6 +15,7 @@
 
 #include <string_view>
 
+#include "base/file.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 
@@ -31,19 +32,10 @@ struct FileText {
     std::string_view view() const { return {bytes, size}; }
 };
 
-bool file_read(const char* path, FileText* text) {
+bool device_file_read(const char* path, FileText* text) {
     text->size = 0;
     const UniqueFd fd(tqsys_open_device_file(path));
-    if (!fd.valid()) return false;
-    while (text->size < sizeof text->bytes) {
-        const ssize_t got =
-            read(fd.get(), text->bytes + text->size, sizeof text->bytes - text->size);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return false;
-        if (got == 0) break;
-        text->size += static_cast<size_t>(got);
-    }
-    return true;
+    return fd.valid() && file_read_some(fd.get(), text->bytes, &text->size) == 0;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -94,14 +86,14 @@ bool is_placeholder(std::string_view text) {
 char* copy_of(std::string_view text) { return strndup(text.data(), text.size()); }
 
 char* from_device(std::string_view key, FileText* text) {
-    if (!file_read(DEVICE_FILE, text)) return nullptr;
+    if (!device_file_read(DEVICE_FILE, text)) return nullptr;
     const std::string_view value = value_of(text->view(), key);
     return value.empty() ? nullptr : copy_of(value);
 }
 
 bool os_release_read(FileText* text) {
     for (const char* path : OS_RELEASE_FILES) {
-        if (file_read(path, text)) return true;
+        if (device_file_read(path, text)) return true;
     }
     return false;
 }
@@ -121,7 +113,7 @@ char* from_os_release(const std::string_view (&keys)[N], FileText* text) {
 template <size_t N>
 char* from_firmware(const char* const (&paths)[N], FileText* text) {
     for (const char* path : paths) {
-        if (!file_read(path, text)) continue;
+        if (!device_file_read(path, text)) continue;
         const std::string_view value = trimmed(text->view().substr(0, text->view().find('\0')));
         if (!is_placeholder(value)) return copy_of(value);
     }

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "base/file.h"
 #include "base/text.h"
 
 using client_new::Frame;
@@ -105,9 +106,10 @@ void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
 // Output that is lost (a full disk) does not stop the command, whose work matters
 // more than its words.
 void show_output(Connection* connection, std::string_view text) {
-    if (write_all(STDOUT_FILENO, text) || connection->output_lost) return;
+    const int error = file_write_all(STDOUT_FILENO, text);
+    if (error == 0 || connection->output_lost) return;
     connection->output_lost = true;
-    (void)fprintf(stderr, "http_client_cli: standard output: %s\n", strerror(errno));
+    (void)fprintf(stderr, "http_client_cli: standard output: %s\n", strerror(error));
 }
 
 // Shows frames until the command's end. forward_interrupt: SIGINT is the
@@ -125,7 +127,8 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
         if (event != Event::kFrame) continue;
         Outcome outcome{};
         if (frame.type == client_new::FRAME_OUTPUT) show_output(connection, frame.payload);
-        if (frame.type == client_new::FRAME_REFUSAL) (void)write_all(STDERR_FILENO, frame.payload);
+        if (frame.type == client_new::FRAME_REFUSAL)
+            (void)file_write_all(STDERR_FILENO, frame.payload);
         if (frame.type == client_new::FRAME_END) {
             end_command(connection, frame, &outcome);
             return outcome;
@@ -134,21 +137,6 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
 }
 
 }  // namespace
-
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EAGAIN) {
-            pollfd waiting{fd, POLLOUT, 0};  // somebody made the terminal non-blocking
-            (void)poll(&waiting, 1, -1);
-            continue;
-        }
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
 
 bool connection_open(Connection* connection, bool second_list) {
     const std::string path = client_new::cli_socket_path();

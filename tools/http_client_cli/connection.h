@@ -47,7 +47,3 @@ Outcome connection_run(Connection* connection, std::string_view line);
 // Asks with FRAME_HELP or FRAME_COMPLETE. False: the session is lost or over.
 bool connection_ask(Connection* connection, client_new::FrameType type, std::string_view line,
                     std::string* reply);
-
-// Writes all of it; a reader that went away ends the program as usual (SIGPIPE).
-// False: errno says why not.
-bool write_all(int fd, std::string_view text);

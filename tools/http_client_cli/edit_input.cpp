@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "base/file.h"
 #include "input.h"
 
 namespace {
@@ -84,14 +85,15 @@ void leave_line(EditLine* edit) {
     std::string rows = "\n";
     if (el_get(edit, EL_GETTC, "cd", &clear) == 0 && clear != nullptr) rows += clear;
     (void)fflush(stdout);
-    (void)write_all(STDOUT_FILENO, rows.substr(0, rows.find('$')));  // behind it: times to wait
+    (void)file_write_all(STDOUT_FILENO,
+                         rows.substr(0, rows.find('$')));  // behind it: times to wait
 }
 
 // Shows text below the line and draws the line again under it. libedit's own way
 // (CC_REDISPLAY) first clears as many rows upwards as the line has, text included.
 unsigned char show(EditLine* edit, std::string_view text) {
     leave_line(edit);
-    (void)write_all(STDOUT_FILENO, text);
+    (void)file_write_all(STDOUT_FILENO, text);
     (void)el_set(edit, EL_REFRESH);
     return CC_NORM;
 }

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include "base/file.h"
 #include "input.h"
 
 namespace {
@@ -30,7 +31,7 @@ void read_more() {
 }  // namespace
 
 InputResult plain_read_line(Connection* connection, const char* prompt, std::string* line) {
-    (void)write_all(STDOUT_FILENO, prompt);
+    (void)file_write_all(STDOUT_FILENO, prompt);
     line->clear();
     while (!take_line(line)) {
         if (s_at_end) return InputResult::kEnd;

@@ -4,12 +4,10 @@
 #include "tech_support.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "base/file.h"
 #include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "tar_gz.h"
@@ -27,14 +26,9 @@ namespace {
 constexpr int REPORTS = 2;
 constexpr int ANSWER_WAIT_MS = 30000;
 constexpr size_t ANSWER_MAX_BYTES = 16777216;
-constexpr off_t DUMP_MAX_BYTES = 16777216;
+constexpr size_t DUMP_MAX_BYTES = 16777216;
 constexpr size_t MEMBER_NAME_MAX = 100;
 constexpr int EXIT_NO_BUNDLE = 2;
-
-struct Dump {
-    std::string content;
-    long mtime_s;
-};
 
 void say(const std::string& what, const char* reason) {
     (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
@@ -93,31 +87,14 @@ bool take_report(std::string_view answer, std::string_view* report) {
     return error == std::errc() && stop == answer.data() + line_end && report->size() == length;
 }
 
-// Opening must not hang on a pipe, and a terminal must not become ours.
-bool read_dump(const std::string& path, Dump* dump) {
-    const UniqueFd fd(
-        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat info {};
-    if (!fd.valid() || fstat(fd.get(), &info) != 0) {
-        if (errno != ENOENT) say(path, strerror(errno));  // it need not exist
-        return false;
+bool read_dump(const std::string& path, FileBytes* dump) {
+    const int error = file_read(path.c_str(), FILE_NO_LINK, DUMP_MAX_BYTES, dump);
+    if (error == EINVAL || error == EFBIG) {
+        say(path, error == EFBIG ? "too large, left out" : "not a plain file, left out");
+    } else if (error != 0 && error != ENOENT) {  // it need not exist
+        say(path, strerror(error));
     }
-    if (!S_ISREG(info.st_mode) || info.st_size > DUMP_MAX_BYTES) {
-        say(path, S_ISREG(info.st_mode) ? "too large, left out" : "not a plain file, left out");
-        return false;
-    }
-    dump->mtime_s = info.st_mtim.tv_sec;
-    dump->content.resize(static_cast<size_t>(info.st_size));
-    size_t length = 0;
-    while (length < dump->content.size()) {
-        const ssize_t count =
-            read(fd.get(), dump->content.data() + length, dump->content.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;  // it was emptied meanwhile: what there is, is taken
-        length += static_cast<size_t>(count);
-    }
-    dump->content.resize(length);
-    return true;
+    return error == 0;
 }
 
 // The file's own name without leading dots, so that an unpacked bundle shows it;
@@ -138,9 +115,9 @@ void add_dumps(TarGz* tar, std::string_view paths) {
     for (size_t end = paths.find('\n'); end != paths.npos; end = paths.find('\n')) {
         const std::string path(paths.substr(0, end));
         paths.remove_prefix(end + 1);
-        Dump dump{};
+        FileBytes dump;
         if (!path.empty() && read_dump(path, &dump)) {
-            tar_gz_add(tar, member_name(path, &taken), dump.content, dump.mtime_s);
+            tar_gz_add(tar, member_name(path, &taken), dump.View(), dump.modified_s);
         }
     }
 }
