@@ -5,40 +5,26 @@ import socketserver
 import stat
 import subprocess
 import tarfile
-import tempfile
 import threading
-from pathlib import Path
 
 import pexpect
 import pytest
+from lab import BIN_DIR, DEADLINE, Sample
 
-BIN = Path(os.environ["HTTP_CLIENT_BIN"])
-CLI = str(BIN / "http_client_cli")
-WAIT_S = 20
+CLI = str(BIN_DIR / "http_client_cli")
 RECORD = "[] no=0 context=0 debug=0 []\n"
 
 
 @pytest.fixture
-def env():
-    with tempfile.TemporaryDirectory(prefix="hc-", dir="/tmp") as root:  # short, as prefixes are
-        (Path(root) / "oam/http_client").mkdir(parents=True)
-        yield {**os.environ, "TMPDIR": root, "DATA_VEMO_DIR": root, "TERM": "xterm",
-               "LC_ALL": "C.UTF-8", "PRINTK_SYSLOG_FILE": root + "/log"}
+def daemon(sample):
+    sample.start()
+    return sample
 
 
-@pytest.fixture
-def daemon(env):
-    process = subprocess.Popen([str(BIN / "cli_test_daemon")], env=env, stdout=subprocess.PIPE)
-    assert process.stdout.readline() == b"ready\n"
-    yield process
-    process.kill()
-    process.wait()
-    process.stdout.close()
-
-
-def run(env, *arguments, stdin=""):
-    done = subprocess.run([CLI, *arguments], env=env, input=stdin, capture_output=True, text=True,
-                          timeout=WAIT_S)
+def run(sample, *arguments, stdin="", **more):
+    done = subprocess.run([CLI, *arguments], env=sample.environment, input=stdin, text=True,
+                          timeout=DEADLINE, **{"stdout": subprocess.PIPE,
+                                               "stderr": subprocess.PIPE, **more})
     return done.returncode, done.stdout, done.stderr
 
 
@@ -54,26 +40,25 @@ def run(env, *arguments, stdin=""):
     ([], "configure\nhttp update server bad%s\n" + "x" * 70000 + "\nshow record", 1, RECORD,
      "% Invalid server bad%s. \n% Line too long (at most 1023 bytes)\n"),
 ], ids=["commands", "second list", "refused", "debug", "standard input", "bad input"])
-def test_batch(env, daemon, arguments, stdin, status, output, errors):
-    assert run(env, *arguments, stdin=stdin) == (status, output, errors)
+def test_batch(daemon, arguments, stdin, status, output, errors):
+    assert run(daemon, *arguments, stdin=stdin) == (status, output, errors)
 
 
-def test_troubles_end_with_status_2(env, daemon):
+def test_troubles_end_with_status_2(daemon):
     with open("/dev/full", "w") as full:
-        lost = subprocess.run([CLI, "-c", "show record"], env=env, stdout=full,
-                              stderr=subprocess.PIPE, text=True, timeout=WAIT_S)
-    assert (lost.returncode, "standard output: " in lost.stderr) == (2, True)
-    daemon.kill()
-    daemon.wait()
-    status, output, errors = run(env, "-c", "write")
-    assert (status, output) == (2, "")
-    assert errors.startswith(f"http_client_cli: no daemon at {env['TMPDIR']}/oam/http_client/")
+        status, _, errors = run(daemon, "-c", "show record", stdout=full)
+    assert status == 2 and "standard output: " in errors
+    daemon.end()
+    status, output, errors = run(daemon, "-c", "write")
+    assert status == 2 and output == ""
+    assert errors.startswith(f"http_client_cli: no daemon at {daemon.work}/")
     for arguments in (["--bogus"], ["-c"], ["left over"], ["--tech-support", "x", "-c", "write"]):
-        assert run(env, *arguments)[:2] == (2, ""), arguments
+        assert run(daemon, *arguments)[:2] == (2, ""), arguments
 
 
-def test_terminal_until_the_daemon_dies(env, daemon):
-    child = pexpect.spawn(CLI, env=env, timeout=WAIT_S, encoding="utf-8", dimensions=(24, 80))
+def test_terminal_until_the_daemon_dies(daemon):
+    child = pexpect.spawn(CLI, env=daemon.environment, timeout=DEADLINE, encoding="utf-8",
+                          dimensions=(24, 80))
     child.expect_exact("http_client> ")
     for keys, *shown in [
         ("conf\t\r", "igure ", "http_client(config)# "),
@@ -92,7 +77,7 @@ def test_terminal_until_the_daemon_dies(env, daemon):
         for text in shown:
             child.expect_exact(text)
             assert "\x1b[A" not in child.before, "what was shown must stay"
-    daemon.kill()
+    daemon.process.kill()
     for shown in ("\r\n", "http_client_cli: the daemon has closed the session", pexpect.EOF):
         child.expect_exact(shown)
     child.close()
@@ -104,8 +89,8 @@ class Support(socketserver.StreamRequestHandler):
         self.wfile.write(self.server.answers.get(self.rfile.readline(), b""))
 
 
-def test_support_bundle(env):
-    root = Path(env["TMPDIR"])
+def test_support_bundle(sample):
+    root = sample.scratch.root
     for name in "ab":
         (root / name).mkdir()
         (root / name / ".dump").write_text(name)
@@ -114,7 +99,7 @@ def test_support_bundle(env):
     bundle = root / "bundle.tar.gz"
     bundle.write_text("old")
     bundle.chmod(0o644)
-    path = root / "oam/http_client/.tech_support"
+    path = sample.work / ".tech_support"
     with socketserver.UnixStreamServer(str(path), Support) as server:
         server.answers = {
             b"report 0\n": b"complete 5\nzero\n", b"report 1\n": b"complete 5\nzer",
@@ -122,7 +107,7 @@ def test_support_bundle(env):
                 "a/.dump", "b/.dump", "link", "pipe", "gone")).encode()}
         thread = threading.Thread(target=server.serve_forever, args=(0.01,))
         thread.start()
-        status, _, errors = run(env, "--tech-support", str(bundle))
+        status, _, errors = run(sample, "--tech-support", str(bundle))
         server.shutdown()
         thread.join()
     assert status == 0
@@ -134,5 +119,5 @@ def test_support_bundle(env):
         members = {member.name: tar.extractfile(member).read() for member in tar.getmembers()}
     assert members == {"report-0.txt": b"zero\n", "dump": b"a", "1-dump": b"b"}
     path.unlink()
-    assert run(env, "--tech-support", str(root / "x.tar.gz"))[0] == 2
+    assert run(sample, "--tech-support", str(root / "x.tar.gz"))[0] == 2
     assert not list(root.glob("x*"))

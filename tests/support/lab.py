@@ -84,6 +84,36 @@ class Scratch:
         assert not self.reports, "\n".join(self.reports)
 
 
+class Sample:
+    """The program of sample commands and reports: sample_daemon.cpp."""
+
+    def __init__(self, scratch: Scratch) -> None:
+        self.scratch = scratch
+        root = scratch.root
+        self.work = root / "oam/http_client"
+        self.work.mkdir(parents=True)
+        self.config, self.log = self.work / "startup-config", root / "log"
+        self.process: subprocess.Popen[str] | None = None
+        self.environment = {**os.environ, "TMPDIR": str(root), "DATA_VEMO_DIR": str(root),
+                            "PRINTK_SYSLOG_FILE": str(self.log), "TERM": "xterm",
+                            "LC_ALL": "C.UTF-8"}
+
+    def start(self, **more: Any) -> None:
+        self.process = self.scratch.spawn("sample", [BIN_DIR / "sample_daemon"],
+                                          env=self.environment, **more)
+        wait_for(lambda: self.scratch.output("sample"), "for the sample daemon")
+
+    def ended(self) -> int:
+        """Threads of commands that have said everything."""
+        return self.scratch.output("sample").count("ended")
+
+    def end(self) -> None:
+        """In good order, so that a leak shows in the exit status."""
+        subprocess.run([BIN_DIR / "http_client_cli", "-c", "work quit"], env=self.environment,
+                       timeout=DEADLINE, check=True)
+        assert self.process.wait(DEADLINE) == 0
+
+
 class LabServer:
     """The lab update server on a folder of releases of its own."""
 

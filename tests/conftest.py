@@ -3,7 +3,7 @@ from __future__ import annotations
 from collections.abc import Iterator
 
 import pytest
-from lab import Device, LabServer, Scratch
+from lab import Device, LabServer, Sample, Scratch
 
 
 @pytest.fixture
@@ -11,6 +11,14 @@ def scratch() -> Iterator[Scratch]:
     made = Scratch()
     yield made
     made.close()
+
+
+@pytest.fixture
+def sample(scratch: Scratch) -> Iterator[Sample]:
+    made = Sample(scratch)
+    yield made
+    if made.process is not None and made.process.poll() is None:
+        made.end()
 
 
 @pytest.fixture
