@@ -126,7 +126,7 @@ TEST_F(Admin, PublicTimerRetriesWhatFailed) {
 
     fakes::SetHamResult(0);
     std::filesystem::remove_all(socket);
-    fakes::SetDeviceFile("/proc/setmac/SerialNO", "S1");
+    dir_.Write("proc/setmac/SerialNO", "S1");
     fakes::Advance(loop_, 60);
     EXPECT_TRUE(ham_registered);
     EXPECT_STREQ(device_identity_copy().serial_number, "S1");

@@ -1,20 +1,13 @@
 // The libraries that only record and answer: terminal, logs, technical support,
-// downloads, name service, device.
+// downloads, health.
 #include "tests/fakes/fakes.h"
 
 #include <arpa/inet.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstring>
 
-#include "frame/platform/cpurule.h"
-#include "frame/platform/dnsclient.h"
 #include "frame/platform/syslog_new.h"
 #include "frame/platform/tq_proc_ham.h"
-#include "frame/platform/tqsys.h"
 
 namespace fakes {
 
@@ -22,12 +15,6 @@ void Reset() {
     FailTimers(false);
     MutexLock guard(g_lock);
     g_state = State{};
-}
-
-// The value under the key; null without one.
-static const std::string* Find(const TextMap& texts, const std::string& key) {
-    const auto found = texts.find(key);
-    return found == texts.end() ? nullptr : &found->second;
 }
 
 static std::string Dotted(in_addr address) {
@@ -43,12 +30,6 @@ static int RunDownload(DownloadCtx* context, const Download& download) {
         script = g_state.script;
     }
     return script ? script(context, download) : -1;
-}
-
-static char* SystemText(const char* call) {
-    MutexLock guard(g_lock);
-    const std::string* text = Find(g_state.system_texts, call);
-    return text == nullptr ? nullptr : strdup(text->c_str());
 }
 
 static int HamCall(const std::string& call, int first, int second) {
@@ -123,30 +104,7 @@ void http_close_debug() {
     g_state.download_debug--;
 }
 
-// No test of the daemon's own code asks for a name; only literal addresses connect.
-int dns_client_agent_init() { return -1; }
-bool hostname_verify(const char*) { return false; }
-int dns_domain_to_ip(DnsRequest*) { return -1; }
-
-// --- device
-
-char* tqsys_get_os_name() { return SystemText(__func__); }
-char* tqsys_get_project() { return SystemText(__func__); }
-char* tqsys_get_release_type() { return SystemText(__func__); }
-char* tqsys_get_release() { return SystemText(__func__); }
-char* tqsys_get_hw_version() { return SystemText(__func__); }
-
-int tqsys_open_device_file(const char* path) {
-    MutexLock guard(g_lock);
-    const std::string* content = Find(g_state.device_files, path);
-    if (content == nullptr) {
-        errno = ENOENT;
-        return -1;
-    }
-    const int fd = memfd_create("device", MFD_CLOEXEC);
-    if (write(fd, content->data(), content->size()) < 0 || lseek(fd, 0, SEEK_SET) != 0) abort();
-    return fd;
-}
+// --- health
 
 int reg_process_exit_action(int kind, int action) { return HamCall(__func__, kind, action); }
 
@@ -156,13 +114,5 @@ int ham_client_reg_thread_notify(pid_t, pid_t, int timeout_s, int action) {
 
 int ham_client_reset_thread_notify(pid_t, pid_t, int timeout_s, int action) {
     return HamCall(__func__, timeout_s, action);
-}
-
-int get_cores_affinity(CpuAffinityRequest* request) {
-    MutexLock guard(g_lock);
-    if (!g_state.cpu || strcmp(request->process, "http_client") != 0) return -1;
-    CPU_ZERO(&request->cpus);
-    CPU_SET(*g_state.cpu, &request->cpus);
-    return 0;
 }
 }

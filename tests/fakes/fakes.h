@@ -1,12 +1,11 @@
 // Fakes of the platform libraries for tests of the daemon's own code: virtual
 // time, a recording terminal, a scripted download library. They replace the
-// libraries of host/ at link time; registration packets go through the real one.
+// libraries of host/ at link time; packets, names and the device's files go
+// through the real ones.
 // Threads: the recorders may be filled from any thread.
 #pragma once
 
 #include <functional>
-#include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,15 +26,11 @@ struct Download {
 };
 using DownloadScript = std::function<int(DownloadCtx* context, const Download& download)>;
 
-using TextMap = std::map<std::string, std::string>;
-
 struct State {
     std::string terminal, syslog, tech_output, ham_calls;
     int download_debug, ham_result;
     DownloadScript script;
     std::vector<Download> downloads;
-    TextMap system_texts, device_files;
-    std::optional<size_t> cpu;
 };
 inline Mutex g_lock;  // leaf: no callback and no script runs under it
 inline State g_state GUARDED_BY(g_lock);
@@ -53,11 +48,6 @@ void Reset();
     inline void name(type value) {  \
         MutexLock guard(g_lock);    \
         g_state.field = value;      \
-    }
-#define FAKE_PUT(name, field)                                            \
-    inline void name(const std::string& key, const std::string& value) { \
-        MutexLock guard(g_lock);                                         \
-        g_state.field[key] = value;                                      \
     }
 
 // --- event loop, virtual time. A thread that runs a loop ends at once: its test
@@ -81,13 +71,6 @@ FAKE_TAKE(std::string, TechOutput, tech_output)
 FAKE_SET(const DownloadScript&, ScriptDownloads, script)
 FAKE_TAKE(std::vector<Download>, Downloads, downloads)
 FAKE_TAKE(int, DownloadDebug, download_debug)
-
-// --- device: texts of the system information (absent: the call fails), the
-// content of device files by plain path (absent: no such file), the processor
-// of the daemon's rule (none: no rule)
-FAKE_PUT(SetSystemText, system_texts)
-FAKE_PUT(SetDeviceFile, device_files)
-FAKE_SET(size_t, SetCpuRule, cpu)
 
 // --- health monitor: result of every call; calls so far as "name(argument,...)"
 // lines without process and thread ids

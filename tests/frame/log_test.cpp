@@ -6,9 +6,9 @@
 #include <regex>
 
 #include "frame/debug.h"
-#include "tests/frame/frame_fixture.h"
+#include "tests/support/daemon_test.h"
 
-using Log = FrameTest;
+using Log = DaemonTest;
 
 TEST_F(Log, LevelsPassByTheirBits) {
     struct Row {

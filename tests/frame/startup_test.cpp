@@ -8,11 +8,11 @@
 
 #include "frame/health.h"
 #include "frame/identity.h"
-#include "tests/frame/frame_fixture.h"
+#include "tests/support/daemon_test.h"
 
-class Startup : public FrameTest {
+class Startup : public DaemonTest {
   protected:
-    Startup() { DebugMask = DEBUG_ALL; }
+    Startup() { http_client_vsd_make_dir(); }
 
     // Exit code of a second process that runs the step; -1 when it returned.
     static int InOtherProcess(void (*step)()) {
@@ -73,23 +73,23 @@ TEST_F(Startup, TemporaryDirectoryIsEssentialDataDirectoryIsNot) {
 }
 
 TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
-    fakes::SetDeviceFile("/proc/setmac/SerialNO", "S12\n");
-    fakes::SetDeviceFile("/proc/setmac/projectid", std::string(40, 'p'));
-    fakes::SetDeviceFile("/proc/macaddr", " 00:11:22:33:44:55\nrest");
-    for (const char* call : {"os_name", "project", "release", "hw_version"})
-        fakes::SetSystemText(std::string("tqsys_get_") + call, call);
+    dir_.Write("proc/setmac/SerialNO", "S12\n");
+    dir_.Write("proc/setmac/projectid", std::string(40, 'p'));
+    dir_.Write("proc/macaddr", " 00:11:22:33:44:55\nrest");
+    const std::string conf = "os_name=OS_\nproject=P\nrelease=1.0\nhw_version=V2\n";
+    dir_.Write("etc/http_client/device.conf", conf);
     http_client_get_device_info();
     const DeviceIdentity identity = device_identity_copy();
     EXPECT_STREQ(identity.serial_number, "S12\n");
     EXPECT_EQ(identity.product_name, std::string(31, 'p'));
     EXPECT_STREQ(identity.mac_address, "00:11:22:33:44:55");
-    EXPECT_STREQ(identity.hardware_version, "hw_version");
+    EXPECT_STREQ(identity.hardware_version, "V2");
     EXPECT_STREQ(identity.software_version, "") << "a part is missing";
 
-    fakes::SetSystemText("tqsys_get_release_type", "%s");
+    dir_.Write("etc/http_client/device.conf", conf + "release_type=%s\n");
     http_client_get_sw_version();
-    EXPECT_STREQ(device_identity_copy().software_version, "os_nameproject %s(release)");
-    fakes::SetDeviceFile("/proc/macaddr", " \n");
+    EXPECT_STREQ(device_identity_copy().software_version, "OS_P %s(1.0)");
+    dir_.Write("proc/macaddr", " \n");
     http_client_get_mac();
     EXPECT_STREQ(device_identity_copy().mac_address, "00:11:22:33:44:55");
     ExpectDump("get mac failed. content:  \n.");
@@ -111,7 +111,7 @@ TEST_F(Startup, WatchdogIsFedEveryMinute) {
 }
 
 TEST_F(Startup, CpuRuleBindsTheProcess) {
-    fakes::SetCpuRule(static_cast<size_t>(sched_getcpu()));
+    dir_.Write("etc/http_client/cpu.rule", "http_client " + std::to_string(sched_getcpu()));
     const auto bound = [] {
         http_client_bind_cpus();
         cpu_set_t cpus;

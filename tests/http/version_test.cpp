@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <sys/socket.h>
@@ -14,7 +13,9 @@
 #include "http/check_version.h"
 #include "http/version_reply.h"
 #include "registry/app_registry.h"
-#include "tests/fakes/fakes.h"
+#include "tests/support/daemon_test.h"
+
+using Version = DaemonTest;
 
 constexpr int APP_FD = 1000;
 
@@ -39,13 +40,12 @@ static std::string Md5(const std::string& text) {
     return hex;
 }
 
-TEST(Version, QueryCarriesIdentityKeyAndTheFreeApps) {
-    fakes::Reset();
-    fakes::SetDeviceFile("/proc/setmac/SerialNO", "SN 1+2");
-    fakes::SetDeviceFile("/proc/setmac/projectid", "Router:9");
-    fakes::SetDeviceFile("/proc/macaddr", "00d0.f822.33aa");
-    for (const char* call : {"os_name", "project", "release_type", "release", "hw_version"})
-        fakes::SetSystemText(std::string("tqsys_get_") + call, "1.0 ");
+TEST_F(Version, QueryCarriesIdentityKeyAndTheFreeApps) {
+    dir_.Write("proc/setmac/SerialNO", "SN 1+2");
+    dir_.Write("proc/setmac/projectid", "Router:9");
+    dir_.Write("proc/macaddr", "00d0.f822.33aa");
+    dir_.Write("etc/http_client/device.conf",
+               "os_name=O\nproject=P\nrelease_type=T\nrelease=1\nhw_version=1 0\n");
     http_client_get_device_info();
     DebugMask = DEBUG_ERROR;
     Register("alpha", "1:0");
@@ -90,14 +90,13 @@ TEST(Version, QueryCarriesIdentityKeyAndTheFreeApps) {
     const std::string key = Md5(std::string("SN 1+2") + identity.software_version + "Router:9" +
                                 time + time + "3f6a2d9e81c47b05e9d2a6c4f01b738e");
     EXPECT_EQ(request.substr(request.find("&product")),
-              "&product=Router%3A9&sn=SN%201+2&mac=00d0.f822.33aa&hardware=1.0%20&chset=1"
+              "&product=Router%3A9&sn=SN%201+2&mac=00d0.f822.33aa&hardware=1%200&chset=1"
               "&timestamp=" +
                   time + "&randomCode=" + time + "&registerKey=" + key +
                   "&localIp=127.0.0.1&dataType=component&alpha=1%3A0&a&b=2%200");
 }
 
-TEST(Version, CheckTakesTheVersionFromAppOrFile) {
-    fakes::Reset();
+TEST_F(Version, CheckTakesTheVersionFromAppOrFile) {
     for (const char* name : {"alpha", "beta", "gamma"}) Register(name, "1.0");
     const XmlDoc document(
         xml_doc_read_mem("<filelist><app name='beta'><file name='%s'><version>f1</version></file>"

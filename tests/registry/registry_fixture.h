@@ -3,41 +3,28 @@
 #pragma once
 
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <filesystem>
-#include <string>
 #include <vector>
 
 #include "base/text.h"
 #include "base/unique_fd.h"
-#include "frame/log.h"
-#include "frame/paths.h"
 #include "frame/platform/http_update.h"
 #include "registry/app_registry.h"
 #include "registry/reg_messages.h"
 #include "registry/reg_server.h"
-#include "tests/fakes/fakes.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/daemon_test.h"
 
 template <typename Message>
 std::string Bytes(const Message& message) {
     return {reinterpret_cast<const char*>(&message), sizeof message};
 }
 
-class RegistryServerTest : public testing::Test {
+class RegistryServerTest : public DaemonTest {
   protected:
     void SetUp() override {
-        fakes::Reset();
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-        setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1);
-        http_client_get_env_dir();
-        std::filesystem::create_directories(dir_ / WORKING_DIR);
         loop_ = tq_thread_master_create();
-        DebugMask = DEBUG_REGISTER;
         ASSERT_EQ(reg_server_install(loop_), 0);
     }
     void TearDown() override {
@@ -105,12 +92,7 @@ class RegistryServerTest : public testing::Test {
         AppEntry entry{};
         return reg_app_get(0, &entry) == 0 ? entry : AppEntry{-1, "", "", "", 0};
     }
-    static void ExpectLog(const std::string& text) {
-        const std::string log = fakes::Syslog();
-        EXPECT_NE(log.find(text), log.npos) << text << " is missing in\n" << log;
-    }
 
-    TempDir dir_;
     tq_thread_master* loop_ = nullptr;
     std::vector<UniqueFd> apps_;
 };

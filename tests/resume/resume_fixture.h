@@ -1,18 +1,10 @@
 // A resume list over a private data directory, with small verbs.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <string>
-#include <vector>
-
-#include "frame/log.h"
 #include "resume/resume_file.h"
 #include "resume/resume_list.h"
 #include "resume/resume_timer.h"
-#include "tests/fakes/fakes.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/daemon_test.h"
 
 using Names = std::vector<std::string>;
 
@@ -46,13 +38,9 @@ inline std::string ResumeListed() {
     return text;
 }
 
-class ResumeTest : public testing::Test {
+class ResumeTest : public DaemonTest {
   protected:
-    void SetUp() override {
-        fakes::Reset();
-        DebugMask = DEBUG_ALL;
-        ASSERT_EQ(setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1), 0);
-        http_client_get_env_dir();
+    ResumeTest() {
         resume_init();
         (void)fakes::Syslog();
     }
@@ -64,15 +52,4 @@ class ResumeTest : public testing::Test {
     void Touch(const Names& names) {
         for (const std::string& name : names) dir_.Write(name, "x");
     }
-    // Those of the names whose files exist.
-    std::string OnDisk(const Names& names) {
-        std::string text;
-        for (const std::string& name : names)
-            if (std::filesystem::exists(dir_ / name)) text += name;
-        return text;
-    }
-
-    TempDir dir_;
 };
-
-#define EXPECT_HAS(text, part) EXPECT_NE((text).find(part), std::string::npos) << (text)

@@ -12,8 +12,6 @@ class AppsDown : public RegistryServerTest {
   protected:
     void SetUp() override {
         RegistryServerTest::SetUp();
-        ASSERT_EQ(setenv("DATA_VEMO_DIR", dir_.path().c_str(), 1), 0);
-        http_client_get_env_dir();
         resume_init();
         src_ip_set(SRC_IP_NONE);
         app_ = Connect();
