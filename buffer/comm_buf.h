@@ -4,7 +4,7 @@
 // block is freed the moment its last byte has been consumed.
 //
 // A CommBuf is normally embedded in its owner, set up with comm_buf_init and
-// given back with comm_buf_reset on every path out.
+// given back with comm_buf_reset on every path out: OwnedCommBuf does both.
 //
 // Threads: a buffer belongs to one thread at a time; nothing is locked.
 #pragma once
@@ -42,6 +42,14 @@ void comm_buf_free(CommBuf* buffer);
 // Empties the buffer and frees its blocks; it is ready for use again. Null is
 // ignored.
 void comm_buf_reset(CommBuf* buffer);
+
+// A buffer of the default block size.
+struct OwnedCommBuf : CommBuf {
+    OwnedCommBuf() { (void)comm_buf_init(this, 0); }  // fails for null only
+    ~OwnedCommBuf() { comm_buf_reset(this); }
+    OwnedCommBuf(const OwnedCommBuf&) = delete;
+    OwnedCommBuf& operator=(const OwnedCommBuf&) = delete;
+};
 
 // 0 for null.
 [[nodiscard]] uint32_t comm_buf_len(const CommBuf* buffer);

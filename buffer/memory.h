@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 // size bytes (positive), zero-filled; null when memory is short.
 [[nodiscard]] void* mem_zalloc(int32_t size);
@@ -15,7 +16,15 @@ void mem_free(void* memory);
 // happens to shrink.
 void mem_trim();
 
-// For std::unique_ptr.
+// Owns what mem_zalloc gave.
 struct MemFree {
     void operator()(void* memory) const { mem_free(memory); }
 };
+template <typename T>
+using MemPtr = std::unique_ptr<T, MemFree>;
+
+// A zero-filled record; null when memory is short.
+template <typename Record>
+[[nodiscard]] MemPtr<Record> mem_make() {
+    return MemPtr<Record>(static_cast<Record*>(mem_zalloc(static_cast<int32_t>(sizeof(Record)))));
+}

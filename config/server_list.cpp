@@ -129,7 +129,7 @@ void hu_serv_list_init(hu_serv_list* list) {
 }
 
 int hu_serv_list_add(hu_serv_list* list, const char* host, uint32_t port, const char* uri) {
-    auto* server = static_cast<UpdateServer*>(mem_zalloc(sizeof(UpdateServer)));
+    UpdateServer* server = mem_make<UpdateServer>().release();
     if (server == nullptr) {
         http_client_debug_dump("hu_serv_list_add failed.");
         return -1;

@@ -67,6 +67,14 @@ void hu_serv_list_init(hu_serv_list* list);
 void hu_serv_list_clear(hu_serv_list* list);
 [[nodiscard]] bool hu_serv_list_empty(const hu_serv_list* list);
 
+// A list that clears itself.
+struct OwnedServerList : hu_serv_list {
+    OwnedServerList() { hu_serv_list_init(this); }
+    ~OwnedServerList() { hu_serv_list_clear(this); }
+    OwnedServerList(const OwnedServerList&) = delete;
+    OwnedServerList& operator=(const OwnedServerList&) = delete;
+};
+
 // For walks: first server, the one after it; null at the end.
 [[nodiscard]] UpdateServer* hu_serv_list_first(const hu_serv_list* list);
 [[nodiscard]] UpdateServer* hu_serv_list_next(const hu_serv_list* list, const UpdateServer* server);

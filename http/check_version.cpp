@@ -113,7 +113,12 @@ static void check_server(UpdateServer* server, bool second) {
     }
 }
 
-static void check_servers(const hu_serv_list& servers, bool second) {
+static void check_servers(bool second) {
+    OwnedServerList servers;
+    if (hu_serv_list_copy(&servers, second ? SERVERS_SECOND : SERVERS_FIRST) != 0) {
+        cli_printf("%% Fail to alloc memory.");
+        return;
+    }
     AppSet registered{};
     reg_app_all(&registered);
     if (app_set_is_empty(registered)) {
@@ -131,15 +136,7 @@ static void* http_check_version_thread(void* argument) {
     auto* record = static_cast<cli_record*>(argument);
     (void)pthread_detach(pthread_self());
     (void)prctl(PR_SET_NAME, "http-check");
-    const bool second = record->context != 0;
-    hu_serv_list servers;
-    hu_serv_list_init(&servers);
-    if (hu_serv_list_copy(&servers, second ? SERVERS_SECOND : SERVERS_FIRST) != 0) {
-        cli_printf("%% Fail to alloc memory.");
-    } else {
-        check_servers(servers, second);
-    }
-    hu_serv_list_clear(&servers);
+    check_servers(record->context != 0);
     mem_trim();
     cli_proc_thread_end(record, pthread_self());
     return nullptr;

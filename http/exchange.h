@@ -20,14 +20,14 @@ struct HttpRequest {
     uint16_t port;
     char host[128];
     char path[256];
-    CommBuf body;  // of a POST
+    OwnedCommBuf body;  // of a POST
 };
 
 // Writes the request text into a zero-filled buffer, consuming the body. Returns
 // its length, or -1 for another method or a request that does not fit.
 [[nodiscard]] int pkg_create(char (&text)[PKG_REQUEST_SIZE], HttpRequest* request);
 
-// 0: the whole request was sent; else -1. The caller resets the body.
+// 0: the whole request was sent; else -1, the body may then be consumed in part.
 [[nodiscard]] int pkg_send(int fd, HttpRequest* request);
 
 // First header field after the status line, or null when there is no status line

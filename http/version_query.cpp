@@ -9,7 +9,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "base/clock.h"
 #include "base/text.h"
@@ -38,7 +37,7 @@ static_assert(sizeof(DeviceIdentity::serial_number) + sizeof(DeviceIdentity::sof
               KEY_SOURCE_SIZE);
 
 namespace {
-using EscapedText = std::unique_ptr<char, MemFree>;
+using EscapedText = MemPtr<char>;
 
 // The identity as it goes into the form.
 struct EscapedIdentity {
@@ -162,20 +161,19 @@ UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& 
     request.port = static_cast<uint16_t>(server->port);
     text_copy(request.host, text_view(server->host));
     text_copy(request.path, text_view(server->uri));
-    comm_buf_init(&request.body, 0);
-    UpdateStatus status = UPDATE_OK;
     if (http_update_version_pack(server, &request.body, asked, sent) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "build request data failed");
-        status = UPDATE_NO_MEMORY;
-    } else if (app_set_is_empty(*sent)) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "send mask empty");
-        status = UPDATE_ALL_BUSY;
-    } else if (pkg_send(server->socket, &request) != 0) {
-        http_client_debug_print(HTTPC_LOG_CONNECT, "send request failed");
-        status = UPDATE_SEND_FAIL;
+        return UPDATE_NO_MEMORY;
     }
-    comm_buf_reset(&request.body);
-    return status;
+    if (app_set_is_empty(*sent)) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "send mask empty");
+        return UPDATE_ALL_BUSY;
+    }
+    if (pkg_send(server->socket, &request) != 0) {
+        http_client_debug_print(HTTPC_LOG_CONNECT, "send request failed");
+        return UPDATE_SEND_FAIL;
+    }
+    return UPDATE_OK;
 }
 
 int http_update_version_pack(const UpdateServer* server, CommBuf* body, const AppSet& asked,

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <memory>
-
 #include "buffer/memory.h"
 #include "frame/log.h"
 #include "http/connection.h"
@@ -45,31 +43,27 @@ XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppS
 
 XmlDoc http_update_version_recv(int fd, UpdateStatus* status) {
     *status = UPDATE_OK;
-    CommBuf body;
-    comm_buf_init(&body, 0);
+    OwnedCommBuf body;
     if (pkg_recv(fd, &body) != 0) {
-        comm_buf_reset(&body);
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->recv response fail %d", fd,
                                 static_cast<int>(*status));
         *status = UPDATE_RECEIVE_FAIL;
         return nullptr;
     }
     XmlDoc document = comm_to_buf(&body);
-    comm_buf_reset(&body);
     if (document == nullptr) *status = UPDATE_BAD_REPLY;
     return document;
 }
 
 // The buffer's whole content as a zero-terminated text; null when it is empty or
 // memory is short.
-static char* take_text(CommBuf* buffer) {
+static MemPtr<char> take_text(CommBuf* buffer) {
     const uint32_t length = comm_buf_len(buffer);
     if (length == 0 || length >= INT32_MAX) return nullptr;
-    auto* text = static_cast<char*>(mem_zalloc(static_cast<int32_t>(length + 1)));
+    MemPtr<char> text(static_cast<char*>(mem_zalloc(static_cast<int32_t>(length + 1))));
     if (text == nullptr) return nullptr;
-    if (comm_buf_read(buffer, text, length) == static_cast<int32_t>(length)) return text;
-    mem_free(text);
-    return nullptr;
+    if (comm_buf_read(buffer, text.get(), length) != static_cast<int32_t>(length)) return nullptr;
+    return text;
 }
 
 XmlDoc comm_to_buf(CommBuf* buffer) {
@@ -77,7 +71,7 @@ XmlDoc comm_to_buf(CommBuf* buffer) {
         http_client_debug_print(HTTPC_LOG_ERROR, "invalid cbuf in comm to doc");
         return nullptr;
     }
-    std::unique_ptr<char, MemFree> text(take_text(buffer));
+    MemPtr<char> text = take_text(buffer);
     if (text == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "malloc fail in comm to doc");
         return nullptr;

@@ -28,9 +28,6 @@ namespace {
 struct ParserFree {
     void operator()(xmlParserCtxtPtr parser) const { xmlFreeParserCtxt(parser); }
 };
-struct XmlTextFree {
-    void operator()(xmlChar* text) const { xmlFree(text); }
-};
 }  // namespace
 
 // Runs when the parser meets a DOCTYPE. Stopping there, and not after the parse,
@@ -105,7 +102,7 @@ bool xml_node_is(const xmlNode* node, const char* name) {
 
 // Takes the text over; it may be null.
 static void fill(xmlChar* text, char* buffer, size_t size) {
-    const std::unique_ptr<xmlChar, XmlTextFree> owned(text);
+    const XmlText owned(text);
     memset(buffer, 0, size);
     if (text == nullptr) return;
     const std::string_view content(xml_text(text));

@@ -23,6 +23,12 @@ struct XmlDocFree {
 };
 using XmlDoc = std::unique_ptr<xmlDoc, XmlDocFree>;
 
+// Owns a text that libxml2 handed out.
+struct XmlTextFree {
+    void operator()(xmlChar* text) const { xmlFree(text); }
+};
+using XmlText = std::unique_ptr<xmlChar, XmlTextFree>;
+
 // The root element when it is "filelist"; else none.
 [[nodiscard]] xmlNodePtr xml_root_get(xmlDocPtr document);
 

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <span>
 #include <string_view>
 
@@ -26,16 +25,9 @@ namespace {
 constexpr int NODE_MAX = 50;
 
 struct NodeContext {
-    NodeContext() { (void)comm_buf_init(&records, 0); }  // fails for null only
-    ~NodeContext() { comm_buf_reset(&records); }
-    NodeContext(const NodeContext&) = delete;
-    NodeContext& operator=(const NodeContext&) = delete;
-
-    CommBuf records{};
+    OwnedCommBuf records;
     bool failed = false;
 };
-
-using Payload = std::unique_ptr<uint8_t[], MemFree>;
 
 using Paths = std::span<char* const>;
 
@@ -181,7 +173,7 @@ int reg_update_req(xmlNodePtr app, const char* name, char** paths, int32_t count
         http_client_debug_dump("[%s]<-->update req send fail", name);
         return -1;
     }
-    const Payload payload(static_cast<uint8_t*>(mem_zalloc(static_cast<int32_t>(size))));
+    const MemPtr<uint8_t[]> payload(static_cast<uint8_t*>(mem_zalloc(static_cast<int32_t>(size))));
     if (payload == nullptr) {
         http_client_debug_dump("[%s]<-->update req malloc fail", name);
         return -1;

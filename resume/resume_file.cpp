@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "base/file.h"
@@ -80,25 +79,22 @@ int resume_read_app(xmlNodePtr app) {
     }
     http_client_debug_print(HTTPC_LOG_INFO, "resume_read_app-->[%s] app_name [%s]", RESUME_FILE,
                             name);
-    int32_t count = 0;
-    FilenameArray array = nullptr;
-    if (filename_count(app, &count, &array) != 0) {
+    OwnedFilenames files;
+    if (filename_count(app, &files.count, &files.array) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->have no file", name);
         return -1;
     }
-    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d in resume read app", name, count);
-    if (count == 0) return 0;
-
-    int result = -1;
+    http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d in resume read app", name,
+                            files.count);
+    if (files.count == 0) return 0;
     if (resume_app_count() >= RESUME_APP_MAX) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->over %u apps in resume file", name,
                                 RESUME_APP_MAX);
-    } else {
-        result = resume_add(name, array, count, 0, false);
-        if (result != 0) filename_unlink(array, count);
+        return -1;
     }
-    filename_free(array, count);
-    return result;
+    if (resume_add(name, files.array, files.count, 0, false) == 0) return 0;
+    filename_unlink(files.array, files.count);
+    return -1;
 }
 
 // --- building the document
@@ -189,18 +185,12 @@ int resume_write_apps(xmlNodePtr root) {
 
 // --- saving
 
-namespace {
-struct XmlBytesFree {
-    void operator()(xmlChar* bytes) const { xmlFree(bytes); }
-};
-}  // namespace
-
 // 0, or the error's number; neither the old nor the new file is left then.
 static int save(const char* path, xmlDocPtr document) {
     xmlChar* bytes = nullptr;
     int size = 0;
     xmlDocDumpMemory(document, &bytes, &size);
-    const std::unique_ptr<xmlChar, XmlBytesFree> owned(bytes);
+    const XmlText owned(bytes);
 
     int error = ENOMEM;
     if (bytes != nullptr && size > 0)

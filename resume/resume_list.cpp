@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 
 #include "base/text.h"
 #include "buffer/memory.h"
@@ -45,28 +44,17 @@ ResumeFile* resume_next_file(const ResumeApp* app, const ResumeLink* after) {
     return file_after(&app->files, after);
 }
 
-static void free_files(ResumeLink* files) {
-    while (ResumeFile* file = file_after(files, files)) {
+void ResumeAppFree::operator()(ResumeApp* app) const {
+    while (ResumeFile* file = file_after(&app->files, &app->files)) {
         list_remove(file);
         mem_free(file);
     }
+    mem_free(app);
 }
-
-namespace {
-struct AppFree {
-    void operator()(ResumeApp* app) const {
-        free_files(&app->files);
-        mem_free(app);
-    }
-};
-}  // namespace
-
-// An entry outside the list, with its files.
-using OwnedApp = std::unique_ptr<ResumeApp, AppFree>;
 
 template <typename Record>
 static Record* record_malloc() {
-    auto* record = static_cast<Record*>(mem_zalloc(static_cast<int32_t>(sizeof(Record))));
+    Record* record = mem_make<Record>().release();
     if (record == nullptr) http_client_debug_print(HTTPC_LOG_ERROR, "not enough memory");
     return record;
 }
@@ -77,19 +65,19 @@ static ResumeApp* find_locked(const char* name) REQUIRES(resume_lock) {
     return nullptr;
 }
 
-static OwnedApp take_locked(ResumeApp* app) REQUIRES(resume_lock) {
+static OwnedResumeApp take_locked(ResumeApp* app) REQUIRES(resume_lock) {
     if (app == nullptr) return nullptr;
     list_remove(app);
     resume_changed = true;
-    return OwnedApp(app);
+    return OwnedResumeApp(app);
 }
 
-static OwnedApp take_by_name(const char* name) {
+static OwnedResumeApp take_by_name(const char* name) {
     MutexLock guard(resume_lock);
     return take_locked(find_locked(name));
 }
 
-static OwnedApp take_first() {
+static OwnedResumeApp take_first() {
     MutexLock guard(resume_lock);
     return take_locked(resume_next_app(&ResumeList));
 }
@@ -142,10 +130,9 @@ static void resume_unlink_stale(const ResumeLink* files, FilenameArray array, in
     }
 }
 
-static void drop(OwnedApp app, FilenameArray array, int32_t k) {
+static void drop(OwnedResumeApp app, FilenameArray array, int32_t k) {
     if (app == nullptr) return;
     resume_unlink_stale(&app->files, array, k);
-    free_files(&app->files);
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->free in resume list", app->name);
 }
 
@@ -194,7 +181,7 @@ static int32_t resume_add_files(ResumeLink* files, FilenameArray array, int32_t 
 int resume_add(const char* name, FilenameArray array, int32_t count, int32_t n, bool incremental) {
     if (name == nullptr || array == nullptr || n < 0 || n >= count) return -1;
     resume_free_app(name, array, n + 1);
-    OwnedApp app(record_malloc<ResumeApp>());
+    OwnedResumeApp app(record_malloc<ResumeApp>());
     if (app == nullptr) return -1;
     list_init(&app->files);
     const int32_t added = resume_add_files(&app->files, array, count, n, incremental);
@@ -215,7 +202,7 @@ FilenameArray resume_get(const char* name, int32_t* count) {
         http_client_debug_print(HTTPC_LOG_ERROR, "invalid para in get resume file");
         return nullptr;
     }
-    const OwnedApp app = take_by_name(name);
+    const OwnedResumeApp app = take_by_name(name);
     if (app == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "have no file in resume");
         return nullptr;

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "base/sync.h"
 #include "update/filename_list.h"
@@ -39,6 +40,12 @@ struct ResumeApp : ResumeLink {
     char name[RESUME_NAME_SIZE];
     ResumeLink files;  // head of its ResumeFile records, in the order of the app's file list
 };
+
+// An entry outside the list, with its files.
+struct ResumeAppFree {
+    void operator()(ResumeApp* app) const;
+};
+using OwnedResumeApp = std::unique_ptr<ResumeApp, ResumeAppFree>;
 
 extern Mutex resume_lock;
 

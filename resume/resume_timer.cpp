@@ -4,7 +4,6 @@
 #include <climits>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 
 #include "base/text.h"
 #include "buffer/memory.h"
@@ -116,7 +115,7 @@ struct Report {
     bool timer_pending = false;
     unsigned long seconds_left = 0;
     int32_t row_count = 0;
-    std::unique_ptr<ReportRow[], MemFree> rows;  // null for none, or for want of memory
+    MemPtr<ReportRow[]> rows;  // null for none, or for want of memory
 };
 }  // namespace
 

@@ -28,16 +28,9 @@ struct AppTurn {
     const AppEntry& entry;
 };
 
-// The files of one app's turn.
-struct AppFiles {
-    FilenameArray paths = nullptr;
-    int32_t count = 0;
+// The files of one app's turn: their local paths.
+struct AppFiles : OwnedFilenames {
     int32_t done = 0;  // completed so far; the file at this index is the one that failed
-
-    AppFiles() = default;
-    AppFiles(const AppFiles&) = delete;
-    AppFiles& operator=(const AppFiles&) = delete;
-    ~AppFiles() { filename_free(paths, count); }
 };
 
 const char* last_component(const char* path) {
@@ -102,14 +95,14 @@ int filename_update(const AppEntry& entry, xmlNodePtr app, FilenameArray array, 
 UpdateStatus app_files_get(const AppTurn& turn, AppFiles* files) {
     const AppEntry& entry = turn.entry;
     if (turn.pass.kind == UPDATE_RUN_RESUME) {
-        files->paths = resume_get(entry.name, &files->count);
-        return files->paths == nullptr ? UPDATE_NO_MEMORY : UPDATE_OK;
+        files->array = resume_get(entry.name, &files->count);
+        return files->array == nullptr ? UPDATE_NO_MEMORY : UPDATE_OK;
     }
-    if (filename_count(turn.app, &files->count, &files->paths) != 0) {
+    if (filename_count(turn.app, &files->count, &files->array) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "parse filecnt failed");
         return UPDATE_BAD_REPLY;
     }
-    if (filename_update(entry, turn.app, files->paths, files->count) != 0) {
+    if (filename_update(entry, turn.app, files->array, files->count) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "parse file failed");
         return UPDATE_BAD_REPLY;
     }
@@ -135,10 +128,10 @@ UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
 // crash in between can't make a resume run fetch what the app already has.
 UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
     const char* name = turn.entry.name;
-    if (turn.pass.kind != UPDATE_RUN_RESUME) resume_free_app(name, files.paths, files.done);
+    if (turn.pass.kind != UPDATE_RUN_RESUME) resume_free_app(name, files.array, files.done);
     resume_write();
-    if (reg_update_req(turn.app, name, files.paths, files.done) >= 0) return UPDATE_OK;
-    filename_unlink(files.paths, files.done);
+    if (reg_update_req(turn.app, name, files.array, files.done) >= 0) return UPDATE_OK;
+    filename_unlink(files.array, files.done);
     return UPDATE_NOTIFY_FAIL;
 }
 
@@ -149,18 +142,18 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
     bool incremental = (entry.flags & APP_FLAG_INCREMENTAL) != 0 && files.done > 0;
     if (incremental) {
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->increme update", entry.name);
-        incremental = reg_update_req(turn.app, entry.name, files.paths, files.done) >= 0;
+        incremental = reg_update_req(turn.app, entry.name, files.array, files.done) >= 0;
     }
     bool recorded = false;
     if (daily || resume_retry_count.load(std::memory_order_relaxed) > 0) {
-        recorded = resume_add(entry.name, files.paths, files.count, files.done, incremental) == 0;
+        recorded = resume_add(entry.name, files.array, files.count, files.done, incremental) == 0;
         if (recorded && daily)
             resume_retry_count.store(RESUME_RETRY_MAX, std::memory_order_relaxed);
     }
-    FilenameArray failed_file = files.paths + files.done;
+    FilenameArray failed_file = files.array + files.done;
     if (!recorded) {
         filename_unlink(failed_file, 1);
-        if (!incremental) filename_unlink(files.paths, files.done);
+        if (!incremental) filename_unlink(files.array, files.done);
     } else if (result == UPDATE_NO_STORAGE) {
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->del for no flash", entry.name);
         filename_unlink(failed_file, 1);
@@ -172,7 +165,7 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
 UpdateStatus apps_down_finish(const AppTurn& turn, const AppFiles& files, UpdateStatus result) {
     if (result == UPDATE_OK) return finish_complete(turn, files);
     if (run_is_by_operator(turn.pass.kind))
-        resume_del_files(turn.entry.name, files.paths, files.done + 1);
+        resume_del_files(turn.entry.name, files.array, files.done + 1);
     else
         finish_for_resume(turn, files, result);
     return result;
@@ -185,7 +178,7 @@ UpdateStatus apps_down_files(const AppTurn& turn) {
     update_progress_begin_files(static_cast<uint32_t>(files.count));
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", turn.entry.name, files.count);
     while (files.done < files.count) {
-        result = app_file_fetch(turn, files.paths[files.done]);
+        result = app_file_fetch(turn, files.array[files.done]);
         if (result != UPDATE_OK) break;
         files.done++;
         update_progress_file_done();

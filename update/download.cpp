@@ -2,7 +2,6 @@
 #include "update/download.h"
 
 #include <cstring>
-#include <memory>
 
 #include "base/text.h"
 #include "buffer/memory.h"
@@ -89,8 +88,7 @@ static bool download_call(DownloadPass* pass, const char* url, int* code) {
         *code = http_download_file_progress(&pass->context, url, pass->path, flag);
         return true;
     }
-    const std::unique_ptr<http_util_tlv, MemFree> tlv(
-        static_cast<http_util_tlv*>(mem_zalloc(sizeof(http_util_tlv))));
+    const MemPtr<http_util_tlv> tlv = mem_make<http_util_tlv>();
     if (tlv == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR,
                                 "down_files_single_downpath-->malloc http_util_tlv fail.");

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "buffer/memory.h"
 #include "frame/log.h"
@@ -126,17 +127,18 @@ int filename_count(xmlNodePtr app, int32_t* count, FilenameArray* array) {
     }
     if (expected == 0) return 0;
 
-    FilenameArray names = filename_malloc(expected);
-    if (names == nullptr) return -1;
-    FillState state{names, 0, expected};
+    OwnedFilenames names;
+    names.array = filename_malloc(expected);
+    if (names.array == nullptr) return -1;
+    names.count = expected;
+    FillState state{names.array, 0, expected};
     xml_child_foreach(app, "file", &state, filename_replenish);
     if (state.filled != expected) {
-        filename_free(names, expected);
         http_client_debug_print(HTTPC_LOG_ERROR, "filename_count-->fielcout %d is not equal %d",
                                 state.filled, expected);
         return -1;
     }
     *count = expected;
-    *array = names;
+    *array = std::exchange(names.array, nullptr);
     return 0;
 }

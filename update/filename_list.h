@@ -1,7 +1,7 @@
 // File-name arrays: count pointers to zero-filled buffers of FILENAME_SIZE bytes,
 // each holding a file's name or, later, its full local path.
 // The array does not know its count. Whoever obtains one owns it and releases it
-// with filename_free.
+// with filename_free; OwnedFilenames does.
 // Threads: any; works on its arguments only.
 #pragma once
 
@@ -18,6 +18,17 @@ using FilenameArray = char**;
 // A new array, or null when count is not positive or memory is short.
 [[nodiscard]] FilenameArray filename_malloc(int32_t count);
 void filename_free(FilenameArray array, int32_t count);
+
+// An array with its count.
+struct OwnedFilenames {
+    OwnedFilenames() = default;
+    ~OwnedFilenames() { filename_free(array, count); }
+    OwnedFilenames(const OwnedFilenames&) = delete;
+    OwnedFilenames& operator=(const OwnedFilenames&) = delete;
+
+    FilenameArray array = nullptr;
+    int32_t count = 0;
+};
 
 // Deletes the named files from disk; a missing file is no error.
 void filename_unlink(FilenameArray array, int32_t count);

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -85,9 +84,6 @@ void http_update_cmd(cli_record* record) {
 
 // --- background
 
-// The requested apps, on their way from the command to its thread.
-using SetCopy = std::unique_ptr<AppSet, MemFree>;
-
 static void update_report_background(const AppSet& /*requested*/, UpdateRunKind /*kind*/,
                                      const char* /*host*/, UpdateStatus status) {
     if (status != UPDATE_OK)
@@ -98,7 +94,7 @@ static void update_report_background(const AppSet& /*requested*/, UpdateRunKind 
 
 static void* http_update_background_thread(void* argument) {
     (void)pthread_detach(pthread_self());
-    const SetCopy set(static_cast<AppSet*>(argument));
+    const MemPtr<AppSet> set(static_cast<AppSet*>(argument));
     if (set == nullptr) return nullptr;
     (void)prctl(PR_SET_NAME, "http-update-background");  // the system keeps 15 characters
     const UpdateStatus status =
@@ -114,7 +110,7 @@ void http_update_background_cmd(cli_record* record) {
     // Another run may begin before the thread's own: it then ends with this status
     // in the log.
     if (update_state_is_running()) return status_print(UPDATE_RUNNING);
-    SetCopy copy(static_cast<AppSet*>(mem_zalloc(sizeof(AppSet))));
+    MemPtr<AppSet> copy = mem_make<AppSet>();
     if (copy == nullptr) return status_print(UPDATE_NO_MEMORY);
     *copy = set;
     pthread_t thread{};

@@ -60,7 +60,7 @@ void update_progress_print(int output) {
 }
 
 static void test_print_servers(int output) {
-    hu_serv_list servers;
+    OwnedServerList servers;
     if (hu_serv_list_copy(&servers, SERVERS_BOTH) != 0) {
         report_printf(output, "update server:\n");
         report_printf(output, "update port:\n");
@@ -72,7 +72,6 @@ static void test_print_servers(int output) {
         report_printf(output, "update port:    %d\n", static_cast<int>(server->port));
         report_printf(output, "update uri:     %s\n", server->uri);
     }
-    hu_serv_list_clear(&servers);
 }
 
 void update_test_print(int output) {

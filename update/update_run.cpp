@@ -26,7 +26,7 @@ static UpdateStatus server_pass(const AppSet& requested, UpdateRunKind kind, Upd
 
 static UpdateStatus servers_ask(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                                 unsigned selector) {
-    hu_serv_list servers;
+    OwnedServerList servers;
     if (hu_serv_list_copy(&servers, selector) != 0) return UPDATE_NO_MEMORY;
     for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
          server = hu_serv_list_next(&servers, server)) {
@@ -35,7 +35,6 @@ static UpdateStatus servers_ask(const AppSet& requested, UpdateRunKind kind, Upd
         update_progress_reset(kind);
         report(requested, kind, server->host, server_pass(requested, kind, server));
     }
-    hu_serv_list_clear(&servers);
     return UPDATE_OK;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <string>
 
@@ -74,7 +73,7 @@ TEST(CommBuf, BehavesAsAQueueOfBytes) {
 TEST(UrlEscape, EscapesTheClassesAskedFor) {
     const std::string passing =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!$&'()*+,-./;=?_~";
-    using Text = std::unique_ptr<char, MemFree>;
+    using Text = MemPtr<char>;
     for (int byte = 1; byte < 256; byte++) {
         const std::string text = "a" + std::string(1, static_cast<char>(byte));
         char escaped[5];

@@ -14,14 +14,13 @@ namespace {
 
 // "host:port/uri " for each server of a copy.
 std::string Copy(unsigned selector) {
-    hu_serv_list copy;
+    OwnedServerList copy;
     EXPECT_EQ(hu_serv_list_copy(&copy, selector), 0);
     std::string text;
     for (const UpdateServer* server = hu_serv_list_first(&copy); server != nullptr;
          server = hu_serv_list_next(&copy, server)) {
         text += std::string(server->host) + ":" + std::to_string(server->port) + server->uri + " ";
     }
-    hu_serv_list_clear(&copy);
     return text;
 }
 

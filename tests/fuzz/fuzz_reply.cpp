@@ -15,11 +15,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    CommBuf body;
-    comm_buf_init(&body, 0);
+    OwnedCommBuf body;
     (void)comm_buf_append(&body, data, static_cast<int32_t>(size));
     const XmlDoc document = comm_to_buf(&body);
-    comm_buf_reset(&body);
     if (document == nullptr) return 0;
     output_check(document.get(), version_xmldoc_parse_app(document.get()));
     fakes::Terminal();

@@ -15,10 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     UniqueFd server(ends[1]);
     (void)send(server.get(), data, size, MSG_NOSIGNAL);  // fits the socket's buffer
     server.reset();
-    CommBuf body;
-    comm_buf_init(&body, 0);
+    OwnedCommBuf body;
     const bool taken = pkg_recv(fd.get(), &body) == 0;
     if (taken && comm_buf_len(&body) > size) __builtin_trap();
-    comm_buf_reset(&body);
     return 0;
 }

@@ -21,10 +21,8 @@ class Exchange : public testing::Test {
     Exchange() {
         fakes::Reset();
         DebugMask = DEBUG_ALL;
-        comm_buf_init(&body_, 0);
         Connect();
     }
-    ~Exchange() override { comm_buf_reset(&body_); }
 
     void Connect() {
         int ends[2];
@@ -47,7 +45,7 @@ class Exchange : public testing::Test {
 
     UniqueFd fd_;
     UniqueFd server_;
-    CommBuf body_;
+    OwnedCommBuf body_;
 };
 
 TEST_F(Exchange, WritesRequestsThatFit) {
@@ -56,7 +54,6 @@ TEST_F(Exchange, WritesRequestsThatFit) {
     request.port = 80;
     text_copy(request.host, "a.example");
     text_copy(request.path, "/a.asp");
-    comm_buf_init(&request.body, 0);
     ASSERT_EQ(comm_buf_append(&request.body, "x=1&y=2", 7), 7);
     ASSERT_EQ(pkg_send(fd_.get(), &request), 0);
     char text[PKG_REQUEST_SIZE]{};
@@ -72,7 +69,6 @@ TEST_F(Exchange, WritesRequestsThatFit) {
         EXPECT_EQ(pkg_send(fd_.get(), &request), spare == 1 ? 0 : -1);
     }
     EXPECT_TRUE(Logged("pkg_create-->comm buf too long "));
-    comm_buf_reset(&request.body);
 }
 
 TEST_F(Exchange, ReadsResponses) {

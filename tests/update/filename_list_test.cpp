@@ -37,15 +37,14 @@ TEST(FilenameList, CountTakesAsManyNamesAsFilecntSays) {
         const XmlDoc document(xml_doc_read_mem(("<filelist><filecnt>" + std::string(row.filecnt) +
                                                 "</filecnt>" + row.files + "</filelist>")
                                                    .c_str()));
-        int32_t count = -1;
-        FilenameArray array = nullptr;
-        EXPECT_EQ(filename_count(xml_root_get(document.get()), &count, &array), row.result);
-        EXPECT_EQ(count, row.count);
-        EXPECT_EQ(array != nullptr, count > 0);
-        if (count > 0) {
-            EXPECT_EQ(array[count - 1], "f" + std::to_string(count - 1));
+        OwnedFilenames names;
+        EXPECT_EQ(filename_count(xml_root_get(document.get()), &names.count, &names.array),
+                  row.result);
+        EXPECT_EQ(names.count, row.count);
+        EXPECT_EQ(names.array != nullptr, row.count > 0);
+        if (names.array != nullptr) {
+            EXPECT_EQ(names.array[row.count - 1], "f" + std::to_string(row.count - 1));
         }
-        filename_free(array, count);
         const std::string log = fakes::Syslog();
         EXPECT_NE(log.find(row.logged), std::string::npos) << log;
     }
