@@ -3,23 +3,17 @@
 #pragma once
 
 #include <errno.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <vector>
 
 #include "base/text.h"
 #include "base/unique_fd.h"
-#include "frame/platform/http_update.h"
 #include "registry/app_registry.h"
 #include "registry/reg_messages.h"
 #include "registry/reg_server.h"
 #include "tests/support/daemon_test.h"
-
-template <typename Message>
-std::string Bytes(const Message& message) {
-    return {reinterpret_cast<const char*>(&message), sizeof message};
-}
+#include "tests/support/packets.h"
 
 class RegistryServerTest : public DaemonTest {
   protected:
@@ -55,8 +49,7 @@ class RegistryServerTest : public DaemonTest {
         Turn();
     }
     void Send(int app, uint16_t type, const std::string& payload) {
-        const auto size = static_cast<int>(payload.size());
-        EXPECT_EQ(http_update_reg_send_normal(app, type, payload.data(), size), 0);
+        SendPacket(app, type, payload);
         Turn();
     }
     // The result in the server's answer.
@@ -71,17 +64,11 @@ class RegistryServerTest : public DaemonTest {
         const auto [type, payload] = Receive(app);
         if (type != HTTP_MSG_TYPE_REGIST_RSP || payload.size() != sizeof(http_msg_regist_rsp))
             return -1;
-        EXPECT_EQ(payload.substr(4), (name + std::string(32, '\0')).substr(0, 32));
+        EXPECT_EQ(payload.substr(4), Field(name, 32));
         return payload[0];
     }
     // The next packet that is there; type 0 without one.
-    static std::pair<int, std::string> Receive(int app) {
-        http_update_packet_header header{};
-        if (recv(app, &header, sizeof header, MSG_DONTWAIT) != sizeof header) return {0, ""};
-        std::string text(header.length, '\0');
-        EXPECT_EQ(http_update_reg_receive_assign(app, text.data(), header.length), header.length);
-        return {header.type, text};
-    }
+    static std::pair<int, std::string> Receive(int app) { return ReceivePacket(app, MSG_DONTWAIT); }
     static bool Ended(int app) {
         char byte = 0;
         const ssize_t got = recv(app, &byte, 1, MSG_PEEK | MSG_DONTWAIT);

@@ -35,12 +35,6 @@ int Request(const std::string& xml, const char* name, std::vector<std::string> p
                           static_cast<int32_t>(pointers.size()));
 }
 
-std::string Number(size_t value) { return Bytes(static_cast<uint16_t>(value)); }
-
-std::string Record(const std::string& name, const std::string& text) {
-    return Number(name.size() + 1) + Number(text.size() + 1) + name + '\0' + text + '\0';
-}
-
 TEST_F(UpdateRequest, CarriesFilesAndNodes) {
     const std::string name(31, 'n');
     const std::string longest(255, 'p');
@@ -48,10 +42,10 @@ TEST_F(UpdateRequest, CarriesFilesAndNodes) {
     std::string xml = "<app name='x'>t<!--c--><?p i?><a/><b><c>1</c></b><d>2<e/>3</d>";
     xml += "<f><![CDATA[4]]></f><g>" + text1023 + "t</g><h>" + text1023 + "</h>";
     std::string rest = std::string("\6a.bin\0", 7) + '\0' + longest + '\0';
-    rest += Record("d", "2") + Record("h", text1023);
+    rest += Fact("d", "2") + Fact("h", text1023);
     for (int i = 9; i < 60; ++i) {  // fifty nodes of any kind are looked at
         xml += "<i>" + std::to_string(i) + "</i>";
-        if (i < 50) rest += Record("i", std::to_string(i));
+        if (i < 50) rest += Fact("i", std::to_string(i));
     }
     rest += std::string(4, '\0');
     const int app = Connect();
