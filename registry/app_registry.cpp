@@ -16,24 +16,30 @@ static constexpr char HELP_BEGIN[] = "Files:";
 static constexpr char WHITE_SPACE[] = " \t\n\v\f\r";
 
 RwLock app_registry_lock;
-static AppEntry* s_slots[APP_REG_MAX] GUARDED_BY(app_registry_lock);
+
+// A member of its own, so that the lock guards the entry as it guards the slot.
+struct AppSlot {
+    AppEntry* app PT_GUARDED_BY(app_registry_lock) = nullptr;  // null: free
+};
+static AppSlot s_slots[APP_REG_MAX] GUARDED_BY(app_registry_lock);
 static char s_help[HELP_SIZE] = "Files: null";
 
 // Slot of the first entry of that name, or -1.
 static int slot_find_locked(std::string_view name) REQUIRES_SHARED(app_registry_lock) {
     for (int slot = 0; slot < APP_REG_MAX; ++slot) {
-        if (s_slots[slot] != nullptr && name == s_slots[slot]->name) return slot;
+        const AppEntry* app = s_slots[slot].app;
+        if (app != nullptr && name == app->name) return slot;
     }
     return -1;
 }
 
 // Puts a copy of the app into the lowest free slot.
 static int slot_take_locked(const AppEntry& app) REQUIRES(app_registry_lock) {
-    for (AppEntry*& slot : s_slots) {
-        if (slot != nullptr) continue;
-        slot = static_cast<AppEntry*>(mem_zalloc(sizeof app));
-        if (slot == nullptr) return REG_NO_MEMORY;
-        *slot = app;
+    for (AppSlot& slot : s_slots) {
+        if (slot.app != nullptr) continue;
+        slot.app = static_cast<AppEntry*>(mem_zalloc(sizeof(app)));
+        if (slot.app == nullptr) return REG_NO_MEMORY;
+        *slot.app = app;
         return REG_OK;
     }
     return REG_TABLE_FULL;
@@ -54,16 +60,21 @@ static int app_enter(const AppEntry& app, int* other_fd) {
 template <typename Change>
 static bool app_change(std::string_view name, AppEntry* app, Change change) {
     const WriteLock guard(app_registry_lock);
-    AppEntry* entry = reg_app_find(name);
+    AppEntry* entry = reg_app_find_mutable(name);
     if (entry == nullptr) return false;
     change(entry);
     *app = *entry;
     return true;
 }
 
-AppEntry* reg_app_find(std::string_view name) {
+const AppEntry* reg_app_find(std::string_view name) {
     const int slot = slot_find_locked(name);
-    return slot < 0 ? nullptr : s_slots[slot];
+    return slot < 0 ? nullptr : s_slots[slot].app;
+}
+
+AppEntry* reg_app_find_mutable(std::string_view name) {
+    const int slot = slot_find_locked(name);
+    return slot < 0 ? nullptr : s_slots[slot].app;
 }
 
 int reg_app_add(int fd, std::string_view name, std::string_view version, uint32_t flags) {
@@ -101,8 +112,8 @@ int reg_app_del_by_name(std::string_view name) {
         const WriteLock guard(app_registry_lock);
         const int slot = slot_find_locked(name);
         if (slot < 0) return -1;
-        mem_free(s_slots[slot]);
-        s_slots[slot] = nullptr;
+        mem_free(s_slots[slot].app);
+        s_slots[slot].app = nullptr;
     }
     reg_app_files_help();
     return 0;
@@ -113,10 +124,10 @@ void reg_app_del_by_fd(int fd) {
     int count = 0;
     {
         const WriteLock guard(app_registry_lock);
-        for (AppEntry*& slot : s_slots) {
-            if (slot == nullptr || slot->fd != fd) continue;
-            removed[count++] = slot;
-            slot = nullptr;
+        for (AppSlot& slot : s_slots) {
+            if (slot.app == nullptr || slot.app->fd != fd) continue;
+            removed[count++] = slot.app;
+            slot.app = nullptr;
         }
     }
     for (int i = 0; i < count; ++i) {
@@ -127,8 +138,8 @@ void reg_app_del_by_fd(int fd) {
 
 bool reg_app_fd_in_use(int fd) {
     const ReadLock guard(app_registry_lock);
-    for (const AppEntry* app : s_slots) {
-        if (app != nullptr && app->fd == fd) return true;
+    for (const AppSlot& slot : s_slots) {
+        if (slot.app != nullptr && slot.app->fd == fd) return true;
     }
     return false;
 }
@@ -179,8 +190,8 @@ int reg_app_get(int slot, AppEntry* entry) {
     *entry = AppEntry{};
     if (slot < 0 || slot >= APP_REG_MAX) return -1;
     const ReadLock guard(app_registry_lock);
-    if (s_slots[slot] == nullptr) return -1;
-    *entry = *s_slots[slot];
+    if (s_slots[slot].app == nullptr) return -1;
+    *entry = *s_slots[slot].app;
     return 0;
 }
 
@@ -188,7 +199,7 @@ int reg_app_get(int slot, AppEntry* entry) {
 static void slots_add(AppSet* set, uint32_t without_flags) {
     const ReadLock guard(app_registry_lock);
     for (int slot = 0; slot < APP_REG_MAX; ++slot) {
-        const AppEntry* app = s_slots[slot];
+        const AppEntry* app = s_slots[slot].app;
         if (app != nullptr && (app->flags & without_flags) == 0) app_set_insert(set, slot);
     }
 }
@@ -240,8 +251,9 @@ void reg_app_files_help() {
     (void)text_appendf(s_help, HELP_SIZE, &length, HELP_BEGIN);
     {
         const ReadLock guard(app_registry_lock);
-        for (const AppEntry* app : s_slots) {
-            if (app != nullptr) (void)text_appendf(s_help, HELP_SIZE, &length, "%s ", app->name);
+        for (const AppSlot& slot : s_slots) {
+            if (slot.app == nullptr) continue;
+            (void)text_appendf(s_help, HELP_SIZE, &length, "%s ", slot.app->name);
         }
     }
     const bool none = length == strlen(HELP_BEGIN);

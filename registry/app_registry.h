@@ -43,8 +43,11 @@ constexpr int REG_DUPLICATE = HTTP_UPDATE_REGIST_DUPLICATE;
 
 extern RwLock app_registry_lock;
 
-// First entry of that name, or null. The pointer is good while the lock is held.
-[[nodiscard]] AppEntry* reg_app_find(std::string_view name) REQUIRES_SHARED(app_registry_lock);
+// First entry of that name, or null. The pointer is good while the lock is held;
+// who wants to change the entry holds the lock alone.
+[[nodiscard]] const AppEntry* reg_app_find(std::string_view name)
+    REQUIRES_SHARED(app_registry_lock);
+[[nodiscard]] AppEntry* reg_app_find_mutable(std::string_view name) REQUIRES(app_registry_lock);
 
 // Enters an app. REG_OK also when the name is registered on the same fd already;
 // the entry is then left as it is. Called on the main thread only.

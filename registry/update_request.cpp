@@ -126,7 +126,7 @@ struct Target {
 // goes before its connection is closed, so fd is still the app's there.
 bool target_take(const char* name, Target* target) {
     const WriteLock guard(app_registry_lock);
-    AppEntry* app = reg_app_find(name);
+    AppEntry* app = reg_app_find_mutable(name);
     if (app == nullptr) return false;
     app->flags |= APP_FLAG_BUSY;
     target->fd = app->fd;

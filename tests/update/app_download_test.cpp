@@ -183,7 +183,7 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
             (void)resume_add("alpha", paths.array.data(), paths.count(), 0, false);
         {
             WriteLock lock(app_registry_lock);
-            reg_app_find("alpha")->flags = row.flags;
+            reg_app_find_mutable("alpha")->flags = row.flags;
         }
         resume_retry_count = row.retries;
         codes_ = {{row.failing, row.code}};
