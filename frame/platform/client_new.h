@@ -75,15 +75,15 @@ enum cli_node_kind {
 // reads nodes and texts by address (help may change between two readings).
 struct cli_node {
     enum cli_node_kind kind;
-    const struct cli_node* next;         // goes on here after a match
-    const struct cli_node* alternative;  // tried as well; Tno_alt ends the chain
-    const char* keyword;
-    const char* help;
-    enum cli_slot slot;
-    enum cli_slot slot2;
-    int32_t value;  // keyword and variable: what is stored; number: the minimum
-    int32_t maximum;
-    cli_handler handler;
+    const struct cli_node* next = nullptr;         // goes on here after a match
+    const struct cli_node* alternative = nullptr;  // tried as well; Tno_alt ends the chain
+    const char* keyword = nullptr;
+    const char* help = nullptr;
+    enum cli_slot slot = CLI_SLOT_NONE;
+    enum cli_slot slot2 = CLI_SLOT_NONE;
+    int32_t value = 0;  // keyword and variable: what is stored; number: the minimum
+    int32_t maximum = 0;
+    cli_handler handler = nullptr;
 };
 
 #define Tno_alt nullptr
@@ -91,49 +91,62 @@ struct cli_node {
 constexpr cli_node common_keyword_action(const char* keyword, const char* help,
                                          const cli_node* next, const cli_node* alternative,
                                          cli_slot slot = CLI_SLOT_NONE, int32_t value = 0) {
-    return {CLI_NODE_KEYWORD, next,  alternative, keyword, help, slot,
-            CLI_SLOT_NONE,    value, 0,           nullptr};
+    return {.kind = CLI_NODE_KEYWORD,
+            .next = next,
+            .alternative = alternative,
+            .keyword = keyword,
+            .help = help,
+            .slot = slot,
+            .value = value};
 }
 constexpr cli_node common_number_action(const char* help, int32_t minimum, int32_t maximum,
                                         cli_slot slot, const cli_node* next,
                                         const cli_node* alternative) {
-    return {CLI_NODE_NUMBER, next,    alternative, nullptr, help, slot,
-            CLI_SLOT_NONE,   minimum, maximum,     nullptr};
+    return {.kind = CLI_NODE_NUMBER,
+            .next = next,
+            .alternative = alternative,
+            .help = help,
+            .slot = slot,
+            .value = minimum,
+            .maximum = maximum};
 }
 // kind: CLI_NODE_STRING or CLI_NODE_LINE.
 constexpr cli_node string_action(cli_node_kind kind, const char* help, cli_slot slot,
                                  const cli_node* next, const cli_node* alternative) {
-    return {kind, next, alternative, nullptr, help, slot, CLI_SLOT_NONE, 0, 0, nullptr};
+    return {.kind = kind, .next = next, .alternative = alternative, .help = help, .slot = slot};
 }
 constexpr cli_node time_action(const char* help, cli_slot hour, cli_slot minute,
                                const cli_node* next, const cli_node* alternative) {
-    return {CLI_NODE_TIME, next, alternative, nullptr, help, hour, minute, 0, 0, nullptr};
+    return {.kind = CLI_NODE_TIME,
+            .next = next,
+            .alternative = alternative,
+            .help = help,
+            .slot = hour,
+            .slot2 = minute};
 }
 constexpr cli_node set_cdb_var_action(cli_slot slot, int32_t value, const cli_node* next,
                                       const cli_node* alternative) {
-    return {CLI_NODE_SET_VAR, next,  alternative, nullptr, nullptr, slot,
-            CLI_SLOT_NONE,    value, 0,           nullptr};
+    return {.kind = CLI_NODE_SET_VAR,
+            .next = next,
+            .alternative = alternative,
+            .slot = slot,
+            .value = value};
 }
 constexpr cli_node noprefix_action(const cli_node* next, const cli_node* alternative) {
-    return {CLI_NODE_NOPREFIX, next,          alternative, nullptr, nullptr,
-            CLI_SLOT_NONE,     CLI_SLOT_NONE, 0,           0,       nullptr};
+    return {.kind = CLI_NODE_NOPREFIX, .next = next, .alternative = alternative};
 }
 constexpr cli_node nop_action(const cli_node* next, const cli_node* alternative) {
-    return {CLI_NODE_NOP,  next,          alternative, nullptr, nullptr,
-            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       nullptr};
+    return {.kind = CLI_NODE_NOP, .next = next, .alternative = alternative};
 }
 constexpr cli_node c2p_action(cli_handler handler, const cli_node* next,
                               const cli_node* alternative) {
-    return {CLI_NODE_C2P,  next,          alternative, nullptr, nullptr,
-            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       handler};
+    return {.kind = CLI_NODE_C2P, .next = next, .alternative = alternative, .handler = handler};
 }
 constexpr cli_node eol_action(cli_handler handler, const cli_node* alternative = Tno_alt) {
-    return {CLI_NODE_EOL,  nullptr,       alternative, nullptr, nullptr,
-            CLI_SLOT_NONE, CLI_SLOT_NONE, 0,           0,       handler};
+    return {.kind = CLI_NODE_EOL, .alternative = alternative, .handler = handler};
 }
 constexpr cli_node append_point_action(const cli_node* next) {
-    return {CLI_NODE_APPEND_POINT, next,          Tno_alt, nullptr, nullptr,
-            CLI_SLOT_NONE,         CLI_SLOT_NONE, 0,       0,       nullptr};
+    return {.kind = CLI_NODE_APPEND_POINT, .next = next};
 }
 
 extern "C" {
