@@ -55,42 +55,42 @@ ssize_t receive_some(int fd, void* destination, size_t size, std::optional<Deadl
 // Exclusive use of a descriptor by one sender. The senders at work form a list
 // of records on their own stacks, so nothing is kept for a connection that has
 // ended, and a stuck app delays only those who send to the same app.
-class Turn {
+class DescriptorLock {
   public:
-    // False: the deadline passed before the turn came.
-    [[nodiscard]] bool Take(int fd, std::optional<Deadline>& deadline);
-    void GiveBack();
+    // False: the deadline has passed before the other senders were done.
+    [[nodiscard]] bool Acquire(int fd, std::optional<Deadline>& deadline);
+    void Release();
 
   private:
-    static bool Busy(int fd) REQUIRES(s_lock);
+    static bool IsHeld(int fd) REQUIRES(s_lock);
 
     static Mutex s_lock;  // leaf
-    static pthread_cond_t s_changed;
-    static Turn* s_first GUARDED_BY(s_lock);
+    static pthread_cond_t s_released;
+    static DescriptorLock* s_first GUARDED_BY(s_lock);
 
-    int fd_ = -1;
-    Turn* next_ = nullptr;
+    int fd_ GUARDED_BY(s_lock) = -1;
+    DescriptorLock* next_ GUARDED_BY(s_lock) = nullptr;
 };
 
-Mutex Turn::s_lock;
-pthread_cond_t Turn::s_changed = PTHREAD_COND_INITIALIZER;
-Turn* Turn::s_first = nullptr;
+Mutex DescriptorLock::s_lock;
+pthread_cond_t DescriptorLock::s_released = PTHREAD_COND_INITIALIZER;
+DescriptorLock* DescriptorLock::s_first = nullptr;
 
-bool Turn::Busy(int fd) {
-    for (const Turn* turn = s_first; turn != nullptr; turn = turn->next_) {
-        if (turn->fd_ == fd) return true;
+bool DescriptorLock::IsHeld(int fd) {
+    for (const DescriptorLock* held = s_first; held != nullptr; held = held->next_) {
+        if (held->fd_ == fd) return true;
     }
     return false;
 }
 
-bool Turn::Take(int fd, std::optional<Deadline>& deadline) {
+bool DescriptorLock::Acquire(int fd, std::optional<Deadline>& deadline) {
     const MutexLock guard(s_lock);
-    while (Busy(fd)) {
+    while (IsHeld(fd)) {
         if (!deadline) deadline.emplace(SEND_LIMIT_MS);
         const timespec until = deadline->At();
         const int error =
-            pthread_cond_clockwait(&s_changed, s_lock.Native(), CLOCK_MONOTONIC, &until);
-        if (error == ETIMEDOUT && Busy(fd)) return false;
+            pthread_cond_clockwait(&s_released, s_lock.Native(), CLOCK_MONOTONIC, &until);
+        if (error == ETIMEDOUT && IsHeld(fd)) return false;
     }
     fd_ = fd;
     next_ = s_first;
@@ -98,12 +98,12 @@ bool Turn::Take(int fd, std::optional<Deadline>& deadline) {
     return true;
 }
 
-void Turn::GiveBack() {
+void DescriptorLock::Release() {
     const MutexLock guard(s_lock);
-    Turn** link = &s_first;
+    DescriptorLock** link = &s_first;
     while (*link != this) link = &(*link)->next_;
     *link = next_;
-    (void)pthread_cond_broadcast(&s_changed);
+    (void)pthread_cond_broadcast(&s_released);
 }
 
 // Takes count sent bytes off the front of the two parts.
@@ -198,14 +198,14 @@ int http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int 
                       {const_cast<void*>(payload), static_cast<size_t>(length)}};
 
     std::optional<Deadline> deadline;
-    Turn turn;
-    if (!turn.Take(fd, deadline)) {
+    DescriptorLock lock;
+    if (!lock.Acquire(fd, deadline)) {
         errno = ETIMEDOUT;
         return -1;
     }
     const int result = send_all(fd, parts, deadline);
     const int error = errno;
-    turn.GiveBack();
+    lock.Release();
     errno = error;
     return result;
 }
