@@ -257,9 +257,9 @@ int reg_server_install(tq_thread_master* master) {
     char path[PATH_SIZE];
     http_client_tmp_path(REG_SOCKET_PATH, &path);
     s_server.sock = reg_listen_socket(path, true);
-    if (!s_server.sock.valid()) return -1;
-    if (!accept_event_arm(&s_server)) {
+    if (!s_server.sock.valid() || !accept_event_arm(&s_server)) {
         s_server.sock.reset();
+        (void)unlink(path);  // bound, perhaps
         return -1;
     }
     s_server.reserve = reserve_open();
