@@ -20,6 +20,8 @@ static void debug_off(uint32_t bits) {
     if ((bits & DEBUG_DOWNLOAD) != 0) http_close_debug();
 }
 
+void http_client_debug_reset() { DebugMask.store(0, std::memory_order_relaxed); }
+
 void http_client_debug_option(char letter) {
     switch (letter) {
         case 'a':

@@ -4,6 +4,9 @@
 
 #include "frame/platform/client_new.h"
 
+// All off, as at start; the download library is left alone.
+void http_client_debug_reset();
+
 // Applies one letter of the start-up option: a, c, d, e, i or r; others are
 // ignored.
 void http_client_debug_option(char letter);

@@ -20,8 +20,8 @@ constexpr uint32_t DEBUG_DOWNLOAD = 0x08;  // lets no line through: it switches 
 constexpr uint32_t DEBUG_ERROR = 0x10;
 constexpr uint32_t DEBUG_ALL = 0xff;
 
-// DEBUG_ bits that are on. Relaxed order: a line more or less around a change
-// does not matter.
+// DEBUG_ bits that are on; frame/debug changes them. Relaxed order: a line more or
+// less around a change does not matter.
 extern std::atomic<uint32_t> DebugMask;
 
 // One line (cut to 1023 characters) to the system log, when DebugMask has a bit

@@ -50,7 +50,7 @@ static void http_client_usage() {
 
 void http_client_parse_args(int argc, char** argv) {
     if (argc > 2) usage_exit();
-    DebugMask.store(0, std::memory_order_relaxed);
+    http_client_debug_reset();
     if (argc == 1) return;
     if (getopt(argc, argv, "d::") != 'd') usage_exit();
     // Only the first letter of the argument counts; none means all.
