@@ -31,7 +31,7 @@ constexpr unsigned FILE_ONE_NAME = 8;        // no hard link to it from elsewher
 
 struct FileBytes {
     struct Free {
-        void operator()(char* bytes) const { free(bytes); }
+        void operator()(char* memory) const { free(memory); }
     };
     std::unique_ptr<char, Free> bytes;
     size_t size = 0;
