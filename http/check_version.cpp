@@ -2,13 +2,11 @@
 
 #include <sys/prctl.h>
 
-#include <cstring>
-
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
-#include "http/status.h"
+#include "http/command_thread.h"
 #include "http/version_reply.h"
 #include "registry/app_registry.h"
 
@@ -22,10 +20,6 @@ struct CheckRow {
     char version[32];
 };
 }  // namespace
-
-static void print_status(UpdateStatus status) {
-    cli_printf("%s%s\n", update_status_prefix(status), update_status_str(status));
-}
 
 static void output_check_apps(const AppSet& updated) {
     char line[APPS_LINE_SIZE];
@@ -81,7 +75,7 @@ void output_check(xmlDocPtr document, const AppSet& updated) {
         return;
     }
     if (app_set_is_empty(updated)) {
-        print_status(UPDATE_LATEST);
+        command_status_print(UPDATE_LATEST);
         return;
     }
     output_check_apps(updated);
@@ -109,7 +103,7 @@ static void check_server(UpdateServer* server, bool second) {
     if (document != nullptr) {
         output_check(document.get(), updated);
     } else {
-        print_status(status);
+        command_status_print(status);
     }
 }
 
@@ -123,7 +117,7 @@ static void check_servers(bool second) {
     reg_app_all(&registered);
     if (app_set_is_empty(registered)) {
         http_client_debug_print(HTTPC_LOG_ERROR, "updated_mask empty");
-        print_status(UPDATE_NO_APPS);
+        command_status_print(UPDATE_NO_APPS);
         return;
     }
     for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
@@ -144,10 +138,6 @@ static void* http_check_version_thread(void* argument) {
 
 void http_check_version_cmd(cli_record* record) {
     pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, http_check_version_thread, record);
-    if (error != 0) {
-        cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
-        return;
-    }
-    cli_proc_thread_start(record, thread);
+    if (command_thread_create(&thread, http_check_version_thread, record))
+        cli_proc_thread_start(record, thread);
 }

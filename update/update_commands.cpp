@@ -6,31 +6,21 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
 #include "frame/report.h"
 #include "http/check_version.h"
+#include "http/command_thread.h"
 #include "registry/app_registry.h"
 #include "resume/resume_timer.h"
 #include "update/progress.h"
 #include "update/update_reports.h"
 #include "update/update_run.h"
 
-static void status_print(UpdateStatus code) {
-    cli_printf("%s%s\n", update_status_prefix(code), update_status_str(code));
-}
-
 static void status_log(UpdateStatus code) {
     http_client_debug_print(HTTPC_LOG_ERROR, "%s%s\n", update_status_prefix(code),
                             update_status_str(code));
-}
-
-static void thread_failure_print(int error) {
-    cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
 }
 
 // The apps that the command asks for. UPDATE_OK, or why there are none.
@@ -50,7 +40,7 @@ static void update_report_cli(const AppSet& /*requested*/, UpdateRunKind /*kind*
                               UpdateStatus status) {
     cli_printf("Update module with server %s:\r\n", host);
     if (status != UPDATE_OK)
-        status_print(status);
+        command_status_print(status);
     else
         update_result_output(UPDATE_RUN_COMMAND);
 }
@@ -61,7 +51,7 @@ static void update_foreground(const cli_record* record) {
     UpdateStatus status = requested_apps(record, &set);
     if (status == UPDATE_OK)
         status = http_update_run(set, UPDATE_RUN_COMMAND, update_report_cli, selector);
-    if (status != UPDATE_OK) status_print(status);
+    if (status != UPDATE_OK) command_status_print(status);
 }
 
 static void* http_update_thread(void* argument) {
@@ -77,9 +67,8 @@ static void* http_update_thread(void* argument) {
 
 void http_update_cmd(cli_record* record) {
     pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, http_update_thread, record);
-    if (error != 0) return thread_failure_print(error);
-    cli_proc_thread_start(record, thread);
+    if (command_thread_create(&thread, http_update_thread, record))
+        cli_proc_thread_start(record, thread);
 }
 
 // --- background
@@ -106,16 +95,15 @@ static void* http_update_background_thread(void* argument) {
 void http_update_background_cmd(cli_record* record) {
     AppSet set;
     const UpdateStatus status = requested_apps(record, &set);
-    if (status != UPDATE_OK) return status_print(status);
+    if (status != UPDATE_OK) return command_status_print(status);
     // Another run may begin before the thread's own: it then ends with this status
     // in the log.
-    if (update_state_is_running()) return status_print(UPDATE_RUNNING);
+    if (update_state_is_running()) return command_status_print(UPDATE_RUNNING);
     MemPtr<AppSet> copy = mem_make<AppSet>();
-    if (copy == nullptr) return status_print(UPDATE_NO_MEMORY);
+    if (copy == nullptr) return command_status_print(UPDATE_NO_MEMORY);
     *copy = set;
     pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, http_update_background_thread, copy.get());
-    if (error != 0) return thread_failure_print(error);
+    if (!command_thread_create(&thread, http_update_background_thread, copy.get())) return;
     (void)copy.release();  // the thread's now
     cli_printf("Successfully into the background.\n");
 }
