@@ -4,9 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
-#include "base/text.h"
 #include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
@@ -38,11 +36,7 @@ int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storag
                                 host);
         return 0;
     }
-    DnsRequest request{};
-    text_copy(request.name, host);
-    request.constant_260 = 1;
-    request.constant_408 = 2;
-    memcpy(request.source, &source, sizeof(request.source));
+    DnsRequest request = dns_request_make(host, source);
     if (dns_domain_to_ip(&request) < 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s invalid domain", host);
         return 0;

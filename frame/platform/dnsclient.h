@@ -4,7 +4,13 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/socket.h>
-#ifndef __cplusplus
+#ifdef __cplusplus
+#include <string.h>
+
+#include <string_view>
+
+#include "base/text.h"
+#else
 #include <stdbool.h>
 #endif
 
@@ -14,7 +20,8 @@ extern "C" {
 
 #define DNS_RESULT_RESOLVED 2
 
-// One look-up; zeroed before use. The meaning of the constants is the library's.
+// One look-up, set up by dns_request_make. The meaning of the constants is the
+// library's.
 struct DnsRequest {
     char name[256];  // in, zero-terminated
     uint8_t reserved_256[4];
@@ -52,4 +59,15 @@ static_assert(sizeof(DnsRequest) == 1488 && sizeof(sockaddr_storage) == 128);
 static_assert(offsetof(DnsRequest, constant_260) == 260 && offsetof(DnsRequest, source) == 280);
 static_assert(offsetof(DnsRequest, constant_408) == 408 && offsetof(DnsRequest, result) == 424);
 static_assert(offsetof(DnsRequest, family) == 440 && offsetof(DnsRequest, address) == 444);
+
+// A look-up of that host (cut to 255 characters) that leaves from source, an
+// IPv4 socket address; 0.0.0.0 stands for any.
+inline DnsRequest dns_request_make(std::string_view host, const sockaddr_storage& source) {
+    DnsRequest request{};
+    (void)text_copy(request.name, host);
+    request.constant_260 = 1;
+    request.constant_408 = 2;
+    memcpy(request.source, &source, sizeof(source));
+    return request;
+}
 #endif
