@@ -142,7 +142,7 @@ void resume_free_app(const char* name, FilenameArray array, int32_t k) {
 
 void resume_free_first() { drop(take_first(), nullptr, 0); }
 
-static int resume_add_file(ResumeLink* files, const char* path, int32_t state) {
+static int resume_add_file(ResumeLink* files, const char* path, ResumeState state) {
     auto* file = record_malloc<ResumeFile>();
     if (file == nullptr) return -1;
     (void)text_copy(file->path, path);  // array entries are of the same size
@@ -151,7 +151,7 @@ static int resume_add_file(ResumeLink* files, const char* path, int32_t state) {
     return 0;
 }
 
-static void log_added(const char* path, int32_t state) {
+static void log_added(const char* path, ResumeState state) {
     switch (state) {
         case RESUME_DOWN_SUCCESS:
             return http_client_debug_print(HTTPC_LOG_INFO,
@@ -159,7 +159,7 @@ static void log_added(const char* path, int32_t state) {
         case RESUME_DOWN_FAIL:
             return http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->add to resume file [down fail]",
                                            path);
-        default:
+        case RESUME_NO_DOWN:
             return http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->add to resume file [no down]",
                                            path);
     }
@@ -170,7 +170,7 @@ static int32_t resume_add_files(ResumeLink* files, FilenameArray array, int32_t 
                                 bool incremental) {
     const int32_t first = incremental ? n : 0;
     for (int32_t i = first; i < count; i++) {
-        int32_t state = RESUME_DOWN_FAIL;
+        ResumeState state = RESUME_DOWN_FAIL;
         if (i != n) state = i < n ? RESUME_DOWN_SUCCESS : RESUME_NO_DOWN;
         log_added(array[i], state);
         if (resume_add_file(files, array[i], state) < 0) return -1;
@@ -226,7 +226,7 @@ FilenameArray resume_get(const char* name, int32_t* count) {
 }
 
 // State of the app's (skip + 1)-th file of that path that has something on disk.
-static bool find_fetched(const char* name, const char* path, int skip, int32_t* state) {
+static bool find_fetched(const char* name, const char* path, int skip, ResumeState* state) {
     MutexLock guard(resume_lock);
     const ResumeApp* app = find_locked(name);
     if (app == nullptr) return false;
@@ -248,7 +248,7 @@ void resume_del_files(const char* name, FilenameArray array, int32_t k) {
     if (!is_listed(name)) return filename_unlink(array, k);
     for (int32_t i = 0; i < k; i++) {
         if (array[i] == nullptr) continue;
-        int32_t state = 0;
+        ResumeState state{};
         for (int seen = 0; find_fetched(name, array[i], seen, &state); seen++)
             http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s] in resume for %d", name, array[i],
                                     state);

@@ -17,10 +17,12 @@
 #include "base/sync.h"
 #include "update/filename_list.h"
 
-// States of a file. Only a file that was not fetched has nothing on disk.
-constexpr int32_t RESUME_DOWN_SUCCESS = 0;
-constexpr int32_t RESUME_DOWN_FAIL = -1;  // a partial file may be on disk
-constexpr int32_t RESUME_NO_DOWN = 1;
+// State of a file. Only a file that was not fetched has nothing on disk.
+enum ResumeState : int32_t {
+    RESUME_DOWN_SUCCESS = 0,
+    RESUME_DOWN_FAIL = -1,  // a partial file may be on disk
+    RESUME_NO_DOWN = 1,
+};
 
 constexpr int32_t RESUME_RETRY_MAX = 5;
 constexpr size_t RESUME_NAME_SIZE = 256;
@@ -31,7 +33,7 @@ struct ResumeLink {
 };
 
 struct ResumeFile : ResumeLink {
-    int32_t state;
+    ResumeState state;
     char path[FILENAME_SIZE];
 };
 
