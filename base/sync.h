@@ -14,7 +14,6 @@
 #define CAPABILITY(name) THREAD_ANNOTATION(capability(name))
 #define SCOPED_CAPABILITY THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(lock) THREAD_ANNOTATION(guarded_by(lock))
-#define PT_GUARDED_BY(lock) THREAD_ANNOTATION(pt_guarded_by(lock))
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define REQUIRES_SHARED(...) THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define ACQUIRE(...) THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
@@ -22,7 +21,6 @@
 #define RELEASE(...) THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define EXCLUDES(...) THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define NO_THREAD_SAFETY_ANALYSIS THREAD_ANNOTATION(no_thread_safety_analysis)
 
 // Locking and unlocking can only fail on a programming error, so their results
 // are ignored throughout.

@@ -46,10 +46,9 @@ constexpr int HU_SERV_OK = 0;
 constexpr int HU_SERV_NOT_FOUND = 1;
 constexpr int HU_SERV_NO_MEMORY = 2;
 constexpr int HU_SERV_FULL = 3;
-constexpr int HU_SERV_INTERNAL = 4;
 
 // Sets up the lists, with the default server on the first default list, and the
-// source address. Called again it starts afresh.
+// source address. Called again it discards what was configured.
 void hu_serv_config_init();
 
 void hu_serv_list_init(hu_serv_list* list);

@@ -1,6 +1,6 @@
 // Documents come from servers and from disk and are not trusted: no DOCTYPE (and
 // so no entity of theirs), no network, libxml2's limits on depth and sizes stay
-// on, and its complaints never reach the daemon's standard error.
+// on, and its messages never reach the daemon's standard error.
 #include "http/xml.h"
 
 #include <libxml/parser.h>
@@ -57,8 +57,8 @@ static bool is_flood(std::string_view text) {
     return false;
 }
 
-// Complaints about an encoding pass by the parser's own switches; the function
-// that gets them is a matter of each thread.
+// Messages about an encoding pass by the parser's own switches; the function that
+// gets them is set for each thread.
 [[gnu::format(printf, 2, 3)]] static void ignore_message(void*, const char*, ...) {}
 
 static xmlDocPtr parse(const char* text, size_t size, const char* encoding, int options) {

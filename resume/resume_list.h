@@ -71,7 +71,7 @@ extern std::atomic<int32_t> resume_retry_count;
 // Name of the entry at that position from the front; false beyond the end.
 [[nodiscard]] bool resume_app_name(uint32_t position, char (&name)[RESUME_NAME_SIZE]);
 
-// Forgets all entries; their files stay on disk.
+// Removes all entries; their files stay on disk.
 void resume_clear();
 
 // Records an app at the front, in place of an older entry of that name (whose
