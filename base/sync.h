@@ -14,6 +14,7 @@
 #define CAPABILITY(name) THREAD_ANNOTATION(capability(name))
 #define SCOPED_CAPABILITY THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(lock) THREAD_ANNOTATION(guarded_by(lock))
+#define PT_GUARDED_BY(lock) THREAD_ANNOTATION(pt_guarded_by(lock))
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define REQUIRES_SHARED(...) THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define ACQUIRE(...) THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
