@@ -19,14 +19,14 @@ namespace {
 // Sessions are few, but each terminal that goes away may leave a command behind
 // that still has to come to its end.
 constexpr size_t COMMANDS_MAX = 32;
-constexpr size_t SAID_MAX = 512;
+constexpr size_t CAPTURED_MAX = 512;
 // How long an unknown thread waits for the handler that may be about to name it.
 constexpr int64_t UNKNOWN_WAIT_MS = 5000;
 
 struct Command {
     cli_record record;                 // its address names the command
     std::shared_ptr<Session> session;  // null: no terminal
-    std::string said;                  // what it printed without a terminal
+    std::string captured;              // what it printed without a terminal
     pthread_t thread;                  // valid when threaded
     bool threaded;
     bool handler_running;
@@ -116,14 +116,15 @@ void handler_returned_locked(Command* command) REQUIRES(cli_lock) {
     if (!command->threaded || command->ended) finish_locked(command);
 }
 
-void say_locked(Command* command, std::string_view text) REQUIRES(cli_lock) {
-    if (command->said.size() < SAID_MAX) command->said.append(text.substr(0, SAID_MAX));
+void capture_locked(Command* command, std::string_view text) REQUIRES(cli_lock) {
+    std::string& captured = command->captured;
+    if (captured.size() < CAPTURED_MAX) captured.append(text.substr(0, CAPTURED_MAX));
 }
 
 void refuse_locked(Command* command, std::string_view text) REQUIRES(cli_lock) {
     command->refused = true;
     if (command->session == nullptr) {
-        say_locked(command, text);
+        capture_locked(command, text);
     } else {
         session_send_locked(command->session.get(), FRAME_REFUSAL, text);
     }
@@ -131,7 +132,7 @@ void refuse_locked(Command* command, std::string_view text) REQUIRES(cli_lock) {
 
 // After output: has the main loop send the rest, and holds a thread that is too
 // fast for its terminal. The main loop itself never waits.
-void settle_output(const std::shared_ptr<Session>& session) EXCLUDES(cli_lock) {
+void flush_or_throttle(const std::shared_ptr<Session>& session) EXCLUDES(cli_lock) {
     if (!on_main_loop()) session_wait_for_room(session);
     bool unsent = false;
     {
@@ -148,14 +149,14 @@ void print(std::string_view text) EXCLUDES(cli_lock) {
         Command* command = find_caller_locked();
         if (command == nullptr) return;
         if (command->session == nullptr) {
-            say_locked(command, text);
+            capture_locked(command, text);
             return;
         }
         session_print_locked(command->session.get(), text);
         if (!session_has_unsent_locked(command->session.get())) return;
         session = command->session;
     }
-    settle_output(session);
+    flush_or_throttle(session);
 }
 
 }  // namespace
@@ -197,9 +198,9 @@ std::string command_run_silent(const Match& match) {
     }
     match.handler(&command->record);
     const MutexLock guard(cli_lock);
-    std::string said = std::move(command->said);
+    std::string captured = std::move(command->captured);
     handler_returned_locked(command);
-    return said;
+    return captured;
 }
 
 std::shared_ptr<Session> command_session() {
@@ -260,7 +261,7 @@ void cli_flush(void) {
         session = command->session;
         session_flush_locked(session.get());
     }
-    settle_output(session);
+    flush_or_throttle(session);
 }
 
 int cli_getc_no_block(void) {

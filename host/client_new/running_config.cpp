@@ -22,7 +22,7 @@ constexpr int DEPTH_MAX = 64;
 constexpr size_t FILE_MAX_BYTES = 262144;
 // Every damaged line of a configuration gets its message; a file that is something
 // else altogether must not flood the system log.
-constexpr int COMPLAINTS_MAX = 500;
+constexpr int DAMAGED_LINES_LOGGED = 500;
 constexpr int SYSLOG_WARNING = LOG_WARNING;
 constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
 
@@ -67,7 +67,7 @@ void walk(const cli_node* first, const std::string& words, int depth) {
     }
 }
 
-void complain(const std::string& path, const std::string& reason) {
+void log_warning(const std::string& path, const std::string& reason) {
     (void)printk_syslog_ext(SYSLOG_WARNING, "CLI", "WARNING", SYSLOG_OUTPUT, "%s: %s\n",
                             path.c_str(), reason.c_str());
 }
@@ -138,7 +138,7 @@ void startup_config_replay(const std::string& path, const Grammar& grammar) {
     FileBytes file;
     const int error = file_read(path.c_str(), FILE_NO_LINK | FILE_OURS, FILE_MAX_BYTES, &file);
     std::string reason = error == 0 ? "" : reason_of(error);
-    if (!reason.empty()) complain(path, reason);
+    if (!reason.empty()) log_warning(path, reason);
     int number = 0;
     int damaged = 0;
     for (std::string_view rest = file.View(); !rest.empty();) {
@@ -146,11 +146,11 @@ void startup_config_replay(const std::string& path, const Grammar& grammar) {
         ++number;
         reason = replay_line(rest.substr(0, end), grammar);
         rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
-        if (reason.empty() || ++damaged > COMPLAINTS_MAX) continue;
-        complain(path, "line " + std::to_string(number) + ": " + reason);
+        if (reason.empty() || ++damaged > DAMAGED_LINES_LOGGED) continue;
+        log_warning(path, "line " + std::to_string(number) + ": " + reason);
     }
-    if (damaged > COMPLAINTS_MAX) {
-        complain(path, std::to_string(damaged - COMPLAINTS_MAX) + " more damaged lines");
+    if (damaged > DAMAGED_LINES_LOGGED) {
+        log_warning(path, std::to_string(damaged - DAMAGED_LINES_LOGGED) + " more damaged lines");
     }
 }
 

@@ -46,7 +46,7 @@ int wake_ready(tq_thread* task);
 int session_readable(tq_thread* task);
 int session_writable(tq_thread* task);
 
-void complain(const char* what) {
+void log_error(const char* what) {
     (void)printk_syslog_ext(LOG_ERR, "CLI", "ERROR", SYSLOG_OUTPUT, "%s: %s\n", what,
                             strerror(errno));
 }
@@ -71,19 +71,19 @@ bool is_busy(Session* session) {
     return session->busy;
 }
 
-void drop(Session* session) {
+void drop_session(Session* session) {
     const MutexLock guard(cli_lock);
     session_drop_locked(session);
 }
 
-void say_goodbye(Session* session, std::string_view reason) {
+void end_session(Session* session, std::string_view reason) {
     const MutexLock guard(cli_lock);
     session_send_locked(session, FRAME_BYE, reason);
     session_drop_locked(session);
 }
 
 // Takes the session off the loop. Its record stays until its command has ended.
-void forget(const std::shared_ptr<Session>& session) {
+void remove_session(const std::shared_ptr<Session>& session) {
     tq_thread_cancel(session->read_task);
     tq_thread_cancel(session->write_task);
     session->read_task = nullptr;
@@ -121,7 +121,7 @@ void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
 
 // Runs what waits, sends what the socket takes, and puts the session back on the
 // loop; or lets it go.
-void attend(const std::shared_ptr<Session>& session) {
+void serve_session(const std::shared_ptr<Session>& session) {
     while (s_commands_taken && !session->waiting_lines.empty() && !is_busy(session.get()) &&
            !is_gone(session.get())) {
         const std::string line = std::move(session->waiting_lines.front());
@@ -135,7 +135,7 @@ void attend(const std::shared_ptr<Session>& session) {
         unsent = session_has_unsent_locked(session.get());
     }
     if (is_gone(session.get())) {
-        forget(session);
+        remove_session(session);
         return;
     }
     if (session->read_task == nullptr) {
@@ -147,20 +147,20 @@ void attend(const std::shared_ptr<Session>& session) {
             s_master, session_writable, session.get(), session->socket.get(), "cli-write");
     }
     if (session->read_task == nullptr || (unsent && session->write_task == nullptr)) {
-        drop(session.get());  // the loop is out of memory: a deaf session helps nobody
-        forget(session);
+        drop_session(session.get());  // out of memory: nothing would be read from it any more
+        remove_session(session);
     }
 }
 
 void open_session(Session* session, std::string_view payload) {
     OpenPayload open{};
     if (session->opened || payload.size() != sizeof open) {
-        say_goodbye(session, "malformed request");
+        end_session(session, "malformed request");
         return;
     }
     memcpy(&open, payload.data(), sizeof open);
     if (open.version != PROTOCOL_VERSION) {
-        say_goodbye(session, "this program and the daemon are of different releases");
+        end_session(session, "this program and the daemon are of different releases");
         return;
     }
     session->opened = true;
@@ -196,7 +196,7 @@ Mode mode_of(Session* session) {
 
 void take_frame(Session* session, const Frame& frame) {
     if (!session->opened && frame.type != FRAME_OPEN) {
-        say_goodbye(session, "malformed request");
+        end_session(session, "malformed request");
         return;
     }
     switch (frame.type) {
@@ -205,7 +205,7 @@ void take_frame(Session* session, const Frame& frame) {
             return;
         case FRAME_COMMAND:
             if (session->waiting_lines.size() >= WAITING_LINES_MAX) {
-                say_goodbye(session, "too many commands at once");
+                end_session(session, "too many commands at once");
                 return;
             }
             session->waiting_lines.push_back(frame.payload);
@@ -226,7 +226,7 @@ void take_frame(Session* session, const Frame& frame) {
         case FRAME_BYE:
             break;
     }
-    say_goodbye(session, "malformed request");
+    end_session(session, "malformed request");
 }
 
 void take_frames(Session* session) {
@@ -235,7 +235,7 @@ void take_frames(Session* session) {
         const FrameReader::Result result = session->input.Next(&frame);
         if (result == FrameReader::Result::kIncomplete) return;
         if (result == FrameReader::Result::kTooLong) {
-            say_goodbye(session, "malformed request");
+            end_session(session, "malformed request");
             return;
         }
         take_frame(session, frame);
@@ -243,7 +243,7 @@ void take_frames(Session* session) {
     }
 }
 
-// One read a turn of the loop, so that a chatty peer keeps nobody else waiting.
+// One read a turn of the loop, so that a peer that sends much keeps nobody waiting.
 void receive(Session* session) {
     char bytes[4096];
     const ssize_t count = recv(session->socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
@@ -251,7 +251,7 @@ void receive(Session* session) {
         session->input.Add({bytes, static_cast<size_t>(count)});
         take_frames(session);
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-        drop(session);
+        drop_session(session);
     }
 }
 
@@ -266,7 +266,7 @@ int session_readable(tq_thread* task) {
     if (session == nullptr) return -1;
     session->read_task = nullptr;
     receive(session.get());
-    attend(session);
+    serve_session(session);
     return 0;
 }
 
@@ -274,31 +274,31 @@ int session_writable(tq_thread* task) {
     const std::shared_ptr<Session> session = session_of(task);
     if (session == nullptr) return -1;
     session->write_task = nullptr;
-    attend(session);
+    serve_session(session);
     return 0;
 }
 
 int wake_ready(tq_thread*) {
-    if (!arm_wake()) complain("cli-wake");
+    if (!arm_wake()) log_error("cli-wake");
     eventfd_t count = 0;
     (void)eventfd_read(s_wake.get(), &count);  // non-blocking; nothing to read is fine
     const std::vector<std::shared_ptr<Session>> sessions = s_sessions;
-    for (const auto& session : sessions) attend(session);
+    for (const auto& session : sessions) serve_session(session);
     return 0;
 }
 
 int accept_retry(tq_thread*) {
-    if (!arm_listener()) complain("cli-listen");
+    if (!arm_listener()) log_error("cli-listen");
     return 0;
 }
 
 // When descriptors or memory are short the listener would stay readable: look
 // again a little later instead of spinning.
 void accept_later() {
-    complain("accept");
+    log_error("accept");
     if (tq_thread_add_timer_withname(s_master, accept_retry, nullptr, ACCEPT_RETRY_S,
                                      "cli-accept") == nullptr) {
-        complain("cli-accept");
+        log_error("cli-accept");
     }
 }
 
@@ -310,21 +310,21 @@ int accept_ready(tq_thread*) {
         accept_later();
         return -1;
     }
-    if (!arm_listener()) complain("cli-listen");
+    if (!arm_listener()) log_error("cli-listen");
     if (!socket.valid()) return -1;
     auto session = std::make_shared<Session>();
     session->socket = std::move(socket);
     if (s_sessions.size() >= SESSIONS_MAX) {
-        say_goodbye(session.get(), "too many sessions are open");
+        end_session(session.get(), "too many sessions are open");
         return 0;
     }
     s_sessions.push_back(session);
-    attend(session);
+    serve_session(session);
     return 0;
 }
 
 // The mode is on the socket before it has a name, and nobody can connect before
-// it listens: there is no moment at which a stranger gets in, whatever the
+// it listens: there is no moment at which another user gets in, whatever the
 // process's file-creation mask.
 bool bind_private(int fd, const std::string& path) {
     sockaddr_un address{};
@@ -345,7 +345,7 @@ bool service_listen(tq_thread_master* master, const std::string& path) {
     UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!listener.valid() || !wake.valid() || !bind_private(listener.get(), path)) {
-        complain(path.c_str());
+        log_error(path.c_str());
         return false;
     }
     s_master = master;
@@ -353,7 +353,7 @@ bool service_listen(tq_thread_master* master, const std::string& path) {
     s_wake = std::move(wake);
     command_init(s_wake.get());
     if (arm_wake()) return true;
-    complain("cli-wake");
+    log_error("cli-wake");
     (void)unlink(path.c_str());
     s_listener.reset();
     return false;

@@ -58,7 +58,7 @@ void send_frame(Connection* connection, FrameType type, std::string_view payload
     }
 }
 
-Event lose(Connection* connection, std::string_view reason) {
+Event connection_lost(Connection* connection, std::string_view reason) {
     connection->lost = reason;
     return Event::kLost;
 }
@@ -80,9 +80,9 @@ bool take_frame(Connection* connection, Frame* frame, Event* event) {
     if (result == FrameReader::Result::kIncomplete) return false;
     *event = Event::kFrame;
     if (result == FrameReader::Result::kTooLong) {
-        *event = lose(connection, "the daemon sent something unreadable");
+        *event = connection_lost(connection, "the daemon sent something unreadable");
     } else if (frame->type == client_new::FRAME_BYE) {
-        *event = lose(connection, frame->payload);
+        *event = connection_lost(connection, frame->payload);
     }
     return true;
 }
@@ -162,7 +162,9 @@ Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
         if (poll(waiting, input_too ? 3 : 2, -1) < 0) continue;
         if (waiting[0].revents != 0 && take_signal(connection, &event)) return event;
         if (waiting[1].revents != 0) {
-            if (!receive(connection)) return lose(connection, "the daemon has closed the session");
+            if (!receive(connection)) {
+                return connection_lost(connection, "the daemon has closed the session");
+            }
             continue;
         }
         if (input_too && waiting[2].revents != 0) return Event::kInput;

@@ -90,17 +90,17 @@ Options parse_options(int argc, char** argv) {
 }
 
 // Counts a command's outcome into the exit status. False: that was the last one.
-bool go_on(const Connection& connection, Outcome outcome, int* status) {
+bool outcome_record(const Connection& connection, Outcome outcome, int* status) {
     if (outcome == Outcome::kRefused) *status = EXIT_REFUSED;
     if (outcome == Outcome::kLost) *status = EXIT_TROUBLE;
     if (outcome == Outcome::kQuit) *status = EXIT_REFUSED;  // it was not seen to end well
     return outcome != Outcome::kLost && outcome != Outcome::kQuit && !connection.left;
 }
 
-int run_given(Connection* connection, const std::vector<const char*>& commands) {
+int run_commands(Connection* connection, const std::vector<const char*>& commands) {
     int status = EXIT_SUCCESS;
     for (const char* command : commands) {
-        if (!go_on(*connection, connection_run(connection, command), &status)) break;
+        if (!outcome_record(*connection, connection_run(connection, command), &status)) break;
     }
     return status;
 }
@@ -117,7 +117,9 @@ int run_input(Connection* connection, bool terminal) {
                                             : plain_read_line(connection, prompt, &line);
         switch (result) {
             case InputResult::kLine:
-                if (!go_on(*connection, connection_run(connection, line), &status)) return status;
+                if (!outcome_record(*connection, connection_run(connection, line), &status)) {
+                    return status;
+                }
                 break;
             case InputResult::kInterrupted:
                 if (!terminal) return EXIT_BY_SIGINT;
@@ -133,7 +135,7 @@ int run_input(Connection* connection, bool terminal) {
 
 int run_session(Connection* connection, const Options& options) {
     if (!connection_open(connection, options.second_list)) return EXIT_TROUBLE;
-    if (!options.commands.empty()) return run_given(connection, options.commands);
+    if (!options.commands.empty()) return run_commands(connection, options.commands);
     const int status =
         run_input(connection, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0);
     edit_close();

@@ -30,7 +30,7 @@ constexpr size_t DUMP_MAX_BYTES = 16777216;
 constexpr size_t MEMBER_NAME_MAX = 100;
 constexpr int EXIT_NO_BUNDLE = 2;
 
-void say(const std::string& what, const char* reason) {
+void print_error(const std::string& what, const char* reason) {
     (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
 }
 
@@ -71,7 +71,8 @@ bool ask(const std::string& request, std::string* answer) {
         receive_all(connection.get(), answer)) {
         return true;
     }
-    say(std::string("no support service at ") + tech_support_address().sun_path, strerror(errno));
+    print_error(std::string("no support service at ") + tech_support_address().sun_path,
+                strerror(errno));
     return false;
 }
 
@@ -90,9 +91,9 @@ bool take_report(std::string_view answer, std::string_view* report) {
 bool read_dump(const std::string& path, FileBytes* dump) {
     const int error = file_read(path.c_str(), FILE_NO_LINK, DUMP_MAX_BYTES, dump);
     if (error == EINVAL || error == EFBIG) {
-        say(path, error == EFBIG ? "too large, left out" : "not a plain file, left out");
+        print_error(path, error == EFBIG ? "too large, left out" : "not a plain file, left out");
     } else if (error != 0 && error != ENOENT) {  // it need not exist
-        say(path, strerror(error));
+        print_error(path, strerror(error));
     }
     return error == 0;
 }
@@ -136,7 +137,7 @@ int tech_support_write(const char* path) {
 
     TarGz tar{};
     if (!tar_gz_create(&tar, path)) {
-        say(path, strerror(errno));
+        print_error(path, strerror(errno));
         return EXIT_NO_BUNDLE;
     }
     const long now_s = time(nullptr);
@@ -146,11 +147,12 @@ int tech_support_write(const char* path) {
         if (take_report(answers[report], &text)) {
             tar_gz_add(&tar, name, text, now_s);
         } else {
-            say(name, answers[report] == "no report\n" ? "no such report" : "cut short, left out");
+            print_error(
+                name, answers[report] == "no report\n" ? "no such report" : "cut short, left out");
         }
     }
     add_dumps(&tar, paths);
     if (tar_gz_finish(&tar)) return EXIT_SUCCESS;
-    say(path, strerror(errno));
+    print_error(path, strerror(errno));
     return EXIT_NO_BUNDLE;
 }

@@ -116,7 +116,7 @@ void request_handle(Session* session, const http_app_request* request) {
     answer(app, name, code, code == 0 ? http_app_find_fact(request, "version") : nullptr);
 }
 
-void command_obey(Session* session, const char* line) {
+void command_run(Session* session, const char* line) {
     char verb[16] = "";
     char name[64] = "";
     char value[256] = "";
@@ -147,7 +147,7 @@ int event_handle(Session* session) {
         char line[512];
         if (entries[1].revents != 0) {
             session->commands = fgets(line, sizeof line, stdin) != nullptr;
-            if (session->commands) command_obey(session, line);
+            if (session->commands) command_run(session, line);
         }
         if (session->registered == 0) return 0;
         result = http_app_wait(session->app, 0, &request);
