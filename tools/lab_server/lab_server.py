@@ -5,7 +5,8 @@
 
 answers version queries (a POST to any path that ends in update.asp) from
 releases/APP/VERSION/FILE, serves the files, and prints one line a request. The
-same port takes orders from a person or a test:
+same port takes orders from a person or a test (where the environment names a
+proxy, curl needs --noproxy '*' for them):
 
     curl http://127.0.0.1:8080/                        what it offers
     curl -d '{"path": "/files/*", "cut_after": 1000}' http://127.0.0.1:8080/lab/rules
