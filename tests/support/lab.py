@@ -319,7 +319,7 @@ class Device:
         self.starts += 1
         more = dict(environment, TQ_THREAD_SPEED=str(speed))
         if self.clock.used:
-            more |= {"LD_PRELOAD": str(BIN_DIR.parent / "lib/libclock_shift.so"),
+            more |= {"LD_PRELOAD": str(self.clock.library),
                      "CLOCK_SHIFT_FILE": str(self.clock.path)}
         self.daemon = self.scratch.spawn(
             f"daemon{self.starts}", [BIN_DIR / "http_client.elf", *options],
@@ -438,6 +438,9 @@ class ClockShift:
     def __init__(self, path: Path) -> None:
         self.path = path
         self.used = False
+        # A name for LD_PRELOAD, which takes a blank in a path for its end.
+        self.library = path.with_suffix(".so")
+        self.library.symlink_to(BIN_DIR.parent / "lib/libclock_shift.so")
         self.set(wall=0, monotonic=0)
 
     def set(self, wall: int, monotonic: int) -> None:

@@ -1,6 +1,7 @@
 """http_client_cli end to end against a daemon with sample commands."""
 
 import os
+import shlex
 import socketserver
 import stat
 import subprocess
@@ -57,8 +58,8 @@ def test_troubles_end_with_status_2(daemon):
 
 
 def test_terminal_until_the_daemon_dies(daemon):
-    child = pexpect.spawn(CLI, env=daemon.environment, timeout=DEADLINE, encoding="utf-8",
-                          dimensions=(24, 80))
+    child = pexpect.spawn(shlex.quote(CLI), env=daemon.environment, timeout=DEADLINE,
+                          encoding="utf-8", dimensions=(24, 80))
     child.expect_exact("http_client> ")
     for keys, *shown in [
         ("conf\t\r", "igure ", "http_client(config)# "),
