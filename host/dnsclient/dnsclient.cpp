@@ -1,4 +1,5 @@
 // Name look-up of the host over c-ares: the hosts file, then DNS, IPv4 only.
+// localhost is known without both.
 //
 // Each look-up has a channel of its own, so that threads never wait for each
 // other, queries leave from the source address of the request, and a changed
@@ -12,6 +13,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <memory>
@@ -122,6 +124,24 @@ bool label_is_valid(std::string_view label) {
            label.back() != '-' && std::all_of(label.begin(), label.end(), is_name_character);
 }
 
+// localhost and the names below it are this machine (RFC 6761), also where there is no
+// hosts file, or a server or a file says something else.
+bool name_is_localhost(std::string_view name) {
+    constexpr std::string_view LOCALHOST = "localhost";
+    if (name.ends_with('.')) name.remove_suffix(1);
+    if (name.size() < LOCALHOST.size()) return false;
+    const size_t below = name.size() - LOCALHOST.size();
+    return strncasecmp(name.data() + below, LOCALHOST.data(), LOCALHOST.size()) == 0 &&
+           (below == 0 || name[below - 1] == '.');
+}
+
+int resolved(DnsRequest* request, in_addr_t address) {
+    request->family = AF_INET;
+    request->address = address;
+    request->result = DNS_RESULT_RESOLVED;
+    return 0;
+}
+
 }  // namespace
 
 int dns_client_agent_init() {
@@ -152,6 +172,9 @@ bool hostname_verify(const char* host) {
 // the results above when the servers leave that open.
 int dns_domain_to_ip(DnsRequest* request) {
     if (request == nullptr) return -1;
+    if (name_is_localhost(text_view(request->name))) {
+        return resolved(request, htonl(INADDR_LOOPBACK));
+    }
     request->result = RESULT_NO_RESOLVER;
     if (dns_client_agent_init() != 0) return 0;
     const Channel channel = channel_create(*request);
@@ -164,10 +187,7 @@ int dns_domain_to_ip(DnsRequest* request) {
     channel_run(channel.get(), &answer);
     switch (answer.status) {
         case ARES_SUCCESS:
-            request->family = AF_INET;
-            request->address = answer.address;
-            request->result = DNS_RESULT_RESOLVED;
-            return 0;
+            return resolved(request, answer.address);
         case ARES_ENOTFOUND:
         case ARES_ENODATA:
         case ARES_EBADNAME:

@@ -111,6 +111,10 @@ TEST(DnsClient, ResolvesAndTellsFailuresApart) {
     EXPECT_EQ(resolve("10.test", "192.0.2.1"), "[4]") << "not an address of this machine";
     setenv("DNS_CLIENT_SERVERS", "not a server", 1);
     EXPECT_EQ(resolve("7.test"), "[5]");
+    for (const char* name : {"localhost", "LocalHost.", "a.localhost"}) {
+        EXPECT_EQ(resolve(name), "127.0.0.1") << name << " needs neither hosts file nor server";
+    }
+    EXPECT_EQ(resolve("notlocalhost"), "[5]");
 }
 
 TEST(DnsClient, SilentServersEndInTimeAndHoldNobodyElse) {
