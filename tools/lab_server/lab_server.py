@@ -24,6 +24,7 @@ import json
 import os
 import re
 import select
+import socketserver
 import sys
 import threading
 import time
@@ -69,6 +70,10 @@ class LabServer(ThreadingHTTPServer):
         self.rules = RuleBook()
         self.requests: list[dict[str, Any]] = []
         self._print_lock = threading.Lock()
+
+    def server_bind(self) -> None:
+        # Not HTTPServer's own, which asks a name server what this machine is called.
+        socketserver.TCPServer.server_bind(self)
 
     def begin(self, request: dict[str, Any]) -> None:
         with self._print_lock:
@@ -320,7 +325,7 @@ def main() -> int:
         rules = json.loads(given.rules.read_text())
         for values in rules if isinstance(rules, list) else [rules]:
             server.rules.add(Rule.from_json(values))
-    print(f"lab server on http://{given.address}:{server.server_port}/ "
+    print(f"lab server on http://{given.address}:{server.server_address[1]}/ "
           f"offers {given.releases}", flush=True)
     try:
         server.serve_forever()
