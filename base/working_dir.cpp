@@ -17,6 +17,11 @@ bool dir_prefix_read(DirPrefix* prefix) {
     return true;
 }
 
+DirPrefix dir_prefix_now(DirPrefix prefix) {
+    (void)dir_prefix_read(&prefix);  // else the default
+    return prefix;
+}
+
 void dir_prefix_join(const DirPrefix& prefix, const char* relative, char (&path)[PATH_SIZE]) {
     memset(path, 0, sizeof(path));
     size_t length = 0;
@@ -27,9 +32,4 @@ void working_path(const DirPrefix& prefix, const char* name, char (&path)[PATH_S
     dir_prefix_join(prefix, WORKING_DIR, path);
     size_t length = strlen(path);
     (void)text_appendf(path, sizeof(path), &length, "/%s", name);
-}
-
-void working_path_now(DirPrefix prefix, const char* name, char (&path)[PATH_SIZE]) {
-    (void)dir_prefix_read(&prefix);  // else the default
-    working_path(prefix, name, path);
 }

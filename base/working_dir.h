@@ -28,11 +28,11 @@ extern DirPrefix process_data_dir;
 // text stays.
 bool dir_prefix_read(DirPrefix* prefix);
 
+// The prefix by the environment of this moment: for everybody but the daemon.
+DirPrefix dir_prefix_now(DirPrefix prefix);
+
 // The prefix and relative (which begins with "/"), cut to 127 bytes.
 void dir_prefix_join(const DirPrefix& prefix, const char* relative, char (&path)[PATH_SIZE]);
 
 // The path of a file of the working directory.
 void working_path(const DirPrefix& prefix, const char* name, char (&path)[PATH_SIZE]);
-
-// The same by the environment of this moment: for everybody but the daemon.
-void working_path_now(DirPrefix prefix, const char* name, char (&path)[PATH_SIZE]);

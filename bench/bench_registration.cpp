@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <string>
 
 #include "base/clock.h"
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "frame/platform/http_update.h"
 #include "host/http_update/http_update_app.h"
@@ -36,13 +36,6 @@ void one_processor() {
     CPU_ZERO(&set);
     CPU_SET(0, &set);
     (void)sched_setaffinity(0, sizeof set, &set);
-}
-
-sockaddr_un local_address(const char* path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    return address;
 }
 
 // The other side, until its peer closes. The daemon waits for a readable socket
@@ -92,11 +85,8 @@ double run_sdk(const char* path) {
 }
 
 double run_bare(const char* path) {
-    const sockaddr_un address = local_address(path);
-    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return 0;
-    }
+    UniqueFd fd;
+    if (local_connect(path, 0, &fd) != 0) return 0;
     return round_trips_per_s([&] { return round_trip_bare(fd.get()); });
 }
 
@@ -104,11 +94,9 @@ double run_with_server(bool bare) {
     char directory[] = "/tmp/bench.XXXXXX";
     if (mkdtemp(directory) == nullptr) return 0;
     const std::string path = std::string(directory) + "/s";
-    const sockaddr_un address = local_address(path.c_str());
     UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
     double rate = 0;
-    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        listen(listener.get(), 1) == 0) {
+    if (local_bind(listener.get(), path.c_str()) == 0 && listen(listener.get(), 1) == 0) {
         const pid_t child = fork();
         if (child == 0) {
             const UniqueFd fd(accept(listener.get(), nullptr, nullptr));

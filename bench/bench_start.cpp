@@ -9,14 +9,13 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "base/clock.h"
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "host/http_update/http_update_app.h"
 
@@ -29,14 +28,11 @@ double now_ms() { return static_cast<double>(monotonic_ns()) * 1e-6; }
 // Sleeps until the socket's file is made, so as to leave the processors to the
 // daemon, and then tries until it accepts. The file of an earlier run must be gone.
 bool wait_until_accepts(const UniqueFd& watch, const char* path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
     for (;;) {
-        const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const auto* peer = reinterpret_cast<const sockaddr*>(&address);
-        if (connect(fd.get(), peer, sizeof address) == 0) return true;
-        if (errno != ENOENT) continue;
+        UniqueFd connection;
+        const int error = local_connect(path, 0, &connection);
+        if (error == 0) return true;
+        if (error != ENOENT) continue;
         pollfd made{watch.get(), POLLIN, 0};
         if (poll(&made, 1, GIVE_UP_MS) <= 0) return false;
         char events[4096];

@@ -1,10 +1,9 @@
 #include "http/connection.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstring>
 
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
@@ -66,11 +65,6 @@ static const sockaddr* generic(const sockaddr_in* endpoint) {
     return reinterpret_cast<const sockaddr*>(endpoint);
 }
 
-static bool set_non_blocking(int fd) {
-    const int flags = fcntl(fd, F_GETFL);
-    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) >= 0;
-}
-
 int http_update_url_connect_detail(const char* host, uint16_t port) {
     const SourceAddress source = src_ip_get();
     in_addr_t source_ip = INADDR_ANY;
@@ -106,9 +100,10 @@ int http_update_url_connect_detail(const char* host, uint16_t port) {
                                 strerror(error));
         return -1;
     }
-    if (!set_non_blocking(fd.get())) {
+    const int error = socket_set_nonblocking(fd.get());
+    if (error != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "%s: set socket non-blocking failed [%s]!\r\n",
-                                "http_update_url_connect_detail", strerror(errno));
+                                "http_update_url_connect_detail", strerror(error));
         return -1;
     }
     return fd.release();

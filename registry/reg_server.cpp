@@ -10,15 +10,14 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cstdint>
 #include <new>
 #include <span>
 #include <utility>
 
+#include "base/local_socket.h"
 #include "base/sync.h"
-#include "base/text.h"
 #include "base/unique_fd.h"
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -206,11 +205,6 @@ int reg_accept(tq_thread* event) {
     return reg_client_add(server->master, std::move(sock));
 }
 
-bool nonblocking_set(int sock) {
-    const int flags = fcntl(sock, F_GETFL);
-    return flags >= 0 && fcntl(sock, F_SETFL, flags | O_NONBLOCK) >= 0;
-}
-
 // The listening socket, or an invalid one. Its file is open to apps of any user:
 // the process's file-creation mask is 0.
 UniqueFd reg_listen_socket(const char* path, bool nonblocking) {
@@ -219,27 +213,23 @@ UniqueFd reg_listen_socket(const char* path, bool nonblocking) {
         http_client_debug_dump("create sock errno [%s]", strerror(errno));
         return UniqueFd();
     }
-    // Left behind by an earlier process; usually there is none.
-    (void)unlink(path);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)text_copy(address.sun_path, path);
     const int enabled = 1;
     if (setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled) != 0) {
         http_client_debug_dump("setsockopt fail, errno [%s]", strerror(errno));
         return UniqueFd();
     }
-    if (nonblocking && !nonblocking_set(sock.get())) {
-        http_client_debug_dump("fcntl fail, errno [%s]", strerror(errno));
+    int error = nonblocking ? socket_set_nonblocking(sock.get()) : 0;
+    if (error != 0) {
+        http_client_debug_dump("fcntl fail, errno [%s]", strerror(error));
         return UniqueFd();
     }
-    const int bound = bind(sock.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    if (bound != 0) {
-        http_client_debug_dump("bind fail for %d errno [%s][%s]", bound, path, strerror(errno));
+    error = local_bind(sock.get(), path);
+    if (error != 0) {
+        http_client_debug_dump("bind fail for %d errno [%s][%s]", -1, path, strerror(error));
         return UniqueFd();
     }
     if (listen(sock.get(), LISTEN_BACKLOG) != 0) {
-        const int error = errno;
+        error = errno;
         http_client_debug_dump("failed to listen, errno=%d, %s", error, strerror(error));
         return UniqueFd();
     }

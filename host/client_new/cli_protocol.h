@@ -105,7 +105,7 @@ class FrameReader {
 
 inline std::string cli_socket_path() {
     char path[PATH_SIZE];
-    working_path_now(TMP_DIR, ".http_client_cli", path);
+    working_path(dir_prefix_now(TMP_DIR), ".http_client_cli", path);
     return path;
 }
 

@@ -124,7 +124,7 @@ std::string running_config_text(const std::vector<const cli_node*>& trees) {
 
 std::string startup_config_path() {
     char path[PATH_SIZE];
-    working_path_now(DATA_DIR, "startup-config", path);
+    working_path(dir_prefix_now(DATA_DIR), "startup-config", path);
     return path;
 }
 

@@ -9,15 +9,13 @@
 #include <errno.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "base/text.h"
+#include "base/local_socket.h"
 #include "frame/platform/syslog_new.h"
 #include "host/client_new/command.h"
 #include "host/client_new/match.h"
@@ -323,28 +321,15 @@ int accept_ready(tq_thread*) {
     return 0;
 }
 
-// The mode is on the socket before it has a name, and nobody can connect before
-// it listens: there is no moment at which another user gets in, whatever the
-// process's file-creation mask.
-bool bind_private(int fd, const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (!text_copy(address.sun_path, path)) {
-        errno = ENAMETOOLONG;
-        return false;
-    }
-    (void)unlink(path.c_str());  // bind tells when something is still there
-    return fchmod(fd, 0600) == 0 &&
-           bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-           chmod(path.c_str(), 0600) == 0 && listen(fd, LISTEN_BACKLOG) == 0;
-}
-
 }  // namespace
 
 bool service_listen(tq_thread_master* master, const std::string& path) {
-    UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd listener;
     UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!listener.valid() || !wake.valid() || !bind_private(listener.get(), path)) {
+    int error = wake.valid() ? 0 : errno;
+    if (error == 0) error = local_listen(path.c_str(), 0600, LISTEN_BACKLOG, &listener);
+    if (error != 0) {
+        errno = error;
         log_error(path.c_str());
         return false;
     }

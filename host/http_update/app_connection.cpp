@@ -10,12 +10,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 
 #include <new>
 
 #include "base/clock.h"
+#include "base/local_socket.h"
 #include "base/sync.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
@@ -26,7 +25,7 @@
 namespace {
 
 constexpr int REPLY_LIMIT_MS = 10000;
-constexpr int CONNECT_LIMIT_S = 5;
+constexpr int CONNECT_LIMIT_S = 5;  // a daemon that is busy takes nobody
 constexpr size_t PACKET_MAX = HTTP_UPDATE_PACKET_HEADER_SIZE + HTTP_UPDATE_PAYLOAD_MAX;
 
 // What apps see is what travels.
@@ -87,23 +86,6 @@ int send_locked(http_app* app, uint16_t type, const void* payload, size_t size)
     if (!app->fd.valid()) return -ENOTCONN;
     const int length = static_cast<int>(size);
     return http_update_reg_send_normal(app->fd.get(), type, payload, length) < 0 ? -errno : 0;
-}
-
-int connection_open(const char* path, UniqueFd* out) {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) return -errno;
-    // Bounds connect(), which waits while the daemon's backlog is full.
-    const timeval limit{CONNECT_LIMIT_S, 0};
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) return -errno;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)text_copy(address.sun_path, path);  // its length was checked by http_app_open()
-    while (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        if (errno == EINTR) continue;
-        return errno == EAGAIN ? -ETIMEDOUT : -errno;
-    }
-    *out = std::move(fd);
-    return 0;
 }
 
 // Drops the connection with everything that came over it.
@@ -244,10 +226,8 @@ int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep kee
 http_app* http_app_open(const char* socket_path) {
     auto* app = new (std::nothrow) http_app;
     if (app == nullptr) return nullptr;
-    DirPrefix prefix = TMP_DIR;
-    (void)dir_prefix_read(&prefix);  // not set: the default is right
     char usual_path[PATH_SIZE];
-    dir_prefix_join(prefix, HTTP_UPDATE_SOCKET_PATH, usual_path);
+    dir_prefix_join(dir_prefix_now(TMP_DIR), HTTP_UPDATE_SOCKET_PATH, usual_path);
     const bool whole =
         text_copy(app->socket_path, socket_path == nullptr ? usual_path : socket_path);
     const int result = whole ? http_app_reconnect(app) : -ENAMETOOLONG;
@@ -297,7 +277,7 @@ int http_app_reconnect(http_app* app) {
     if (app == nullptr) return -EINVAL;
     connection_close(app);
     UniqueFd fd;
-    int result = connection_open(app->socket_path, &fd);
+    int result = -local_connect(app->socket_path, CONNECT_LIMIT_S, &fd);
     if (result != 0) return result;
     app->receive_fd = fd.get();
     http_msg_regist known[HTTP_UPDATE_APP_MAX];

@@ -1,7 +1,7 @@
 // How a support program asks the daemon for its reports on the host. Header
 // only; both sides include it.
 //
-// The daemon listens on a local stream socket at tech_support_address (mode
+// The daemon listens on a local stream socket at tech_support_socket_path (mode
 // 0600). One connection carries one request line and its reply, then the daemon
 // closes it:
 //
@@ -18,20 +18,17 @@
 #pragma once
 
 #include <stddef.h>
-#include <sys/un.h>
 
-#include "base/text.h"
+#include <string>
+
 #include "base/working_dir.h"
 
 constexpr size_t TECH_SUPPORT_REQUEST_MAX = 64;  // with its line end
 constexpr size_t TECH_SUPPORT_CONNECTION_MAX = 4;
 constexpr size_t TECH_SUPPORT_REPORT_MAX = 1 << 20;  // a longer report is cut and says so
 
-inline sockaddr_un tech_support_address() {
+inline std::string tech_support_socket_path() {
     char path[PATH_SIZE];
-    working_path_now(TMP_DIR, ".tech_support", path);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)text_copy(address.sun_path, path);  // always fits
-    return address;
+    working_path(dir_prefix_now(TMP_DIR), ".tech_support", path);
+    return path;
 }

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "host/tq_thread/tq_thread_host.h"
@@ -177,20 +178,6 @@ int listener_accept(tq_thread* task) {
     return listener_rearm(task);
 }
 
-// The mode is set before the name exists, so that nobody gets in between.
-UniqueFd listener_open() {
-    const sockaddr_un address = tech_support_address();
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    (void)unlink(address.sun_path);  // left over by a daemon that ended; bind tells the rest
-    if (fd.valid() &&
-        (fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0 ||
-         bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-         listen(fd.get(), static_cast<int>(TECH_SUPPORT_CONNECTION_MAX)) != 0)) {
-        fd.reset();
-    }
-    return fd;
-}
-
 }  // namespace
 
 // One service a process, under whatever name; a second one is refused.
@@ -198,8 +185,10 @@ int tech_reg_service_callback(const char* service, tq_thread_master* master,
                               tech_service_callback callback) {
     if (service == nullptr || master == nullptr || callback == nullptr) return -1;
     if (s_service.callback != nullptr) return -1;
-    s_service.listener = listener_open();
-    if (!s_service.listener.valid()) return -1;
+    if (local_listen(tech_support_socket_path().c_str(), S_IRUSR | S_IWUSR,
+                     static_cast<int>(TECH_SUPPORT_CONNECTION_MAX), &s_service.listener) != 0) {
+        return -1;
+    }
     s_service.master = master;
     if (listener_arm() == nullptr) {
         s_service.listener.reset();

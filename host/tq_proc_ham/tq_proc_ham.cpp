@@ -9,13 +9,12 @@
 
 #include <stddef.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 
 #include <string_view>
 
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 
 namespace {
@@ -26,12 +25,10 @@ constexpr timeval SEND_LIMIT{1, 0};  // a manager that doesn't read must not hol
 // Returns the address's length, or 0 when it is neither or too long.
 socklen_t notify_address(std::string_view name, sockaddr_un* address) {
     if (name.size() < 2 || (name[0] != '/' && name[0] != '@')) return 0;
-    if (name.size() >= sizeof address->sun_path) return 0;
-    address->sun_family = AF_UNIX;
-    memcpy(address->sun_path, name.data(), name.size());
-    if (name[0] == '@') address->sun_path[0] = '\0';
-    const size_t terminator = name[0] == '/' ? 1 : 0;
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + terminator);
+    if (local_address(name, address) != 0) return 0;
+    if (name[0] == '/') return sizeof *address;
+    address->sun_path[0] = '\0';
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 }
 
 int notify(std::string_view message) {

@@ -5,12 +5,12 @@
 
 #include <errno.h>
 #include <string.h>
-#include <sys/un.h>
 
 #include <thread>
 #include <vector>
 
 #include "base/clock.h"
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "host/http_update/app_request.h"
 #include "host/http_update/http_update_app.h"
@@ -167,13 +167,9 @@ class AppSdk : public ::testing::Test {
     }
     ~AppSdk() override { http_app_close(app_); }
     void Listen() {
-        (void)unlink(path_.c_str());
         listener_.reset(socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
-        ASSERT_EQ(0, bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-        ASSERT_EQ(0, listen(listener_.get(), 5));
+        ASSERT_EQ(local_bind(listener_.get(), path_.c_str()), 0);
+        ASSERT_EQ(listen(listener_.get(), 5), 0);
     }
     void Accept() { daemon_.reset(accept(listener_.get(), nullptr, nullptr)); }
     void Reply(int32_t result, const std::string& name) {

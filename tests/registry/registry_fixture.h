@@ -3,10 +3,10 @@
 #pragma once
 
 #include <errno.h>
-#include <sys/un.h>
 
 #include <vector>
 
+#include "base/local_socket.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "registry/app_registry.h"
@@ -33,11 +33,9 @@ class RegistryServerTest : public DaemonTest {
     }
     // A connection that the server has not looked at yet.
     int Dial() {
-        const int app = apps_.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get();
-        sockaddr_un address{AF_UNIX, {}};
-        (void)text_copy(address.sun_path, dir_ / REG_SOCKET_PATH);
-        EXPECT_EQ(connect(app, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        return app;
+        UniqueFd& app = apps_.emplace_back();
+        EXPECT_EQ(local_connect((dir_ / REG_SOCKET_PATH).c_str(), 0, &app), 0);
+        return app.get();
     }
     int Connect() {
         const int app = Dial();

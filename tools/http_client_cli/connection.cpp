@@ -7,11 +7,10 @@
 #include <stdio.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "base/file.h"
-#include "base/text.h"
+#include "base/local_socket.h"
 
 using client_new::Frame;
 using client_new::FrameReader;
@@ -29,19 +28,6 @@ bool open_signals(Connection* connection) {
     }
     connection->signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     return connection->signals.valid() && sigprocmask(SIG_BLOCK, &set, nullptr) == 0;
-}
-
-bool connect_to(const std::string& path, Connection* connection) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (!text_copy(address.sun_path, path)) {
-        errno = ENAMETOOLONG;
-        return false;
-    }
-    connection->socket.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return connection->socket.valid() &&
-           connect(connection->socket.get(), reinterpret_cast<const sockaddr*>(&address),
-                   sizeof address) == 0;
 }
 
 // A failure shows in the next read, after what the daemon said before.
@@ -140,7 +126,8 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
 
 bool connection_open(Connection* connection, bool second_list) {
     const std::string path = client_new::cli_socket_path();
-    if (!connect_to(path, connection) || !open_signals(connection)) {
+    errno = local_connect(path.c_str(), 0, &connection->socket);
+    if (errno != 0 || !open_signals(connection)) {
         (void)fprintf(stderr, "http_client_cli: no daemon at %s: %s\n", path.c_str(),
                       strerror(errno));
         return false;

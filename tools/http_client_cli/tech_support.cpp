@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/file.h"
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "host/tech_support_msg/protocol.h"
 #include "tar_gz.h"
@@ -32,14 +33,6 @@ constexpr int EXIT_NO_BUNDLE = 2;
 
 void print_error(const std::string& what, const char* reason) {
     (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
-}
-
-bool connect_to_service(UniqueFd* connection) {
-    const sockaddr_un address = tech_support_address();
-    connection->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return connection->valid() &&
-           connect(connection->get(), reinterpret_cast<const sockaddr*>(&address),
-                   sizeof address) == 0;
 }
 
 // Reads until the service closes. False: errno says why.
@@ -64,15 +57,16 @@ bool receive_all(int fd, std::string* answer) {
 
 // False: no answer, said so.
 bool ask(const std::string& request, std::string* answer) {
+    const std::string path = tech_support_socket_path();
     UniqueFd connection;
-    if (connect_to_service(&connection) &&
+    errno = local_connect(path.c_str(), 0, &connection);
+    if (errno == 0 &&
         send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
             static_cast<ssize_t>(request.size()) &&
         receive_all(connection.get(), answer)) {
         return true;
     }
-    print_error(std::string("no support service at ") + tech_support_address().sun_path,
-                strerror(errno));
+    print_error("no support service at " + path, strerror(errno));
     return false;
 }
 
