@@ -3,7 +3,7 @@ from __future__ import annotations
 from collections.abc import Iterator
 
 import pytest
-from lab import Device, LabServer, Sample, Scratch
+from lab import Device, LabServer, Probe, Sample, Scratch
 
 
 @pytest.fixture
@@ -11,6 +11,11 @@ def scratch() -> Iterator[Scratch]:
     made = Scratch()
     yield made
     made.close()
+
+
+@pytest.fixture
+def probe(scratch: Scratch) -> Probe:
+    return Probe(scratch)
 
 
 @pytest.fixture

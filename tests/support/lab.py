@@ -86,6 +86,21 @@ class Scratch:
         assert not self.reports, "\n".join(self.reports)
 
 
+class Probe:
+    """Calls of the host's libraries: host_probe.cpp."""
+
+    def __init__(self, scratch: Scratch) -> None:
+        self.root = scratch.root
+
+    def run(self, *arguments: str, **environment: str) -> str:
+        done = subprocess.run(
+            [BIN_DIR / "host_probe", *arguments], capture_output=True, timeout=DEADLINE,
+            env={"HTTP_CLIENT_DEVICE_ROOT": str(self.root),
+                 "PRINTK_SYSLOG_FILE": str(self.root / "log"), **environment})
+        assert done.returncode == 0, done.stderr
+        return done.stdout.decode()
+
+
 class Sample:
     """The program of sample commands and reports: sample_daemon.cpp."""
 
