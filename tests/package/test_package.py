@@ -10,16 +10,15 @@ import shlex
 import socket
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 import pytest
+from lab import DEADLINE, wait_for
 
 PACKAGES = Path(__file__).resolve().parents[2] / "build/package/packages"
 EXAMPLES = Path("/usr/share/doc/http-client-dev/examples")
 UNIT = "/lib/systemd/system/http_client.service"
 ENABLED = Path("/etc/systemd/system/multi-user.target.wants/http_client.service")
-DEADLINE = 60
 
 
 def run(*command) -> str:
@@ -28,14 +27,6 @@ def run(*command) -> str:
                           env=os.environ | {"TMPDIR": "/nowhere"}, timeout=300)
     assert done.returncode == 0, f"{command} ended with {done.returncode}:\n{done.stdout}"
     return done.stdout
-
-
-def wait_for(condition, what: str):
-    end = time.monotonic() + DEADLINE
-    while not (value := condition()):
-        assert time.monotonic() < end, f"waited in vain {what}"
-        time.sleep(0.05)
-    return value
 
 
 def operator(*commands: str) -> str:
@@ -103,27 +94,13 @@ def service(machine):
     service.end()
 
 
-@pytest.fixture
-def spawn():
-    started = []
-
-    def spawn(name: str, *command, **more):
-        with open(f"/mnt/{name}", "w") as out:
-            started.append(subprocess.Popen(command, stdout=out, stderr=out, **more))
-        return Path(f"/mnt/{name}").read_text
-    yield spawn
-    for process in started:
-        process.kill()
-        process.wait()
-
-
 def test_service_manager_accepts_the_unit(service):
     assert run("systemd-analyze", "verify", "--man=no", UNIT) == ""
     run("systemd-analyze", "security", "--offline=true", "--threshold=30", UNIT)
     assert ENABLED.is_symlink()
 
 
-def test_app_built_with_the_sdk_is_updated(service, spawn, tmp_path):
+def test_app_built_with_the_sdk_is_updated(service, scratch, tmp_path):
     flags = run("pkg-config", "--cflags", "--libs", "http_update").split()
     app = tmp_path / "app"
     run("cc", "-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-D_DEFAULT_SOURCE",
@@ -131,21 +108,21 @@ def test_app_built_with_the_sdk_is_updated(service, spawn, tmp_path):
     release = tmp_path / "releases/modem/2.0/modem.img"
     release.parent.mkdir(parents=True)
     release.write_bytes(os.urandom(100_000))
-    server_says = spawn("server", sys.executable, "-u", EXAMPLES / "lab_server/lab_server.py",
-                        "--port", "0", release.parents[2])
-    port = wait_for(lambda: re.search(r"http://127\.0\.0\.1:(\d+)", server_says()), "for a port")[1]
+    scratch.spawn("server", [sys.executable, "-u", EXAMPLES / "lab_server/lab_server.py",
+                             "--port", "0", release.parents[2]])
+    port = wait_for(lambda: re.search(r":(\d+)/", scratch.output("server")), "for a port")[1]
     # Another user's directory, which only the capabilities let the daemon write to.
     save = tmp_path / "saved"
     save.mkdir(mode=0o755)
     os.chown(save, 65534, 65534)
 
-    app_says = spawn("app", app, "modem", "1.0", f"{save}/", env=service.env)
-    wait_for(lambda: "modem is registered" in app_says(), "to register")
+    scratch.spawn("app", [app, "modem", "1.0", f"{save}/"], env=service.env)
+    wait_for(lambda: "modem is registered" in scratch.output("app"), "to register")
     operator("configure", "http update mode manual",
              f"http update server 127.0.0.1 port {port}", "end", "write", "http update all")
     wait_for(lambda: re.search(r"modem +2\.0", operator("show http-update info version")),
              "for the app's answer")
-    assert f"installed {save}/modem.img" in app_says()
+    assert f"installed {save}/modem.img" in scratch.output("app")
     assert (save / "modem.img").read_bytes() == release.read_bytes()
 
 
