@@ -33,11 +33,11 @@ class DaemonTest : public testing::Test {
     }
     static void ExpectLog(const std::string& text) { EXPECT_HAS(fakes::Syslog(), text); }
     void ExpectDump(const std::string& text) const { EXPECT_HAS(dir_.Read(kDump), text); }
-    // Those of the names that exist in the directory.
+    // Those of the names that exist in the directory, without their folders.
     std::string OnDisk(const std::vector<std::string>& names) const {
         std::string text;
         for (const std::string& name : names)
-            if (std::filesystem::exists(dir_ / name)) text += name;
+            if (std::filesystem::exists(dir_ / name)) text += name.substr(name.rfind('/') + 1);
         return text;
     }
 

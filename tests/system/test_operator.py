@@ -44,9 +44,10 @@ def test_configuration_lines(device: Device) -> None:
     device.configure("no http update server", "no http update time")
     device.configure("http update server second", second=True)
     for line in ("http update mode manual", "http update source_ip 10.1",
-                 "http update server h1 port 65535", "http update time daily 23:59"):
+                 "http update server h1 port 65535", "http update time daily 03:05"):
         device.configure(line)
         assert device.cli("show running-config") == line + "\n"
+        assert line.split()[-1] in device.cli("show http-update test")
         device.configure("no " + " ".join(line.split()[:3]))
         assert device.cli("show running-config") == ""
     assert device.configure("no http update server h1") == (

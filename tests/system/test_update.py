@@ -60,6 +60,66 @@ def test_only_the_named_apps_are_asked_about(device: Device, server: LabServer) 
     assert device.cli("http update nobody") == unregistered
 
 
+def test_query_names_the_device_and_its_free_apps(scratch: Scratch, server: LabServer) -> None:
+    device = Device(scratch)
+    for name, text in {"proc/setmac/SerialNO": "SN 1+2", "proc/setmac/projectid": "Router:9",
+                       "proc/macaddr": "00d0.f822.33aa"}.items():
+        (device.files / name).write_text(text)
+    device.start()
+    device.use(server)
+    for name, version in {"alpha": "1:0", "empty": "", "a&b": "2 0"}.items():
+        device.app(name, version)
+    device.cli("http check-version")
+    query = server.queries()[0]
+    assert query["status"] == 200, "its key is right"
+    assert re.fullmatch(
+        r"bin=LAB_EG3210%20Release\(1\.0\)&product=Router%3A9&sn=SN%201\+2&mac=00d0\.f822\.33aa"
+        r"&hardware=1\.00&chset=1&timestamp=(\d+)&randomCode=\1&registerKey=[0-9a-f]{32}"
+        r"&localIp=127\.0\.0\.1&dataType=component&alpha=1%3A0&a&b=2%200", query["form"])
+
+
+def test_replies_that_contradict_themselves(device: Device, server: LabServer) -> None:
+    """Each app's element counts for itself; nothing lands outside an app's folder."""
+    server.release("x", "1", {"file": 4})
+    sources = f"<downpath>http://{server.host}:{server.port}/files/x/1/file</downpath>"
+
+    def files(*names: str) -> str:
+        return "".join(f'<file name="{name}">{sources}<version>v1</version></file>'
+                       for name in names)
+
+    rows = {  # announced count, files, how many arrive
+        "blanks": (" 3abc", files("a", "b", "c"), 3), "fewer": ("2", files("a", "b", "c"), 2),
+        "none": ("0", "", 0), "letters": ("x1", files("a"), None),
+        "many": ("101", files(*"a" * 101), None), "negative": ("-1", files("a"), None),
+        "wraps": ("000004294967297", files("a"), None),
+        "nameless": ("3", files("a") + "<file/>" + files("c"), None),
+        "climbs": ("2", files("../outside", "outside"), None),
+        "long": ("2", files("a", "n" * 250), None),
+        "slashless": ("2", files("f", "folderf"), None),
+    }
+    body = "".join(f'<app name="{name}"><filecnt>{count}</filecnt>{listed}</app>'
+                   for name, (count, listed, _) in rows.items())
+    server.fault(method="POST", body=f"""<filelist>{body}
+        <app name="unasked"><filecnt>0</filecnt></app><app name="stranger"/></filelist>""")
+    precious = [device.root / "apps/outside", device.root / "apps/folderf"]
+    precious[0].parent.mkdir()
+    for path in precious:
+        path.write_text("precious")
+    app = device.connect(lambda app, request: (0, "2.0"))
+    for name in [*rows, "unasked"]:
+        save = device.root / "apps/folder" if name == "slashless" else device.saved(name)
+        assert app.register(name, "1.0", save) == 0
+    assert "fewer           v1                   a  " in device.cli("http check-version")
+    bad = [name for name, row in rows.items() if row[2] is None]
+    assert device.cli("http update " + " ".join(rows)) == with_server(
+        "".join(f"{name}: The server response message format is wrong.\n" for name in bad)
+        + "blanks, fewer, none: download and notify successfully.\n")
+    wait_for(lambda: len(app.requests) == 3)
+    assert {r.app: len(r.files) for r in app.requests} == {"blanks": 3, "fewer": 2, "none": 0}
+    assert [path.read_text() for path in precious] == ["precious"] * 2
+    assert all(device.disk(name) == {} for name in bad)
+
+
 def test_nobody_to_update(device: Device) -> None:
     nobody = "%notice: No bussiness modules registration.\n"
     for command in ("http update all", "http background-update all", "http check-version"):
@@ -129,6 +189,7 @@ def test_background_update_and_a_second_run_refused(device: Device, server: LabS
     made = server.release("alpha", "2.0", {"a.bin": 200_000})
     app = device.app("alpha")
     server.fault(path="/files/*", stall_after=100_000)
+    device.cli("debug http-client info")
     assert device.cli("http background-update alpha") == "Successfully into the background.\n"
     server.wait_stalled("a.bin", 100_000)
 
@@ -146,6 +207,7 @@ def test_background_update_and_a_second_run_refused(device: Device, server: LabS
     server.heal()
     wait_for(lambda: app.requests)
     assert device.disk("alpha") == made
+    device.wait_log("alpha: download and notify successfully.")
     wait_for(lambda: "state: free\n" in device.cli("http update display-progress"))
     assert device.cli("http update display-progress").endswith(
         "updated-result:\nalpha: Notice the business module to upgrade successfully.\r\n")

@@ -3,10 +3,13 @@
 #include "update/app_download.h"
 
 #include "config/settings.h"
+#include "frame/report.h"
+#include "http/check_version.h"
 #include "http/xml.h"
 #include "tests/registry/registry_fixture.h"
 #include "tests/resume/resume_fixture.h"
 #include "update/progress.h"
+#include "update/update_reports.h"
 
 class AppsDown : public RegistryServerTest {
   protected:
@@ -39,26 +42,18 @@ class AppsDown : public RegistryServerTest {
         for (const std::string& name : names) body += File(name, "<downpath>h/x</downpath>");
         return body;
     }
-    // Runs a pass of that kind over every registered app.
-    UpdateStatus Pass(UpdateRunKind kind, const std::string& apps) {
-        const XmlDoc document(xml_doc_read_mem(("<filelist>" + apps + "</filelist>").c_str()));
+    // alpha's result of a pass of that kind.
+    UpdateStatus Result(UpdateRunKind kind, const std::string& body) {
+        const XmlDoc document(xml_doc_read_mem(
+            ("<filelist><app name=\"alpha\">" + body + "</app></filelist>").c_str()));
         AppSet set{};
         reg_app_all(&set);
         update_progress_reset(kind);
         update_progress_set_mask(set);
-        return apps_down(document.get(), set, kind);
-    }
-    // alpha's result.
-    UpdateStatus Result(UpdateRunKind kind, const std::string& body) {
-        EXPECT_EQ(Pass(kind, "<app name=\"alpha\">" + body + "</app>"), UPDATE_OK);
+        EXPECT_EQ(apps_down(document.get(), set, kind), UPDATE_OK);
         return update_progress_copy().results[0];
     }
-    std::string Saved() {
-        std::string names;
-        for (const char* name : {"a", "b", "c"})
-            if (std::filesystem::exists(save_ + name)) names += name;
-        return names;
-    }
+    std::string Saved() const { return OnDisk({"save/a", "save/b", "save/c"}); }
     // Base names of the files in the next update request; "-" without one.
     std::string Requested() {
         const auto [type, payload] = Receive(app_);
@@ -77,38 +72,6 @@ class AppsDown : public RegistryServerTest {
     int app_ = -1;
     std::map<std::string, int> codes_;
 };
-
-TEST_F(AppsDown, FetchesAndHandsOver) {
-    EXPECT_EQ(Result(UPDATE_RUN_COMMAND, Files({"a", "b"})), UPDATE_OK);
-    EXPECT_EQ(Requested() + Saved(), "abab");
-    EXPECT_EQ(fakes::Downloads()[0].flag, 0u);
-    EXPECT_EQ(Result(UPDATE_RUN_DAILY, "<filecnt>0</filecnt>"), UPDATE_OK);
-    EXPECT_EQ(Requested(), "") << "no files, but a request";
-    EXPECT_EQ(Pass(UPDATE_RUN_DAILY, ""), UPDATE_OK);
-    EXPECT_EQ(update_progress_copy().results[0], UPDATE_BAD_REPLY) << "no element for the app";
-
-    fakes::ScriptDownloads([&](DownloadCtx* context, const fakes::Download& download) {
-        Disconnect(app_);
-        return Fetch(context, download);
-    });
-    EXPECT_EQ(Result(UPDATE_RUN_COMMAND, Files({"a"})), UPDATE_NOTIFY_FAIL);
-    EXPECT_EQ(Saved(), "b");
-}
-
-TEST_F(AppsDown, UnusableNamesTouchNothing) {
-    dir_.Write("outside", "precious");
-    dir_.Write("savef", "precious");
-    for (const Names& names : {Names{"../outside", "outside"}, {"a", std::string(250, 'n')}}) {
-        for (const UpdateRunKind kind : {UPDATE_RUN_COMMAND, UPDATE_RUN_DAILY})
-            EXPECT_EQ(Result(kind, Files(names)), UPDATE_BAD_REPLY) << names[0];
-    }
-    // Without a slash at its end the save path would become part of the name.
-    EXPECT_EQ(reg_app_set_savepath("alpha", dir_ / "save"), 0);
-    EXPECT_EQ(Result(UPDATE_RUN_COMMAND, Files({"f", "savef"})), UPDATE_BAD_REPLY);
-    EXPECT_EQ(dir_.Read("outside") + dir_.Read("savef"), "preciousprecious");
-    EXPECT_TRUE(fakes::Downloads().empty());
-    EXPECT_EQ(ResumeListed(), "");
-}
 
 TEST_F(AppsDown, DownloadCodesBecomeResults) {
     const std::string two_sources =
@@ -216,4 +179,20 @@ TEST_F(AppsDown, ResumeRunUsesStoredPaths) {
     EXPECT_EQ(Result(UPDATE_RUN_RESUME, Files({"a", "b"})), UPDATE_OK);
     EXPECT_EQ(Requested() + Saved() + ResumeListed(), "abab");
     EXPECT_EQ(Result(UPDATE_RUN_RESUME, Files({"a"})), UPDATE_NO_MEMORY) << "no entry any more";
+}
+
+TEST_F(AppsDown, ReportsSizesBeyond32BitsAndAppsThatHaveLeft) {
+    fakes::ScriptDownloads([](DownloadCtx* context, const fakes::Download&) {
+        context->total = 5000000000;
+        context->received = 4999999999;
+        context->progress(context, 1);
+        update_progress_print(REPORT_TECH_SUPPORT);
+        return -1;
+    });
+    (void)Result(UPDATE_RUN_COMMAND, Files({"a"}));
+    EXPECT_HAS(fakes::TechOutput(), "\nfile_size: 5000000000\ndown_size: 4999999999\n");
+    AppSet updated{};
+    for (const int slot : {0, 7}) app_set_insert(&updated, slot);
+    output_check(XmlDoc(xml_doc_read_mem("<filelist/>")).get(), updated);
+    EXPECT_HAS(fakes::Terminal(), "need to be updated: alpha.\n");
 }

@@ -104,7 +104,7 @@ class Handler(BaseHTTPRequestHandler):
         if self.path == "/lab/rules":
             self.add_rules(body)
         elif self.path.split("?")[0].endswith("update.asp"):
-            self.answer(lambda rule: self.version_reply(rule, Query.parse(body)))
+            self.answer(lambda rule: self.version_reply(rule, body))
         else:
             self.answer(lambda rule: Answer(404, b"no such page\n"))
 
@@ -148,8 +148,10 @@ class Handler(BaseHTTPRequestHandler):
 
     # ---- what a good server would answer ----
 
-    def version_reply(self, rule: Rule, query: Query) -> Answer:
+    def version_reply(self, rule: Rule, form: bytes) -> Answer:
+        query = Query.parse(form)
         asked = " ".join(f"{app}={version}" for app, version in query.apps.items())
+        self.note["form"] = form.decode("utf-8", "replace")
         self.note["device"] = query.device
         self.note["apps"] = query.apps
         if self.server.check_key and not query.key_is_right():
