@@ -124,12 +124,20 @@ UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
     return down_file_try_downpaths(&turn.pass, file, path);
 }
 
+// The first files of the pass become the app's: nothing of the download library may be
+// left on them. Its call is an optional one.
+void files_release(const AppFiles& files) {
+    if (http_download_file_release == nullptr) return;
+    for (int32_t i = 0; i < files.done; i++) http_download_file_release(files.array[i]);
+}
+
 // Every file is there: the app is told. The resume entry goes first, so that a
 // crash in between can't make a resume run fetch what the app already has.
 UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
     const char* name = turn.entry.name;
     if (turn.pass.kind != UPDATE_RUN_RESUME) resume_free_app(name, files.array, files.done);
     resume_write();
+    files_release(files);
     if (reg_update_req(turn.app, name, files.array, files.done) >= 0) return UPDATE_OK;
     filename_unlink(files.array, files.done);
     return UPDATE_NOTIFY_FAIL;
@@ -142,6 +150,7 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
     bool incremental = (entry.flags & APP_FLAG_INCREMENTAL) != 0 && files.done > 0;
     if (incremental) {
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->increme update", entry.name);
+        files_release(files);
         incremental = reg_update_req(turn.app, entry.name, files.array, files.done) >= 0;
     }
     bool recorded = false;

@@ -55,6 +55,15 @@ int http_download_file_progress(struct DownloadCtx* context, const char* url, co
 int http_download_file_progress_tlv(struct DownloadCtx* context, const char* url, const char* path,
                                     unsigned int flag, const struct http_util_tlv* source);
 
+// Optional: a library may lack it. Says that path, which a download with flag 1 has
+// completed, is going to be somebody else's file: whatever the library has noted on it
+// to spare it from being fetched again goes away. Nothing happens to any other file.
+// Threads: any.
+#ifdef __GNUC__
+__attribute__((weak))
+#endif
+void http_download_file_release(const char* path);
+
 // Switches the library's own debugging (to the system log) on and off.
 // Threads: any.
 void http_open_debug(void);

@@ -1,221 +1,248 @@
-// The attribute is text, a line a field: format, boot, synced bytes, size, validator,
-// resource. After a power cut the length of a file may count bytes that never
-// reached the disk, so only those noted as synced are kept; within the same boot
-// the page cache has them all.
+// Which bytes count: within the start of the machine that wrote them all of the file,
+// since the page cache has them; after another start those that were synced before,
+// since the length of a file may count bytes that never reached the disk. A sync that
+// failed takes that trust away: the kernel may drop what it could not write, and says
+// so only once.
 
 #include "host/http_util/partial_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <string_view>
 
+#include "base/clock.h"
+#include "base/file.h"
 #include "base/text.h"
-#include "host/http_util/engine.h"
+#include "host/http_util/failure.h"
 
 namespace {
 
-constexpr const char* ATTRIBUTE = "user.http_client.partial";
-constexpr std::string_view FORMAT = "1";
 constexpr mode_t FILE_MODE = 0644;
-constexpr size_t BUFFER_BYTES = 256 * 1024;
-constexpr size_t BOOT_SIZE = 40;
 constexpr size_t DIRECTORY_SIZE = 1024;
 
-int file_error() {
-    const bool full = errno == ENOSPC || errno == EDQUOT || errno == EFBIG;
-    return full ? HTTP_DOWNLOAD_NO_STORAGE : DOWNLOAD_BAD_FILE;
-}
+// A mark costs the file system a block. A smaller file gets it when it is complete or
+// has failed; if the daemon is killed meanwhile, little is fetched again.
+constexpr uint64_t MARK_BYTES = 256 * 1024;
 
-// Changes with every start of the machine; empty where it can't be had.
-void boot_id(char (&id)[BOOT_SIZE]) {
-    id[0] = '\0';
-    const UniqueFd fd(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) return;
-    const ssize_t got = read(fd.get(), id, sizeof id - 1);
-    id[got > 0 ? got : 0] = '\0';
-    id[strcspn(id, "\n")] = '\0';
-}
+// A power cut costs at most this much, or what came in this time.
+constexpr uint64_t SYNC_BYTES = 16 << 20;
+constexpr int64_t SYNC_MS = 30000;
 
-// Directory of a path, "." where it has none. False when it is too long.
-bool directory_of(const char* path, char (&directory)[DIRECTORY_SIZE]) {
+constexpr uint64_t RESERVE_BYTES = 16 << 20;
+constexpr uint64_t RESERVE_SHARE = 16;
+
+constexpr int TICK_MS = 250;
+
+const char* name_of(const char* path) {
     const char* slash = strrchr(path, '/');
-    if (slash == nullptr) return text_copy(directory, ".");
-    return text_copy(directory, {path, static_cast<size_t>(std::max(slash - path, ptrdiff_t{1}))});
+    return slash == nullptr ? path : slash + 1;
 }
 
-// Takes the next line off the front; false when there is none.
-bool line_take(std::string_view* rest, std::string_view* line) {
-    const size_t end = rest->find('\n');
-    if (end == std::string_view::npos) return false;
-    *line = rest->substr(0, end);
-    rest->remove_prefix(end + 1);
-    return true;
-}
-
-bool number_parse(std::string_view text, uint64_t* number) {
-    char digits[24] = "";
-    if (text.empty() || !text_copy(digits, text)) return false;
-    if (strspn(digits, "0123456789") != text.size()) return false;
-    errno = 0;
-    *number = strtoull(digits, nullptr, 10);
-    return errno == 0;
-}
-
-// What the attribute says, and how many bytes may be kept of a file of size bytes.
-bool mark_parse(std::string_view text, uint64_t size, PartialFacts* facts, uint64_t* keep) {
-    std::string_view format;
-    std::string_view boot;
-    std::string_view synced;
-    std::string_view total;
-    std::string_view validator;
-    std::string_view resource;
-    if (!line_take(&text, &format) || !line_take(&text, &boot) || !line_take(&text, &synced) ||
-        !line_take(&text, &total) || !line_take(&text, &validator) ||
-        !line_take(&text, &resource)) {
-        return false;
-    }
-    char this_boot[BOOT_SIZE] = "";
-    boot_id(this_boot);
-    uint64_t synced_bytes = 0;
-    if (format != FORMAT || validator.empty() || !number_parse(synced, &synced_bytes) ||
-        !number_parse(total, &facts->total) || !text_copy(facts->validator, validator) ||
-        !text_copy(facts->resource, resource)) {
-        return false;
-    }
-    const bool same_boot = !boot.empty() && boot == this_boot;
-    if (!same_boot && synced_bytes > size) return false;
-    *keep = same_boot ? size : synced_bytes;
-    return *keep > 0 && *keep <= facts->total;
-}
-
-// Room for size bytes beside what is there; freed_blocks of 512 bytes come free.
-bool room_for(const char* path, uint64_t size_bytes, blkcnt_t freed_blocks) {
-    char directory[DIRECTORY_SIZE] = "";
-    struct statvfs facts {};
-    if (!directory_of(path, directory) || statvfs(directory, &facts) != 0) return true;
-    const uint64_t free_bytes =
-        uint64_t{facts.f_bavail} * facts.f_frsize + static_cast<uint64_t>(freed_blocks) * 512;
-    return size_bytes <= free_bytes;
+// Bytes of a file of size bytes that its mark vouches for; 0: none.
+uint64_t bytes_believed(const Mark& mark, uint64_t size) {
+    const bool same_boot = mark.boot[0] != '\0' && strcmp(mark.boot, boot_id()) == 0;
+    const uint64_t believed = same_boot ? size : mark.synced;
+    return believed <= size && believed <= mark.facts.total ? believed : 0;
 }
 
 }  // namespace
 
-bool PartialFile::Find(const char* resource) {
-    fd_.reset(open(path_, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    struct stat facts {};
-    if (!fd_.valid() || fstat(fd_.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) return false;
-    char text[VALIDATOR_SIZE + RESOURCE_SIZE + 128];
-    const ssize_t length = fgetxattr(fd_.get(), ATTRIBUTE, text, sizeof text);
-    const bool found = length > 0 &&
-                       mark_parse({text, static_cast<size_t>(length)},
-                                  static_cast<uint64_t>(facts.st_size), &facts_, &size_) &&
-                       strcmp(facts_.resource, resource) == 0;
-    marked_ = found;
-    if (!found) fd_.reset();
-    return found;
-}
-
-int PartialFile::Create(uint64_t size_bytes, const PartialFacts* facts) {
-    struct stat old {};
-    const bool exists = lstat(path_, &old) == 0;
-    if (exists && !S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) return DOWNLOAD_BAD_FILE;
-    // The old file's blocks come free when it goes, unless it has another name.
-    const bool frees = exists && S_ISREG(old.st_mode) && old.st_nlink == 1;
-    if (!room_for(path_, size_bytes, frees ? old.st_blocks : 0)) return HTTP_DOWNLOAD_NO_STORAGE;
-    if (exists && unlink(path_) != 0 && errno != ENOENT) return DOWNLOAD_BAD_FILE;
-    fd_.reset(open(path_, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
-    if (!fd_.valid()) return file_error();
-    marked_ = facts != nullptr;
-    if (marked_) {
-        facts_ = *facts;
-        Mark(0);
-    }
-    return Begin(0);
-}
-
-int PartialFile::Continue(uint64_t offset) {
-    if (!room_for(path_, facts_.total - offset, 0)) return HTTP_DOWNLOAD_NO_STORAGE;
-    const off_t position = static_cast<off_t>(offset);
-    if (ftruncate(fd_.get(), position) != 0 || lseek(fd_.get(), position, SEEK_SET) != position) {
-        return file_error();
-    }
-    return Begin(offset);
-}
-
-int PartialFile::Begin(uint64_t offset) {
-    size_ = offset;
-    open_ = true;
-    gathered_ = 0;
-    if (!buffer_) buffer_.reset(static_cast<char*>(malloc(BUFFER_BYTES)));
-    return buffer_ ? 0 : HTTP_DOWNLOAD_NO_MEMORY;
-}
-
-int PartialFile::Write(const char* bytes, size_t size) {
-    while (size > 0) {
-        const size_t taken = std::min(size, BUFFER_BYTES - gathered_);
-        memcpy(buffer_.get() + gathered_, bytes, taken);
-        gathered_ += taken;
-        bytes += taken;
-        size -= taken;
-        if (gathered_ < BUFFER_BYTES) break;
-        const int result = Flush();
-        if (result != 0) return result;
-    }
-    return 0;
-}
-
-int PartialFile::Flush() {
-    const size_t size = gathered_;
-    gathered_ = 0;  // after a failure the rest is lost, and never written out of place
-    for (size_t done = 0; done < size;) {
-        const ssize_t written = write(fd_.get(), buffer_.get() + done, size - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return file_error();
-        done += static_cast<size_t>(written);
-        size_ += static_cast<uint64_t>(written);
-    }
-    return 0;
-}
-
-int PartialFile::Complete() {
-    const bool marked = marked_;
-    marked_ = false;  // after a failed fsync() no later one can be believed
-    if (marked && fremovexattr(fd_.get(), ATTRIBUTE) != 0 && errno != ENODATA && errno != ENOTSUP) {
-        return file_error();
-    }
-    if (fsync(fd_.get()) != 0) return file_error();
-    char directory[DIRECTORY_SIZE] = "";
-    if (!directory_of(path_, directory)) return DOWNLOAD_BAD_FILE;
-    const UniqueFd entry(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+void PartialFile::Sync::operator()() {
+    error = fdatasync(file.get()) == 0 ? 0 : errno;
+    if (error != 0) return;
+    // Only now is it true; and the directory's sync takes it along. Where it fails the
+    // older mark holds.
+    if (marked) (void)mark_write(file.get(), mark);
+    if (!directory.valid()) return;
     // A file system that can't sync a directory says EINVAL; there is nothing to wait for.
-    if (!entry.valid() || (fsync(entry.get()) != 0 && errno != EINVAL)) return file_error();
+    if (fsync(directory.get()) != 0 && errno != EINVAL) error = errno;
+}
+
+bool PartialFile::Find() {
+    constexpr unsigned DEMANDS = FILE_NO_LINK | FILE_OURS | FILE_OURS_TO_CHANGE | FILE_ONE_NAME;
+    struct stat facts {};
+    if (file_open(path_, O_RDWR, DEMANDS, &fd_) == 0 && fstat(fd_.get(), &facts) == 0 &&
+        mark_read(fd_.get(), &mark_)) {
+        size_ = bytes_believed(mark_, static_cast<uint64_t>(facts.st_size));
+    }
+    if (size_ == 0) fd_.reset();
+    return size_ > 0;
+}
+
+bool PartialFile::OpenDirectory() {
+    if (directory_.valid()) return true;
+    char directory[DIRECTORY_SIZE] = ".";
+    const char* name = name_of(path_);
+    // "/" of a file in the root directory stays.
+    const auto length = static_cast<size_t>(std::max(name - path_ - 1, ptrdiff_t{1}));
+    if (name != path_ && !text_copy(directory, {path_, length})) return false;
+    directory_.reset(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory_.valid();
+}
+
+// In the common case nothing lies there, and one call does it.
+int PartialFile::OpenNew() {
+    const char* name = name_of(path_);
+    const auto create = [&] {
+        fd_.reset(openat(directory_.get(), name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
+        return fd_.valid() ? 0 : errno;
+    };
+    int error = create();
+    if (error != EEXIST) return error == 0 ? 0 : file_error(error);
+    struct stat old {};
+    if (fstatat(directory_.get(), name, &old, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(old.st_mode) &&
+        !S_ISLNK(old.st_mode)) {
+        return DOWNLOAD_BAD_FILE;
+    }
+    if (unlinkat(directory_.get(), name, 0) != 0 && errno != ENOENT) return file_error(errno);
+    error = create();
+    return error == 0 ? 0 : file_error(error);
+}
+
+int PartialFile::Create(uint64_t size_bytes, const FileFacts* facts) {
+    if (!OpenDirectory()) return file_error(errno);
+    if (!RoomFor(size_bytes)) return HTTP_DOWNLOAD_NO_STORAGE;
+    const int result = OpenNew();
+    if (result != 0) return result;
+    size_ = 0;
+    mark_ = {};
+    marked_ = keep_ && facts != nullptr;
+    if (marked_) {
+        mark_.facts = *facts;
+        (void)text_copy(mark_.boot, boot_id());
+        // Where the file system keeps no attributes the next download begins at byte 0.
+        if (facts->total >= MARK_BYTES) marked_ = mark_write(fd_.get(), mark_);
+    }
+    open_ = true;
+    sync_size_ = 0;
+    sync_ms_ = monotonic_ms();
     return 0;
+}
+
+int PartialFile::Continue() {
+    if (!OpenDirectory()) return file_error(errno);
+    if (!RoomFor(mark_.facts.total - size_)) return HTTP_DOWNLOAD_NO_STORAGE;
+    if (ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0) return file_error(errno);
+    // From here on all of the file counts again, until the next start or failed sync.
+    const bool same_boot = strcmp(mark_.boot, boot_id()) == 0;
+    (void)text_copy(mark_.boot, boot_id());
+    marked_ = same_boot || mark_write(fd_.get(), mark_);
+    open_ = true;
+    sync_size_ = size_;
+    sync_ms_ = monotonic_ms();
+    return 0;
+}
+
+bool PartialFile::RoomFor(uint64_t size_bytes) const {
+    struct statvfs facts {};
+    if (fstatvfs(directory_.get(), &facts) != 0) return true;
+    const uint64_t free_bytes = uint64_t{facts.f_bavail} * facts.f_frsize;
+    if (size_bytes <= free_bytes) return true;
+    // The old file's blocks come free when it goes, unless it has another name.
+    struct stat old {};
+    return fstatat(directory_.get(), name_of(path_), &old, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(old.st_mode) && old.st_nlink == 1 &&
+           size_bytes <= free_bytes + static_cast<uint64_t>(old.st_blocks) * 512;
+}
+
+uint64_t PartialFile::Room() const {
+    struct statvfs facts {};
+    if (fstatvfs(directory_.get(), &facts) != 0) return UINT64_MAX;
+    const uint64_t whole = uint64_t{facts.f_blocks} * facts.f_frsize;
+    const uint64_t free_bytes = uint64_t{facts.f_bavail} * facts.f_frsize;
+    const uint64_t reserve = std::min(whole / RESERVE_SHARE, RESERVE_BYTES);
+    return free_bytes > reserve ? free_bytes - reserve : 0;
+}
+
+// At the end the directory's entry is synced, too.
+bool PartialFile::SyncBegin(bool at_end) {
+    Sync sync;
+    sync.file.reset(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
+    if (at_end) sync.directory = std::move(directory_);
+    sync.mark = mark_;
+    sync.mark.synced = size_;
+    sync.marked = marked_;
+    sync_size_ = size_;
+    sync_ms_ = monotonic_ms();
+    return sync.file.valid() && sync_.Start(std::move(sync));
+}
+
+// Takes the result of the sync under way when it ends within wait_ms.
+int PartialFile::SyncTake(int wait_ms) {
+    if (!sync_.started()) return 0;
+    const Sync* done = sync_.Wait(wait_ms);
+    if (done == nullptr) return 0;
+    const int error = done->error;
+    sync_.Abandon();
+    if (error != 0) return SyncFailed(error);
+    mark_.synced = sync_size_;
+    return 0;
+}
+
+int PartialFile::SyncWait(Progress* progress) {
+    while (sync_.started()) {
+        const int result = SyncTake(TICK_MS);
+        if (result != 0) return result;
+        if (sync_.started() && !progress->Tick()) return HTTP_DOWNLOAD_CANCELLED;
+    }
+    return 0;
+}
+
+// Nothing that is not known to be on disk is believed any more, in this boot, too.
+int PartialFile::SyncFailed(int error) {
+    mark_.boot[0] = '\0';
+    const bool trusted = marked_ && !mark_write(fd_.get(), mark_);
+    marked_ = false;
+    // A mark that can't be taken back must not be found.
+    if (trusted && IsAtPath()) (void)unlink(path_);
+    return file_error(error);
+}
+
+int PartialFile::Advance(uint64_t size) {
+    size_ = size;
+    if (!marked_) return 0;
+    const int result = SyncTake(0);
+    if (result != 0 || sync_.started()) return result;
+    const bool due = size_ - sync_size_ >= SYNC_BYTES ||
+                     (size_ > sync_size_ && monotonic_ms() - sync_ms_ >= SYNC_MS);
+    // Without memory for it the next one is due sooner or later.
+    if (due) (void)SyncBegin(false);
+    return 0;
+}
+
+bool PartialFile::IsAtPath() const {
+    struct stat ours {};
+    struct stat there {};
+    return fstat(fd_.get(), &ours) == 0 && lstat(path_, &there) == 0 &&
+           ours.st_dev == there.st_dev && ours.st_ino == there.st_ino &&
+           static_cast<uint64_t>(ours.st_size) == size_;
+}
+
+int PartialFile::Complete(Progress* progress) {
+    // Its error must be seen: the kernel reports it to one sync only.
+    int result = SyncWait(progress);
+    if (result != 0) return result;
+    if (!SyncBegin(true)) return HTTP_DOWNLOAD_NO_MEMORY;
+    result = SyncWait(progress);
+    if (result != 0) return result;
+    return IsAtPath() ? 0 : DOWNLOAD_BAD_FILE;
 }
 
 void PartialFile::Keep() {
+    while (sync_.started()) {
+        if (SyncTake(TICK_MS) != 0) return;
+    }
     if (!open_ || !marked_) return;
-    if (fdatasync(fd_.get()) == 0) Mark(size_);
-}
-
-void PartialFile::Mark(uint64_t synced_bytes) const {
-    char boot[BOOT_SIZE] = "";
-    boot_id(boot);
-    char text[VALIDATOR_SIZE + RESOURCE_SIZE + 128];
-    size_t length = 0;
-    const bool whole = text_appendf(text, sizeof text, &length, "%.*s\n%s\n%llu\n%llu\n%s\n%s\n",
-                                    static_cast<int>(FORMAT.size()), FORMAT.data(), boot,
-                                    static_cast<unsigned long long>(synced_bytes),
-                                    static_cast<unsigned long long>(facts_.total), facts_.validator,
-                                    facts_.resource);
-    // Where the file system keeps no attributes the next download starts afresh.
-    if (whole) (void)fsetxattr(fd_.get(), ATTRIBUTE, text, length, 0);
+    if (fdatasync(fd_.get()) != 0) {
+        (void)SyncFailed(errno);
+        return;
+    }
+    mark_.synced = size_;
+    (void)mark_write(fd_.get(), mark_);
 }

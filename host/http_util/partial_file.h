@@ -1,76 +1,90 @@
 // The file of a download, from what lies at its path before to the synced whole.
 //
-// A file that is not complete carries the extended attribute
-// "user.http_client.partial": what the server said of it (validator, size), which
-// resource it is part of, and how many of its bytes are known to be on disk. It
-// goes away with the file, and from a complete file; a file without it is never
-// continued. Nothing at the path is touched before a server has answered with
-// success: an error leaves an old file as it was.
-// Threads: one download's.
+// Nothing at the path is touched before a server has answered with success: an error
+// leaves an old file as it was. The bytes are written by the download program, into
+// the descriptor of this object; what they are worth is decided here. A file that may
+// be continued carries a mark (mark.h) from the beginning, and keeps it when it is
+// complete: while its path waits for the rest of an update, the mark spares it from
+// being fetched again.
+// Threads: one download's; syncs run beside it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 
 #include "base/unique_fd.h"
-
-constexpr size_t VALIDATOR_SIZE = 256;
-constexpr size_t RESOURCE_SIZE = 1024;
-
-// What makes a partial file continuable.
-struct PartialFacts {
-    uint64_t total = 0;                   // size of the whole file
-    char validator[VALIDATOR_SIZE] = "";  // strong entity tag or date, as for If-Range
-    char resource[RESOURCE_SIZE] = "";    // path and query of the URL
-};
+#include "host/http_util/mark.h"
+#include "host/http_util/progress.h"
+#include "host/http_util/side_call.h"
 
 // Calls that return int: 0, HTTP_DOWNLOAD_NO_STORAGE, HTTP_DOWNLOAD_NO_MEMORY or
 // DOWNLOAD_BAD_FILE.
 class PartialFile {
   public:
-    // path must outlive the object.
-    explicit PartialFile(const char* path) : path_(path) {}
+    // path must outlive the object. keep: the file is marked, so that a later download
+    // may continue it.
+    PartialFile(const char* path, bool keep) : path_(path), keep_(keep) {}
 
-    // Looks for a partial file of the resource. True: facts() is what to show the
-    // server, and size() bytes can be kept.
-    [[nodiscard]] bool Find(const char* resource);
-    [[nodiscard]] const PartialFacts& facts() const { return facts_; }
+    // Looks for a file that may be continued. It counts only when nobody else can have
+    // had a hand in it: a regular file of this process's user, that others can't write,
+    // without a second name. True: facts() tells what it is, size() bytes of it count.
+    [[nodiscard]] bool Find();
+    [[nodiscard]] const FileFacts& facts() const { return mark_.facts; }
     [[nodiscard]] uint64_t size() const { return size_; }
+    [[nodiscard]] bool whole() const { return size_ == mark_.facts.total; }
 
-    // Puts an empty file in place of whatever lies at the path, when there is room
-    // for size bytes (0: unknown). It is a new file, not the old one emptied: an app
-    // may be running from the old one, and a link is replaced, not followed.
-    // facts null: the file can't be continued later.
-    [[nodiscard]] int Create(uint64_t size_bytes, const PartialFacts* facts);
-    // Continues the file found, after its first offset bytes.
-    [[nodiscard]] int Continue(uint64_t offset);
+    // Puts an empty file in place of whatever lies at the path, when there is room for
+    // size_bytes (0: unknown). It is a new file, not the old one emptied: an app may be
+    // running from the old one, and a link is replaced, not followed. facts null:
+    // nothing would prove the file later.
+    [[nodiscard]] int Create(uint64_t size_bytes, const FileFacts* facts);
+    // Continues the file found, after its size() bytes.
+    [[nodiscard]] int Continue();
 
-    // Gathers bytes into writes of 256 KiB: libcurl hands over 16 KiB at a time, and
-    // file systems take large pieces up to a third faster.
-    [[nodiscard]] int Write(const char* bytes, size_t size);
-    // Writes what was gathered, as far as it goes: also before a failed download is left.
-    [[nodiscard]] int Flush();
-    // Makes the flushed file a complete one, synced with its directory entry.
-    [[nodiscard]] int Complete();
-    // Syncs what was flushed of a failed download and notes how much that is.
+    // After one of these two: the descriptor to write to,
+    [[nodiscard]] int fd() const { return fd_.get(); }
+    // and how large a file of unknown size may become: a reserve of the file system
+    // stays free, a sixteenth of it but at most 16 MiB.
+    [[nodiscard]] uint64_t Room() const;
+
+    // The file has size bytes now. From time to time a marked file is synced, so that a
+    // power cut costs no more than what came since.
+    [[nodiscard]] int Advance(uint64_t size);
+    // Makes it a complete file: synced with its directory entry, and still the one at
+    // its path. HTTP_DOWNLOAD_CANCELLED, too; the disk goes on by itself then.
+    [[nodiscard]] int Complete(Progress* progress);
+    // Syncs what a failed download leaves, and notes how much that is.
     void Keep();
 
   private:
-    struct Free {
-        void operator()(char* block) const { free(block); }
+    // What the disk has to do; on a thread beside the download, since it may take long.
+    struct Sync {
+        UniqueFd file;
+        UniqueFd directory;  // where valid: its entry, too
+        Mark mark;           // what is true then
+        bool marked = false;
+        int error = 0;
+        void operator()();
     };
 
-    [[nodiscard]] int Begin(uint64_t offset);
-    void Mark(uint64_t synced_bytes) const;
+    [[nodiscard]] bool OpenDirectory();
+    [[nodiscard]] int OpenNew();
+    [[nodiscard]] bool RoomFor(uint64_t size_bytes) const;
+    [[nodiscard]] bool IsAtPath() const;
+    [[nodiscard]] bool SyncBegin(bool at_end);
+    [[nodiscard]] int SyncTake(int wait_ms);
+    [[nodiscard]] int SyncWait(Progress* progress);
+    [[nodiscard]] int SyncFailed(int error);
 
     const char* path_;
+    const bool keep_;
     UniqueFd fd_;
-    PartialFacts facts_{};
-    bool marked_ = false;  // the file carries the attribute
+    UniqueFd directory_;
+    Mark mark_;
+    bool marked_ = false;  // the file carries mark_
     bool open_ = false;    // Create or Continue succeeded
-    std::unique_ptr<char, Free> buffer_;
-    size_t gathered_ = 0;  // bytes of the buffer
     uint64_t size_ = 0;    // bytes of the file that count
+    SideCall<Sync> sync_;
+    uint64_t sync_size_ = 0;  // when the last sync began
+    int64_t sync_ms_ = 0;
 };

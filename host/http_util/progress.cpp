@@ -1,22 +1,13 @@
 #include "host/http_util/progress.h"
 
-#include <time.h>
-
 #include <algorithm>
+
+#include "base/clock.h"
 
 namespace {
 
-constexpr uint64_t REPORT_BYTES = 256 * 1024;
-constexpr int64_t REPORT_MS = 250;
-// libcurl wakes up once a second while a server stalls: a full second here would
-// make the callback come every other time.
-constexpr int64_t IDLE_MS = 600;
-
-int64_t monotonic_ms() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+constexpr int64_t REPORT_MS = 200;
+constexpr int64_t IDLE_MS = 1000;
 
 }  // namespace
 
@@ -38,26 +29,31 @@ void Progress::BeginUnknown() {
 
 bool Progress::Tick() {
     if (cancelled_) return false;
-    // The last bytes are held back for Finish(): until they are synced nothing is finished.
-    if (known_ && received_ >= total_) return true;
-    const uint64_t fresh = received_ - reported_;
-    if (fresh >= REPORT_BYTES) return Call();
-    const int64_t idle_ms = monotonic_ms() - called_ms_;
-    return idle_ms < (fresh > 0 ? REPORT_MS : IDLE_MS) || Call();
+    const int64_t quiet_ms = monotonic_ms() - called_ms_;
+    return quiet_ms < (Reportable() > reported_ ? REPORT_MS : IDLE_MS) || Call();
 }
 
 bool Progress::Finish() {
     known_ = true;
     total_ = received_;
+    finished_ = true;
     return Call();
 }
 
+// Equal sizes mean a finished file, which it isn't before it is synced: the last byte
+// is not spoken of until then.
+uint64_t Progress::Reportable() const {
+    return known_ && !finished_ && received_ == total_ && total_ > 0 ? total_ - 1 : received_;
+}
+
 bool Progress::Call() {
-    const uint64_t count = std::min(received_ - reported_, uint64_t{INT32_MAX});
-    reported_ = received_;
+    const uint64_t reportable = std::max(Reportable(), reported_);
+    const uint64_t count = std::min(reportable - reported_, uint64_t{INT32_MAX});
+    reported_ = reportable;
     called_ms_ = monotonic_ms();
-    context_->received = received_;
-    context_->total = known_ ? total_ : received_ + 1;  // at least one more byte is to come
+    context_->received = reportable;
+    // Without a size, at least one more byte is to come.
+    context_->total = known_ && (total_ > 0 || finished_) ? total_ : reportable + 1;
     if (context_->progress != nullptr) {
         cancelled_ = context_->progress(context_, static_cast<int32_t>(count)) < 0;
     }

@@ -16,23 +16,22 @@ class Progress {
     void Begin(uint64_t offset, uint64_t total);
     // The same without a size.
     void BeginUnknown();
-    // bytes more are in the file.
-    void Add(uint64_t bytes) { received_ += bytes; }
+    // The file has size bytes now.
+    void Reach(uint64_t size) { received_ = size; }
 
-    // Calls back when enough has come, or when nothing was said for a while; to be
-    // called at least every half second. False: the caller wants to stop (for
-    // good: it is not asked again). Never says that the file is finished.
+    // Calls back when something came and when nothing was said for a second; to be
+    // called at least four times a second. False: the caller wants to stop (for good:
+    // it is not asked again). Never says that the file is finished.
     [[nodiscard]] bool Tick();
     // Says that the file is complete and on disk.
     [[nodiscard]] bool Finish();
 
     [[nodiscard]] bool cancelled() const { return cancelled_; }
     [[nodiscard]] uint64_t received() const { return received_; }
-    // Bytes of the announced size that have not come yet; without one, no limit.
-    [[nodiscard]] uint64_t Missing() const { return known_ ? total_ - received_ : UINT64_MAX; }
     [[nodiscard]] bool WholeSize() const { return !known_ || received_ == total_; }
 
   private:
+    [[nodiscard]] uint64_t Reportable() const;
     bool Call();
 
     DownloadCtx* context_;
@@ -40,6 +39,7 @@ class Progress {
     uint64_t total_ = 0;
     uint64_t reported_ = 0;  // of received_, said to the caller
     bool known_ = false;     // total_ is the server's word
+    bool finished_ = false;
     bool cancelled_ = false;
     int64_t called_ms_;
 };
