@@ -2,7 +2,6 @@
 #include "base/clock.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 
 TEST(Deadline, LastsAsLongAsAskedAndNoShorter) {
     EXPECT_EQ(Deadline(0).LeftMs(), 0);
@@ -11,7 +10,7 @@ TEST(Deadline, LastsAsLongAsAskedAndNoShorter) {
     const int64_t begin_ns = monotonic_ns();
     const Deadline deadline(20);
     EXPECT_LE(deadline.LeftMs(), 20);
-    while (deadline.LeftMs() > 0) (void)poll(nullptr, 0, deadline.LeftMs());
+    while (deadline.LeftMs() > 0) continue;
     EXPECT_GE(monotonic_ns() - begin_ns, 20'000'000);
     const int64_t at_ns = int64_t{deadline.At().tv_sec} * NS_PER_S + deadline.At().tv_nsec;
     EXPECT_GE(at_ns - begin_ns, 20'000'000);
