@@ -3,8 +3,10 @@
 // on, and its messages never reach the daemon's standard error.
 #include "http/xml.h"
 
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -21,6 +23,15 @@ static constexpr size_t FILE_SIZE_MAX = 16 * 1024 * 1024;
 // limits keep any document to a second and no honest one comes near them.
 static constexpr int ELEMENT_ATTRIBUTES_MAX = 4096;
 static constexpr int NAMESPACES_MAX = 256;
+
+// What a declaration may call its encoding, beginnings of names in lower case. In
+// each of them a byte below 0x40 is the ASCII character, whatever stands before it,
+// so that counting bytes counts what the parser will see. In others (EBCDIC, UTF-7,
+// UTF-16, ISO-2022) it could hide there.
+static constexpr std::string_view ENCODINGS[] = {
+    "utf-8",   "utf8", "us-ascii",    "ascii", "iso-8859-", "gbk",      "gb2312",
+    "gb18030", "big5", "windows-125", "euc-",  "koi8-",     "shift_jis"};
+static constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
 
 static constexpr int PARSE_OPTIONS = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
 
@@ -39,51 +50,90 @@ static void refuse_doctype(void* context, const xmlChar*, const xmlChar*, const 
     xmlStopParser(parser);
 }
 
-// True when the text may hold more attributes or namespaces than the parser can
-// deal with in reasonable time. A "<" stands in no attribute value, so that
-// counting "=" from one to the next never counts too few.
+// Runs at every start tag, once the parser has read it whole: the namespaces in force
+// are those of the element and of all around it.
+static void count_namespaces(void* context, const xmlChar* name, const xmlChar* prefix,
+                             const xmlChar* uri, int namespace_count, const xmlChar** namespaces,
+                             int attribute_count, int defaulted, const xmlChar** attributes) {
+    auto* parser = static_cast<xmlParserCtxtPtr>(context);
+    if (parser->nsNr / 2 > NAMESPACES_MAX) {  // a prefix and its address each
+        parser->wellFormed = 0;
+        return xmlStopParser(parser);
+    }
+    xmlSAX2StartElementNs(context, name, prefix, uri, namespace_count, namespaces, attribute_count,
+                          defaulted, attributes);
+}
+
+// True when an element of the text may hold more attributes than the parser can deal
+// with in reasonable time. A "<" stands in no attribute value, so that counting "="
+// from one to the next never counts too few.
 static bool is_flood(std::string_view text) {
     int attributes = 0;
     for (const char c : text) {
         if (c == '<') attributes = 0;
         if (c == '=' && ++attributes > ELEMENT_ATTRIBUTES_MAX) return true;
     }
-    constexpr std::string_view NAMESPACE = "xmlns";
-    int namespaces = 0;
-    for (size_t at = text.find(NAMESPACE); at != std::string_view::npos;
-         at = text.find(NAMESPACE, at + NAMESPACE.size())) {
-        if (++namespaces > NAMESPACES_MAX) return true;
-    }
     return false;
+}
+
+// The encoding that an XML declaration at the front of the text names; empty: none.
+static std::string_view declared_encoding(std::string_view text) {
+    constexpr std::string_view NAME = "encoding";
+    if (!text.starts_with("<?xml")) return {};
+    text = text.substr(0, text.find("?>"));
+    const size_t at = text.find(NAME);
+    if (at == std::string_view::npos) return {};
+    const size_t open = text.find_first_of("\"'", at + NAME.size());
+    if (open == std::string_view::npos) return {};
+    return text.substr(open + 1, text.find(text[open], open + 1) - open - 1);
+}
+
+// Whether the parser will see the characters that stand there as bytes. It guesses
+// from the first bytes, too, and knows what no declaration names: so the first must
+// be a plain "<", and none zero.
+static bool is_plain_text(std::string_view text) {
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos || text[first] != '<') return false;
+    if (text.find('\0') != std::string_view::npos) return false;
+    const std::string_view encoding = declared_encoding(text);
+    return encoding.empty() ||
+           std::any_of(std::begin(ENCODINGS), std::end(ENCODINGS), [&](std::string_view known) {
+               return encoding.size() >= known.size() &&
+                      strncasecmp(encoding.data(), known.data(), known.size()) == 0;
+           });
 }
 
 // Messages about an encoding pass by the parser's own switches; the function that
 // gets them is set for each thread.
 [[gnu::format(printf, 2, 3)]] static void ignore_message(void*, const char*, ...) {}
 
-static xmlDocPtr parse(const char* text, size_t size, const char* encoding, int options) {
+static xmlDocPtr parse(std::string_view text, const char* encoding, int options) {
     // Once, and before any thread relies on the parser's global state.
     static const bool ready = (xmlInitParser(), true);
-    if (!ready || size > INT32_MAX || is_flood({text, size})) return nullptr;
+    if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
+    if (!ready || text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return nullptr;
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
     if (parser == nullptr) return nullptr;
     parser->sax->internalSubset = refuse_doctype;
+    parser->sax->startElementNs = count_namespaces;
     xmlSetGenericErrorFunc(nullptr, ignore_message);
-    return xmlCtxtReadMemory(parser.get(), text, static_cast<int>(size), nullptr, encoding,
-                             PARSE_OPTIONS | options);
+    return xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr,
+                             encoding, PARSE_OPTIONS | options);
 }
 
 xmlDocPtr xml_doc_read_mem(const char* text) {
     if (text == nullptr) return nullptr;
-    return parse(text, strlen(text), "utf8", 0);
+    return parse(text, "utf8", 0);
 }
 
 xmlDocPtr xml_doc_read_file(const char* path) {
     // The file is read here, not by libxml2: its own reader would unpack compressed
     // files and report on standard error.
+    // Others may write to its directory; what they put there is nobody's list.
+    constexpr unsigned demands = FILE_NO_LINK | FILE_OURS | FILE_OURS_TO_CHANGE;
     FileBytes file;
-    if (path == nullptr || file_read(path, 0, FILE_SIZE_MAX, &file) != 0) return nullptr;
-    return parse(file.bytes.get(), file.size, nullptr, XML_PARSE_NOBLANKS);
+    if (path == nullptr || file_read(path, demands, FILE_SIZE_MAX, &file) != 0) return nullptr;
+    return parse(file.View(), nullptr, XML_PARSE_NOBLANKS);
 }
 
 void xml_doc_free(xmlDocPtr document) {

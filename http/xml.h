@@ -8,12 +8,15 @@
 #include <cstddef>
 #include <memory>
 
-// Parses a text. None when it is not well-formed, or when it has a DOCTYPE: an
-// entity declared there could grow a small reply to gigabytes. The caller frees
+// Parses a text, whose UTF-8 byte order mark is skipped. None when it is not
+// well-formed; when it has a DOCTYPE (an entity declared there could grow a small reply
+// to gigabytes); when its encoding is no superset of ASCII; or when it has more than
+// 4096 attributes on an element or 256 namespaces in force at a place. The caller frees
 // the document with xml_doc_free.
 [[nodiscard]] xmlDocPtr xml_doc_read_mem(const char* text);
 
-// The same from a file, blank text nodes left out.
+// The same from a file, blank text nodes left out. Only a regular file counts that is
+// ours, not writable by others and not behind a link.
 [[nodiscard]] xmlDocPtr xml_doc_read_file(const char* path);
 
 void xml_doc_free(xmlDocPtr document);
