@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/working_dir.h"
@@ -87,7 +88,7 @@ void http_client_debug_dump(const char* format, ...) {
     const UniqueFd file(dump_open(path));
     const int open_errno = errno;
     if (file.valid()) {
-        dump_write(file.get(), line);
+        dump_write(file.get(), ShownText(line).get());
     } else if (open_errno != ENOENT) {
         http_client_debug_print(HTTPC_LOG_REGISTER, "%d %s open file [%s] fail, err:%s", getpid(),
                                 "http_client_debug_dump", path, strerror(open_errno));

@@ -2,6 +2,7 @@
 
 #include <sys/prctl.h>
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -28,7 +29,7 @@ static void output_check_apps(const AppSet& updated) {
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry app;
         if (!app_set_contains(updated, slot) || reg_app_get(slot, &app) != 0) continue;
-        (void)text_appendf(line, sizeof(line), &length, " %s,", app.name);
+        (void)text_appendf(line, sizeof(line), &length, " %s,", ShownText(app.name).get());
     }
     line[length - 1] = '.';
     cli_printf("%s\n", line);
@@ -50,7 +51,8 @@ static int output_check_file(xmlNodePtr file, int position, void* argument) {
     char version[sizeof(row->version)];
     text_copy(version, text_view(row->version));
     if (version[0] == '\0') xml_child_content_get(file, "version", version, sizeof(version));
-    cli_printf("%-15.15s %-20.20s %-25.25s\n", row->name, version, file_name);
+    cli_printf("%-15.15s %-20.20s %-25.25s\n", ShownText(row->name).get(), ShownText(version).get(),
+               ShownText(file_name).get());
     return 0;
 }
 

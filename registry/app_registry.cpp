@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "frame/log.h"
@@ -253,7 +254,7 @@ void reg_app_files_help() {
         const ReadLock guard(app_registry_lock);
         for (const AppSlot& slot : s_slots) {
             if (slot.app == nullptr) continue;
-            (void)text_appendf(s_help, HELP_SIZE, &length, "%s ", slot.app->name);
+            (void)text_appendf(s_help, HELP_SIZE, &length, "%s ", ShownText(slot.app->name).get());
         }
     }
     const bool none = length == strlen(HELP_BEGIN);

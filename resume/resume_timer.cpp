@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -134,8 +135,8 @@ static void fill_rows_locked(ReportRow* row) REQUIRES(resume_lock) {
         for (const ResumeFile* file = resume_next_file(app, &app->files); file != nullptr;
              file = resume_next_file(app, file), row++) {
             row->number = ++number;
-            (void)text_copy(row->name, app->name);
-            (void)text_copy(row->path, file->path);
+            (void)text_copy(row->name, ShownText(app->name).get());
+            (void)text_copy(row->path, ShownText(file->path).get());
         }
     }
 }

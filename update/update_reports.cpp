@@ -1,6 +1,7 @@
 // The operator's reports.
 #include "update/update_reports.h"
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "config/server_list.h"
 #include "config/settings.h"
@@ -20,7 +21,7 @@ static void progress_print_apps(const UpdateProgress& progress, int output) {
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry entry;
         if (pass_app_get(progress, slot, &entry))
-            (void)text_appendf(text, sizeof(text), &length, " %s,", entry.name);
+            (void)text_appendf(text, sizeof(text), &length, " %s,", ShownText(entry.name).get());
     }
     if (length > 0) text[length - 1] = '.';  // over the last comma, or the cut
     report_printf(output, "update-app:");
@@ -33,10 +34,10 @@ static void progress_print_current(const UpdateProgress& progress, int output) {
         report_printf(output, "current-app: \n");
         return;
     }
-    report_printf(output, "current-app: %s\n", entry.name);
+    report_printf(output, "current-app: %s\n", ShownText(entry.name).get());
     report_printf(output, "file_num: %d\n", static_cast<int>(progress.file_num));
     report_printf(output, "down_num: %d\n", static_cast<int>(progress.down_num));
-    report_printf(output, "cur_file: %s\n", progress.cur_file);
+    report_printf(output, "cur_file: %s\n", ShownText(progress.cur_file).get());
     report_printf(output, "file_size: %lu\n", progress.file_size);
     report_printf(output, "down_size: %lu\n", progress.down_size);
 }
@@ -54,7 +55,7 @@ void update_progress_print(int output) {
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry entry;
         if (pass_app_get(progress, slot, &entry))
-            report_printf(output, "%s: %s\r\n", entry.name,
+            report_printf(output, "%s: %s\r\n", ShownText(entry.name).get(),
                           update_status_str(progress.results[slot]));
     }
 }
@@ -99,8 +100,9 @@ void app_table_print(int output) {
         if (reg_app_get(slot, &entry) != 0) continue;
         const bool busy = (entry.flags & APP_FLAG_BUSY) != 0;
         // Five fields under four headings: the connection stands before the app's id.
-        report_printf(output, "%-6d %-6d %-15.15s %-20.20s %-6s\n", entry.fd, slot, entry.name,
-                      entry.version, busy ? "busy" : "free");
+        report_printf(output, "%-6d %-6d %-15.15s %-20.20s %-6s\n", entry.fd, slot,
+                      ShownText(entry.name).get(), ShownText(entry.version).get(),
+                      busy ? "busy" : "free");
     }
 }
 
@@ -113,7 +115,7 @@ void app_version_print() {
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) continue;
-        report_printf(output, "%-6d %-31.31s %-31.31s\n", slot, entry.name,
-                      entry.version[0] == '\0' ? "unknown" : entry.version);
+        report_printf(output, "%-6d %-31.31s %-31.31s\n", slot, ShownText(entry.name).get(),
+                      entry.version[0] == '\0' ? "unknown" : ShownText(entry.version).get());
     }
 }

@@ -2,6 +2,7 @@
 // earlier one has updated every app: each may know apps that the others don't.
 #include "update/update_run.h"
 
+#include "base/shown_text.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -58,9 +59,9 @@ void update_result_output(UpdateRunKind kind) {
         if (reg_app_get(slot, &entry) != 0 || !app_set_contains(progress.app_mask, slot)) continue;
         const UpdateStatus result = progress.results[slot];
         if (result == UPDATE_OK) {
-            (void)text_appendf(done, sizeof(done), &length, "%s, ", entry.name);
+            (void)text_appendf(done, sizeof(done), &length, "%s, ", ShownText(entry.name).get());
         } else if (on_terminal) {
-            cli_printf("%s: %s\n", entry.name, update_status_str(result));
+            cli_printf("%s: %s\n", ShownText(entry.name).get(), update_status_str(result));
         } else {
             http_client_debug_print(HTTPC_LOG_INFO, "%s: %s", entry.name,
                                     update_status_str(result));
