@@ -1,6 +1,7 @@
 // Reading and writing of the resume file. A new file is written beside the old
 // one, synced and renamed over it, and the directory synced: whenever power
-// fails, one of the two is there whole.
+// fails, one of the two is there whole. The file is believed only when nobody else
+// can have written it: at an entry's end its files are deleted, as root.
 #include "resume/resume_file.h"
 
 #include <libxml/parserInternals.h>
@@ -31,10 +32,20 @@ char resume_file_path[PATH_SIZE] = "";
 // Only one new file at a time; taken before resume_lock.
 static Mutex s_write_lock;
 
+// A crash may come when room was short, the old file gone and the new one not yet in
+// its place.
+static void take_up_unfinished() {
+    char beside[PATH_SIZE + 8];
+    size_t length = 0;
+    (void)text_appendf(beside, sizeof(beside), &length, "%s.new", resume_file_path);
+    if (access(resume_file_path, F_OK) != 0) (void)rename(beside, resume_file_path);
+}
+
 void resume_init() {
     resume_retry_count = RESUME_RETRY_MAX;
     resume_clear();
     http_client_data_path(RESUME_FILE, &resume_file_path);
+    take_up_unfinished();
     if (http_client_file_size(resume_file_path) > 0)
         (void)read_apps(resume_file_path, resume_read_app);  // an empty list is fine too
     else
@@ -185,18 +196,34 @@ int resume_write_apps(xmlNodePtr root) {
 
 // --- saving
 
-// 0, or the error's number; neither the old nor the new file is left then.
-static int save(const char* path, xmlDocPtr document) {
+static int save_once(const char* path, xmlDocPtr document) {
     xmlChar* bytes = nullptr;
     int size = 0;
     xmlDocDumpMemory(document, &bytes, &size);
     const XmlText owned(bytes);
+    if (bytes == nullptr || size <= 0) return ENOMEM;
+    return file_replace(path, {xml_text(bytes), static_cast<size_t>(size)}, FILE_MODE);
+}
 
-    int error = ENOMEM;
-    if (bytes != nullptr && size > 0)
-        error = file_replace(path, {xml_text(bytes), static_cast<size_t>(size)}, FILE_MODE);
-    if (error != 0) (void)unlink(path);  // the old one would bring back what is settled
-    return error;
+static bool is_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
+
+// 0, or the error's number. The old file, which would bring back what is settled, is
+// gone in any case, which also makes room. Where that is not room enough, as many
+// entries are kept as fit, newest first: they are part of the truth, unlike the old file.
+static int save(const char* path, xmlDocPtr document) {
+    const int error = save_once(path, document);
+    if (error == 0) return 0;
+    (void)unlink(path);
+    int result = is_full(error) ? save_once(path, document) : error;
+    if (result == 0) return 0;
+    xmlNodePtr root = xmlDocGetRootElement(document);
+    for (int kept = result; is_full(kept) && xmlGetLastChild(root) != nullptr;) {
+        xmlNodePtr oldest = xmlGetLastChild(root);
+        xmlUnlinkNode(oldest);
+        xmlFreeNode(oldest);
+        kept = root->children == nullptr ? result : save_once(path, document);
+    }
+    return result;
 }
 
 int write_apps(const char* path, WriteAppsFn function) {
@@ -247,4 +274,9 @@ void resume_write() {
     if (write_apps(resume_file_path, resume_write_apps) == 0) return;
     MutexLock guard(resume_lock);
     resume_changed = true;
+}
+
+bool resume_is_saved() {
+    MutexLock guard(resume_lock);
+    return !resume_changed;
 }

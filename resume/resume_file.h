@@ -23,9 +23,12 @@ extern char resume_file_path[PATH_SIZE];
 void resume_init();
 
 // Brings the file up to date if the list has changed. A crash leaves the old or
-// the new file. After a failure (logged) there is none, and the list counts as
-// changed still.
+// the new file. After a failure (logged) the old one is gone, the list counts as
+// changed still, and of a list that finds no room the file holds what fits.
 void resume_write();
+
+// Whether the file says what the list says.
+[[nodiscard]] bool resume_is_saved();
 
 // Calls function for each "app" element of the file, whatever it returns. -1
 // when the file can't be read or is something else.

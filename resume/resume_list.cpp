@@ -4,6 +4,7 @@
 // the app is briefly not listed; nobody but the one update run records apps.
 #include "resume/resume_list.h"
 
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -112,11 +113,23 @@ void resume_clear() {
     while (ResumeApp* app = resume_next_app(&ResumeList)) (void)take_locked(app);
 }
 
+static constexpr char DELIVERED_ATTRIBUTE[] = "user.http_client.delivered";
+
+// Deletes one file of an entry; it may be gone already. What an app was handed since
+// the list was saved is the app's.
+static void unlink_undelivered(const char* path) {
+    if (lgetxattr(path, DELIVERED_ATTRIBUTE, nullptr, 0) < 0) (void)unlink(path);
+}
+
+void resume_note_delivered(FilenameArray array, int32_t k) {
+    for (int32_t i = 0; i < k; i++) (void)lsetxattr(array[i], DELIVERED_ATTRIBUTE, "1", 1, 0);
+}
+
 // Deletes what is on disk of an entry's files.
 static void resume_unlink_files(const ResumeLink* files) {
     for (const ResumeFile* file = file_after(files, files); file != nullptr;
          file = file_after(files, file)) {
-        if (file->state != RESUME_NO_DOWN) (void)unlink(file->path);  // may be gone already
+        if (file->state != RESUME_NO_DOWN) unlink_undelivered(file->path);
     }
 }
 
@@ -126,7 +139,7 @@ static void resume_unlink_stale(const ResumeLink* files, FilenameArray array, in
          file = file_after(files, file)) {
         if (file->state == RESUME_NO_DOWN || filename_find(array, file->path, k) == 0) continue;
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->unlink in resume list", file->path);
-        (void)unlink(file->path);  // may be gone already
+        unlink_undelivered(file->path);
     }
 }
 
@@ -140,7 +153,39 @@ void resume_free_app(const char* name, FilenameArray array, int32_t k) {
     if (name != nullptr) drop(take_by_name(name), array, k);
 }
 
-void resume_free_first() { drop(take_first(), nullptr, 0); }
+namespace {
+struct HeldFiles {
+    FilenameArray array;
+    int32_t count;
+};
+}  // namespace
+
+// Held while an entry is given up, so that a hold either comes before or finds the
+// deletions done; taken before resume_lock.
+static Mutex s_hold_lock;
+static HeldFiles s_held GUARDED_BY(s_hold_lock) = {nullptr, 0};
+
+ResumeHold::ResumeHold(FilenameArray array, int32_t count) {
+    MutexLock guard(s_hold_lock);
+    s_held = {array, count};
+}
+
+ResumeHold::~ResumeHold() {
+    MutexLock guard(s_hold_lock);
+    s_held = {nullptr, 0};
+}
+
+void resume_free_first() {
+    MutexLock guard(s_hold_lock);
+    OwnedResumeApp app = take_first();
+    if (app == nullptr) return;
+    for (ResumeFile* file = file_after(&app->files, &app->files); file != nullptr;
+         file = file_after(&app->files, file)) {
+        if (filename_find(s_held.array, file->path, s_held.count) == 0)
+            file->state = RESUME_NO_DOWN;  // the other run's, not this entry's
+    }
+    drop(std::move(app), nullptr, 0);
+}
 
 static int resume_add_file(ResumeLink* files, const char* path, ResumeState state) {
     auto* file = record_malloc<ResumeFile>();

@@ -93,8 +93,25 @@ void resume_clear();
 // (which may be null).
 void resume_free_app(const char* name, FilenameArray array, int32_t k);
 
-// Drops the entry at the front with all its files.
+// Drops the entry at the front with all its files, but those that are held.
 void resume_free_first();
+
+// Holds the files of a pass while a run fetches them and hands them over: an entry that
+// is given up meanwhile leaves them alone. One at a time; the array is the caller's and
+// outlives the hold.
+class ResumeHold {
+  public:
+    ResumeHold(FilenameArray array, int32_t count);
+    ~ResumeHold();
+    ResumeHold(const ResumeHold&) = delete;
+    ResumeHold& operator=(const ResumeHold&) = delete;
+};
+
+// Notes on the first k named files themselves that an app is handed them, for when the
+// resume file can't be brought up to date: after a restart the list would bring back a
+// finished update, and at the entry's end delete what is installed. Where the file
+// system keeps no attributes nothing is noted.
+void resume_note_delivered(FilenameArray array, int32_t k);
 
 // Deletes the first k named files after a failed operator run. The list stays.
 void resume_del_files(const char* name, FilenameArray array, int32_t k);

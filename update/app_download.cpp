@@ -131,6 +131,12 @@ void files_release(const AppFiles& files) {
     for (int32_t i = 0; i < files.done; i++) http_download_file_release(files.array[i]);
 }
 
+// The resume file can't always be written. What is handed over all the same must not
+// be deleted when it is read again.
+void note_if_unsaved(const AppFiles& files) {
+    if (!resume_is_saved()) resume_note_delivered(files.array, files.done);
+}
+
 // Every file is there: the app is told. The resume entry goes first, so that a
 // crash in between can't make a resume run fetch what the app already has.
 UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
@@ -138,6 +144,7 @@ UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
     if (turn.pass.kind != UPDATE_RUN_RESUME) resume_free_app(name, files.array, files.done);
     resume_write();
     files_release(files);
+    note_if_unsaved(files);
     if (reg_update_req(turn.app, name, files.array, files.done) >= 0) return UPDATE_OK;
     filename_unlink(files.array, files.done);
     return UPDATE_NOTIFY_FAIL;
@@ -168,6 +175,7 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
         filename_unlink(failed_file, 1);
     }
     resume_write();
+    if (incremental) note_if_unsaved(files);
 }
 
 // result is that of the last file. Returns the app's.
@@ -184,6 +192,7 @@ UpdateStatus apps_down_files(const AppTurn& turn) {
     AppFiles files;
     UpdateStatus result = app_files_get(turn, &files);
     if (result != UPDATE_OK) return result;
+    const ResumeHold hold(files.array, files.count);
     update_progress_begin_files(static_cast<uint32_t>(files.count));
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", turn.entry.name, files.count);
     while (files.done < files.count) {

@@ -92,7 +92,7 @@ TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
     dir_.Write("proc/macaddr", " \n");
     http_client_get_mac();
     EXPECT_STREQ(device_identity_copy().mac_address, "00:11:22:33:44:55");
-    ExpectDump("get mac failed. content:  \n.");
+    ExpectDump("get mac failed. content:  ?.");
 }
 
 TEST_F(Startup, WatchdogIsFedEveryMinute) {
