@@ -95,13 +95,14 @@ void output_check(xmlDocPtr document, const AppSet& updated) {
     }
 }
 
-static void check_server(UpdateServer* server, bool second) {
+static void check_server(UpdateServer* server, bool second, Cancel* cancel) {
     AppSet registered{};
     reg_app_all(&registered);
     AppSet updated{};
     if (second) cli_printf("Check version from server: %s\r\n", server->host);
     UpdateStatus status = UPDATE_OK;
-    const XmlDoc document = http_update_version_query(registered, &status, &updated, server);
+    const XmlDoc document =
+        http_update_version_query(registered, &status, &updated, server, cancel);
     if (document != nullptr) {
         output_check(document.get(), updated);
     } else {
@@ -122,9 +123,10 @@ static void check_servers(bool second) {
         command_status_print(UPDATE_NO_APPS);
         return;
     }
-    for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
-         server = hu_serv_list_next(&servers, server)) {
-        check_server(server, second);
+    Cancel cancel(ctrl_c_typed);
+    for (UpdateServer* server = hu_serv_list_first(&servers);
+         server != nullptr && !cancel.requested(); server = hu_serv_list_next(&servers, server)) {
+        check_server(server, second, &cancel);
     }
 }
 

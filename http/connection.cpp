@@ -2,8 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/local_socket.h"
+#include "base/side_call.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "config/settings.h"
 #include "frame/identity.h"
@@ -13,6 +16,7 @@
 
 // Linux bounds a blocking connect by the send time-out.
 static constexpr timeval CONNECT_TIMEOUT{3, 0};
+static constexpr int CANCEL_TICK_MS = 200;
 
 // True once the DNS client is ready. A start-up without network leaves that to
 // the first connection; initialising twice, from two threads, does no harm.
@@ -109,9 +113,33 @@ int http_update_url_connect_detail(const char* host, uint16_t port) {
     return fd.release();
 }
 
-UpdateStatus url_connect(UpdateServer* server) {
+namespace {
+// A connection on its way, look-up included, on a thread of its own: neither can be
+// interrupted, and the operator need not wait for them.
+struct Connecting {
+    char host[sizeof(UpdateServer::host)] = "";
+    uint16_t port = 0;
+    UniqueFd fd{};
+
+    void operator()() { fd.reset(http_update_url_connect_detail(host, port)); }
+};
+}  // namespace
+
+static int connect_unless_cancelled(const char* host, uint16_t port, Cancel* cancel) {
+    if (cancel == nullptr) return http_update_url_connect_detail(host, port);
+    Connecting connecting;
+    (void)text_copy(connecting.host, host);
+    connecting.port = port;
+    SideCall<Connecting> call;
+    if (!call.Start(std::move(connecting))) return -1;
+    while (!cancel->Requested())
+        if (Connecting* done = call.Wait(CANCEL_TICK_MS)) return done->fd.release();
+    return -1;
+}
+
+UpdateStatus url_connect(UpdateServer* server, Cancel* cancel) {
     server->socket =
-        http_update_url_connect_detail(server->host, static_cast<uint16_t>(server->port));
+        connect_unless_cancelled(server->host, static_cast<uint16_t>(server->port), cancel);
     if (server->socket >= 0) return UPDATE_OK;
     http_client_debug_print(HTTPC_LOG_ERROR, "url_connect<-->connect local fail");
     return UPDATE_CONNECT_FAIL;

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "config/server_list.h"
+#include "http/cancel.h"
 #include "http/status.h"
 
 // Address of a host, network byte order: dotted text is converted, anything else
@@ -20,5 +21,6 @@
 // logged. Takes 3 seconds at most beside the name look-up.
 [[nodiscard]] int http_update_url_connect_detail(const char* host, uint16_t port);
 
-// Connects server->socket. UPDATE_OK; UPDATE_CONNECT_FAIL leaves it -1.
-[[nodiscard]] UpdateStatus url_connect(UpdateServer* server);
+// Connects server->socket. UPDATE_OK; UPDATE_CONNECT_FAIL leaves it -1, also when
+// cancel ended the wait, which it does within a quarter of a second.
+[[nodiscard]] UpdateStatus url_connect(UpdateServer* server, Cancel* cancel = nullptr);

@@ -63,12 +63,12 @@ int pkg_create(char (&text)[PKG_REQUEST_SIZE], HttpRequest* request) {
     return append_body(text, length, &request->body);
 }
 
-int pkg_send(int fd, HttpRequest* request) {
+int pkg_send(int fd, HttpRequest* request, Cancel* cancel) {
     if (fd < 0 || request == nullptr) return -1;
     char text[PKG_REQUEST_SIZE]{};
     const int length = pkg_create(text, request);
     if (length < 0) return -1;
-    if (sock_send(fd, text, static_cast<size_t>(length)) != 0) {
+    if (sock_send(fd, text, static_cast<size_t>(length), {.cancel = cancel}) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->send [%s] error [%s]", fd, text,
                                 strerror(errno));
         return -1;
@@ -122,9 +122,9 @@ int32_t pkg_head_parse(const char* head) {
     return length;
 }
 
-int pkg_recv(int fd, CommBuf* body) {
+int pkg_recv(int fd, CommBuf* body, Cancel* cancel) {
     char head[PKG_HEAD_SIZE]{};
-    const int received = sock_recv_endstr(fd, head, sizeof(head), HEAD_END);
+    const int received = sock_recv_endstr(fd, head, sizeof(head), HEAD_END, {.cancel = cancel});
     if (received < 0) return -1;
     http_client_debug_print(HTTPC_LOG_CONNECT, "sock %d<-->head len %d", fd, received);
     http_client_debug_print(HTTPC_LOG_CONNECT, "sock %d<-->\r\n[%s]", fd, head);
@@ -148,5 +148,5 @@ int pkg_recv(int fd, CommBuf* body) {
         return -1;
     }
     if (kept == length) return 0;
-    return sock_recv_commbuf(fd, body, static_cast<uint32_t>(length - kept));
+    return sock_recv_commbuf(fd, body, static_cast<uint32_t>(length - kept), {.cancel = cancel});
 }

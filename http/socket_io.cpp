@@ -9,9 +9,11 @@
 #include <cstring>
 
 #include "base/clock.h"
+#include "base/pace.h"
 #include "frame/log.h"
 
 static constexpr double WAIT_DEFAULT_S = 5.0;
+static constexpr double WAIT_SLICE_S = 0.5;
 static constexpr size_t CHUNK_SIZE = 2048;
 
 namespace {
@@ -30,7 +32,9 @@ static_assert(sizeof(fd_mask) == sizeof(uint64_t));
 class Phase {
   public:
     explicit Phase(const SockLimits& limits)
-        : limits_(limits), started_ms_(monotonic_ms()), left_(limits.timeouts) {}
+        : pace_(monotonic_ms(), limits.pace_window_ms),
+          allowed_(limits.timeouts),
+          left_(limits.timeouts) {}
 
     // Called when nothing could be moved, with errno as it was left. True when
     // that was a time-out and another one is allowed.
@@ -38,19 +42,17 @@ class Phase {
 
     // Called when total bytes have been moved so far. False with errno ETIMEDOUT
     // when the peer is too slow.
-    [[nodiscard]] bool KeepsPace(size_t total) const {
-        const auto bytes = static_cast<int64_t>(total);
-        const int64_t allowed_ms = limits_.grace_ms + bytes * 1000 / limits_.bytes_per_s;
-        if (monotonic_ms() - started_ms_ <= allowed_ms) return true;
+    [[nodiscard]] bool KeepsPace(size_t total) {
+        if (pace_.Keeps(monotonic_ms(), total)) return true;
         errno = ETIMEDOUT;
         return false;
     }
 
-    [[nodiscard]] int Retries() const { return limits_.timeouts - left_; }
+    [[nodiscard]] int Retries() const { return allowed_ - left_; }
 
   private:
-    const SockLimits& limits_;
-    int64_t started_ms_;
+    Pace pace_;
+    int allowed_;
     int left_;
 };
 
@@ -77,16 +79,38 @@ int sock_wait(int fd, int events, double timeout_s) {
     return ready;
 }
 
+static long read_ready(int fd, void* buffer, size_t count) {
+    ssize_t got = 0;
+    do {
+        got = read(fd, buffer, count);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
 long sock_read(int fd, void* buffer, size_t count, double timeout_s) {
     while (sock_wait(fd, SOCK_READABLE, timeout_s) > 0) {
-        ssize_t got = 0;
-        do {
-            got = read(fd, buffer, count);
-        } while (got < 0 && errno == EINTR);
+        const long got = read_ready(fd, buffer, count);
         // The kernel may find, after all, nothing to read: wait again.
         if (got >= 0 || errno != EAGAIN) return got;
     }
     return -1;
+}
+
+// As sock_wait, in slices where somebody may cancel.
+static int phase_wait(int fd, int events, const SockLimits& limits) {
+    if (limits.cancel == nullptr) return sock_wait(fd, events, limits.wait_s);
+    double left_s = limits.wait_s == SOCK_WAIT_DEFAULT ? WAIT_DEFAULT_S : limits.wait_s;
+    do {
+        if (limits.cancel->Requested()) {
+            errno = ECANCELED;
+            return -1;
+        }
+        const double slice_s = std::min(left_s, WAIT_SLICE_S);
+        const int ready = sock_wait(fd, events, slice_s);
+        if (ready != 0) return ready;
+        left_s -= slice_s;
+    } while (left_s > 0);
+    return 0;
 }
 
 int sock_send(int fd, const void* data, size_t count, const SockLimits& limits) {
@@ -101,7 +125,7 @@ int sock_send(int fd, const void* data, size_t count, const SockLimits& limits) 
         } else {
             if (errno == EINTR) continue;
             if (errno == EAGAIN &&
-                (sock_wait(fd, SOCK_WRITABLE, limits.wait_s) > 0 || phase.MayRetry())) {
+                (phase_wait(fd, SOCK_WRITABLE, limits) > 0 || phase.MayRetry())) {
                 continue;
             }
         }
@@ -118,9 +142,11 @@ int sock_send(int fd, const void* data, size_t count, const SockLimits& limits) 
 // of bytes, or -1 when the phase has failed, with errno saying why; 0 in errno
 // means that the peer has closed.
 static long phase_read(Phase* phase, int fd, void* buffer, size_t count, size_t total,
-                       double timeout_s) {
+                       const SockLimits& limits) {
     for (;;) {
-        const long got = sock_read(fd, buffer, count, timeout_s);
+        const bool ready = phase_wait(fd, SOCK_READABLE, limits) > 0;
+        const long got = ready ? read_ready(fd, buffer, count) : -1;
+        if (ready && got < 0 && errno == EAGAIN) continue;  // nothing to read, after all
         if (got > 0) return phase->KeepsPace(total + static_cast<size_t>(got)) ? got : -1;
         if (got == 0) {
             errno = 0;
@@ -136,7 +162,7 @@ int sock_recv_endstr(int fd, char* buffer, int size, const char* end, const Sock
     Phase phase(limits);
     size_t total = 0;
     while (total < room) {
-        const long got = phase_read(&phase, fd, buffer + total, room - total, total, limits.wait_s);
+        const long got = phase_read(&phase, fd, buffer + total, room - total, total, limits);
         if (got < 0) {
             const int error = errno;
             http_client_debug_print(HTTPC_LOG_ERROR,
@@ -158,7 +184,7 @@ int sock_recv_commbuf(int fd, CommBuf* buffer, uint32_t count, const SockLimits&
     uint32_t total = 0;
     while (total < count) {
         const size_t wanted = std::min<size_t>(count - total, sizeof(chunk));
-        const long got = phase_read(&phase, fd, chunk, wanted, total, limits.wait_s);
+        const long got = phase_read(&phase, fd, chunk, wanted, total, limits);
         if (got < 0) {
             const int error = errno;
             http_client_debug_print(HTTPC_LOG_ERROR,

@@ -2,8 +2,9 @@
 //
 // A phase (sending the request, receiving the header, receiving the body) ends
 // as failed when its waits have timed out SockLimits::timeouts times in all, or
-// when the peer falls behind SockLimits::bytes_per_s. The count alone would let
-// a peer that sends a byte every four seconds hold its thread for months.
+// when the peer falls behind the pace that downloads keep, too (base/pace.h). The
+// count alone would let a peer that sends a byte every four seconds hold its thread
+// for months.
 //
 // Threads: any; works on its arguments only.
 #pragma once
@@ -11,7 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/pace.h"
 #include "buffer/comm_buf.h"
+#include "http/cancel.h"
 
 constexpr int SOCK_READABLE = 1;
 constexpr int SOCK_WRITABLE = 2;
@@ -24,13 +27,11 @@ constexpr int SOCK_FD_MAX = 65536;
 struct SockLimits {
     double wait_s = SOCK_WAIT_DEFAULT;
     int timeouts = 10;
-    // A phase may take this long, and a second more for each bytes_per_s bytes it
-    // has moved. The slowest honest links (a 9600 bit/s radio or satellite modem,
-    // 960 bytes/s) keep twice that pace, and all the time-outs allowed (50 s) fit
-    // into less than half of the grace. So a peer that sends one byte a second is
-    // given up after two minutes, and no reply of 2 MiB takes longer than 71.
-    int64_t grace_ms = 120000;
-    int64_t bytes_per_s = 512;
+    // The slowest honest links (a 9600 bit/s radio or satellite modem, 960 bytes/s) keep
+    // twice the pace, and all the time-outs allowed (50 s) fit into less than half of
+    // its window. So a peer that sends one byte a second is given up after two minutes.
+    int64_t pace_window_ms = Pace::WINDOW_MS;
+    Cancel* cancel = nullptr;  // ends a phase within a second, with errno ECANCELED
 };
 
 // Waits until the socket is ready for events, a mask of SOCK_READABLE and

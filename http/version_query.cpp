@@ -150,8 +150,8 @@ static bool append_app(int slot, const AppEntry& app, CommBuf* body, AppSet* sen
     return append_text(body, pair);
 }
 
-UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& asked,
-                                      AppSet* sent) {
+UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& asked, AppSet* sent,
+                                      Cancel* cancel) {
     if (server == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "url model path is empty");
         return UPDATE_SEND_FAIL;
@@ -169,7 +169,7 @@ UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& 
         http_client_debug_print(HTTPC_LOG_ERROR, "send mask empty");
         return UPDATE_ALL_BUSY;
     }
-    if (pkg_send(server->socket, &request) != 0) {
+    if (pkg_send(server->socket, &request, cancel) != 0) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "send request failed");
         return UPDATE_SEND_FAIL;
     }

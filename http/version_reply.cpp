@@ -14,21 +14,21 @@ static void disconnect(UpdateServer* server) {
     server->socket = -1;
 }
 
-XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppSet* updated,
-                                 UpdateServer* server) {
-    *status = url_connect(server);
+static XmlDoc exchange(const AppSet& asked, UpdateStatus* status, AppSet* updated,
+                       UpdateServer* server, Cancel* cancel) {
+    *status = url_connect(server, cancel);
     if (*status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "connect to %s failed.", server->host);
         return nullptr;
     }
     AppSet sent;
-    *status = http_update_version_send(server, asked, &sent);
+    *status = http_update_version_send(server, asked, &sent, cancel);
     if (*status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_ERROR, "send version error");
         disconnect(server);
         return nullptr;
     }
-    XmlDoc document = http_update_version_recv(server->socket, status);
+    XmlDoc document = http_update_version_recv(server->socket, status, cancel);
     disconnect(server);
     if (document == nullptr) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "receive response from %s failed.",
@@ -41,10 +41,18 @@ XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppS
     return document;
 }
 
-XmlDoc http_update_version_recv(int fd, UpdateStatus* status) {
+XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppSet* updated,
+                                 UpdateServer* server, Cancel* cancel) {
+    XmlDoc document = exchange(asked, status, updated, server, cancel);
+    if (cancel == nullptr || !cancel->requested()) return document;
+    *status = UPDATE_CANCELLED;
+    return nullptr;
+}
+
+XmlDoc http_update_version_recv(int fd, UpdateStatus* status, Cancel* cancel) {
     *status = UPDATE_OK;
     OwnedCommBuf body;
-    if (pkg_recv(fd, &body) != 0) {
+    if (pkg_recv(fd, &body, cancel) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->recv response fail %d", fd,
                                 static_cast<int>(*status));
         *status = UPDATE_RECEIVE_FAIL;

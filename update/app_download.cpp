@@ -225,13 +225,13 @@ bool ends_pass(UpdateRunKind kind, UpdateStatus result) {
 
 }  // namespace
 
-UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind) {
+UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind, Cancel* cancel) {
     const xmlNodePtr root = xml_root_get(document);
     if (root == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "apps_down-->check doc fail");
         return UPDATE_BAD_REPLY;
     }
-    DownloadPass pass(kind);
+    DownloadPass pass(kind, cancel);
     for (int slot = 0; slot < APP_REG_MAX; slot++) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) {

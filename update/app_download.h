@@ -5,6 +5,7 @@
 
 #include <libxml/tree.h>
 
+#include "http/cancel.h"
 #include "http/status.h"
 #include "registry/app_set.h"
 #include "update/run_kind.h"
@@ -13,4 +14,5 @@
 // is no reply, else UPDATE_OK: the outcome of each app is in the results of the
 // update progress. The pass ends early when the operator cancels it or memory is
 // short.
-[[nodiscard]] UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind);
+[[nodiscard]] UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind,
+                                     Cancel* cancel = nullptr);

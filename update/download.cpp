@@ -32,7 +32,8 @@ constexpr int VISIT_STOP = -1;
 
 }  // namespace
 
-DownloadPass::DownloadPass(UpdateRunKind run_kind) : kind(run_kind) {
+DownloadPass::DownloadPass(UpdateRunKind run_kind, Cancel* the_cancel)
+    : kind(run_kind), cancel(the_cancel) {
     if (kind != UPDATE_RUN_COMMAND) {
         context.progress = down_progress_record;
         return;
@@ -62,7 +63,7 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
         cli_flush();
         return 0;
     }
-    if (cli_getc_no_block() == CLI_KEY_CTRL_C) {
+    if (pass->cancel != nullptr && pass->cancel->Requested()) {
         cli_printf("Download fail, Operation canceled\r\n");
         return -1;
     }

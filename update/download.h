@@ -8,17 +8,19 @@
 #include <cstdint>
 
 #include "frame/platform/http_util.h"
+#include "http/cancel.h"
 #include "http/status.h"
 #include "update/run_kind.h"
 
-// What the downloads of one server's pass share. A foreground pass says on the
-// terminal that it begins.
+// What the downloads of one server's pass share. A foreground pass, which has a cancel,
+// says on the terminal that it begins.
 struct DownloadPass {
-    explicit DownloadPass(UpdateRunKind run_kind);
+    DownloadPass(UpdateRunKind run_kind, Cancel* the_cancel);
     DownloadPass(const DownloadPass&) = delete;  // the context points here
     DownloadPass& operator=(const DownloadPass&) = delete;
 
     const UpdateRunKind kind;
+    Cancel* const cancel;
     DownloadCtx context{};
     const char* path = nullptr;  // local path of the file being fetched
     // Of a foreground run's display:

@@ -1,5 +1,6 @@
 // The update driver. Every configured server is asked in turn, also after an
-// earlier one has updated every app: each may know apps that the others don't.
+// earlier one has updated every app: each may know apps that the others don't. An
+// operator who cancels means the run, not the server that is just being asked.
 #include "update/update_run.h"
 
 #include "base/shown_text.h"
@@ -15,26 +16,30 @@
 #include "update/progress.h"
 
 // One server's turn.
-static UpdateStatus server_pass(const AppSet& requested, UpdateRunKind kind, UpdateServer* server) {
+static UpdateStatus server_pass(const AppSet& requested, UpdateRunKind kind, UpdateServer* server,
+                                Cancel* cancel) {
     UpdateStatus status = UPDATE_OK;
     AppSet updated{};
-    const XmlDoc document(http_update_version_query(requested, &status, &updated, server));
+    const XmlDoc document(http_update_version_query(requested, &status, &updated, server, cancel));
     if (!document) return status;
     if (app_set_is_empty(updated)) return UPDATE_LATEST;
     update_progress_set_mask(updated);
-    return apps_down(document.get(), updated, kind);
+    return apps_down(document.get(), updated, kind, cancel);
 }
 
 static UpdateStatus servers_ask(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                                 unsigned selector) {
     OwnedServerList servers;
     if (hu_serv_list_copy(&servers, selector) != 0) return UPDATE_NO_MEMORY;
-    for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
+    Cancel by_operator(ctrl_c_typed);
+    Cancel* cancel = kind == UPDATE_RUN_COMMAND ? &by_operator : nullptr;
+    for (UpdateServer* server = hu_serv_list_first(&servers);
+         server != nullptr && !by_operator.requested();
          server = hu_serv_list_next(&servers, server)) {
         http_client_debug_print(HTTPC_LOG_INFO, "update url: %s:%d%s", server->host,
                                 static_cast<int>(server->port), server->uri);
         update_progress_reset(kind);
-        report(requested, kind, server->host, server_pass(requested, kind, server));
+        report(requested, kind, server->host, server_pass(requested, kind, server, cancel));
     }
     return UPDATE_OK;
 }

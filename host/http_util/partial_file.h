@@ -12,10 +12,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/side_call.h"
 #include "base/unique_fd.h"
 #include "host/http_util/mark.h"
 #include "host/http_util/progress.h"
-#include "host/http_util/side_call.h"
 
 // Calls that return int: 0, HTTP_DOWNLOAD_NO_STORAGE, HTTP_DOWNLOAD_NO_MEMORY or
 // DOWNLOAD_BAD_FILE.

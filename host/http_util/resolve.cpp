@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include "base/side_call.h"
 #include "base/text.h"
 #include "frame/platform/dnsclient.h"
 #include "host/http_util/failure.h"
-#include "host/http_util/side_call.h"
 
 namespace {
 

@@ -129,10 +129,14 @@ TEST_F(Exchange, GivesUpOnSlowPeers) {
     EXPECT_EQ(sock_recv_endstr(fd_.get(), head, sizeof(head), "\r\n\r\n", four), -1);
     EXPECT_TRUE(Logged("retry 4 [Connection timed out 110] in endstr"));
     // No time-out, but too few bytes.
-    const SockLimits pace{.wait_s = 5, .grace_ms = 200};
+    const SockLimits pace{.wait_s = 5, .pace_window_ms = 200};
     EXPECT_EQ(sock_recv_endstr(fd_.get(), head, sizeof(head), "\r\n\r\n", pace), -1);
     EXPECT_TRUE(Logged("retry 0 [Connection timed out 110] in endstr"));
     EXPECT_EQ(sock_recv_commbuf(fd_.get(), &body_, PKG_CONTENT_LENGTH_MAX, pace), -1);
+    // Bytes that keep coming don't keep the operator from ending it.
+    Cancel cancel([] { return true; });
+    EXPECT_EQ(sock_recv_commbuf(fd_.get(), &body_, 1 << 20, {.cancel = &cancel}), -1);
+    EXPECT_TRUE(Logged("retry 0 [Operation canceled 125] in commbuf receive"));
     // A close after a time-out is not taken for another.
     stop = true;
     const SockLimits patient{.wait_s = 0.02, .timeouts = 1000};

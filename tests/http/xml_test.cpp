@@ -18,6 +18,13 @@ static std::string Numbered(const std::string& name, int count) {
     return all;
 }
 
+// Elements within each other that declare a namespace each.
+static std::string Nested(int count) {
+    std::string all;
+    for (int i = 0; i < count; i++) all += "<filelist xmlns:a" + std::to_string(i) + "='x'>";
+    return all + Repeat("</filelist>", count);
+}
+
 // Each would cost minutes or gigabytes, or words on standard error.
 TEST(Xml, RefusesHostileDocuments) {
     const std::string million(1000000, 'A');
@@ -31,6 +38,10 @@ TEST(Xml, RefusesHostileDocuments) {
         "<filelist>&e;</filelist>",
         "<filelist>\xff\xfe</filelist>",
         "\xff\xfe<",
+        "<?xml version='1.0' encoding='IBM037'?><filelist/>",
+        "<?xml version='1.0' encoding=\"UTF-7\"?><filelist/>",
+        "\x4c\x6f\xa7\x94<filelist/>",  // as IBM037 begins
+        Nested(257),
     };
     testing::internal::CaptureStderr();
     for (const std::string& text : documents) {
@@ -51,6 +62,10 @@ TEST(Xml, WalksDocuments) {
         "<version>2</version></app><app name='beta'/></filelist>"));
     xmlNodePtr root = xml_root_get(document.get());
     EXPECT_EQ(xml_root_get(XmlDoc(xml_doc_read_mem("<files/>")).get()), nullptr);
+    const std::string siblings =
+        "\xef\xbb\xbf<filelist>" + Repeat("<app xmlns='x'/>", 1000) + "</filelist>";
+    EXPECT_NE(XmlDoc(xml_doc_read_mem(siblings.c_str())), nullptr);
+    EXPECT_NE(XmlDoc(xml_doc_read_mem(Nested(255).c_str())), nullptr);
     std::string seen;
     xml_child_foreach(root, "app", &seen, Collect);
     xml_child_foreach(root, nullptr, &seen, Collect);

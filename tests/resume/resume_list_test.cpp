@@ -1,5 +1,6 @@
 // The resume list and its file.
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -96,10 +97,15 @@ TEST_F(ResumeTest, FailedSaveLeavesNoFileAndIsTriedAgain) {
     (void)signal(SIGXFSZ, SIG_IGN);
     rlimit any{};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &any), 0);
-    const rlimit small{40, any.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    resume_write();
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &any), 0);
+    const std::string newest = Document(App("app2", 1, {dir_ / "b"}));
+    for (const auto& [room, kept] : {std::pair{newest.size(), newest}, {40, ""}}) {
+        const rlimit small{room, any.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+        resume_write();
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &any), 0);
+        EXPECT_FALSE(resume_is_saved());
+        EXPECT_EQ(dir_.Read(file), kept);
+    }
     EXPECT_EQ(OnDisk({file, file + ".new"}), "");
     EXPECT_HAS(fakes::Syslog(), "write_apps-->[" + (dir_ / file) + "] write fail [File too large]");
 
@@ -109,4 +115,42 @@ TEST_F(ResumeTest, FailedSaveLeavesNoFileAndIsTriedAgain) {
     EXPECT_EQ(dir_.Read("victim"), "precious");
     resume_init();
     EXPECT_EQ(ResumeListed(), "app(1) a=-1; app2(1) b=-1");
+}
+
+// Who may write to the data directory may have no file deleted by way of the list.
+TEST_F(ResumeTest, FileThatOthersCouldHaveWrittenIsNotBelieved) {
+    const std::string path = dir_ / (RESUME_FILE + 1);
+    ASSERT_EQ(Add("app", {"a"}, 0), 0);
+    resume_write();
+    ASSERT_EQ(chmod(path.c_str(), 0646), 0);
+    resume_init();
+    EXPECT_EQ(ResumeListed(), "");
+    ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+    resume_init();
+    EXPECT_EQ(ResumeListed(), "app(1) a=-1");
+    ASSERT_EQ(rename(path.c_str(), (dir_ / "moved").c_str()), 0);
+    ASSERT_EQ(symlink((dir_ / "moved").c_str(), path.c_str()), 0);
+    resume_init();
+    EXPECT_EQ(ResumeListed(), "");
+    // What a crash left half-way counts when it is all there is.
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_EQ(rename((dir_ / "moved").c_str(), (path + ".new").c_str()), 0);
+    resume_init();
+    EXPECT_EQ(ResumeListed(), "app(1) a=-1");
+}
+
+TEST_F(ResumeTest, EndOfAnEntrySparesWhatIsInUse) {
+    Touch({"fetched", "held", "delivered"});
+    ASSERT_EQ(Add("app", {"fetched", "held", "delivered"}, 2), 0);
+    Paths delivered(dir_.path(), {"delivered"});
+    resume_note_delivered(delivered.array.data(), 1);
+    Paths held(dir_.path(), {"other", "held"});
+    {
+        const ResumeHold hold(held.array.data(), held.count());
+        resume_free_first();
+    }
+    EXPECT_EQ(OnDisk({"fetched", "held", "delivered"}), "helddelivered");
+    ASSERT_EQ(Add("app", {"held"}, 0), 0);
+    resume_free_first();
+    EXPECT_EQ(OnDisk({"held"}), "");
 }

@@ -1,5 +1,7 @@
 """Servers that fail, lie or attack: each ends in its code, in bounded time and memory."""
 
+import signal
+
 from lab import Device, LabServer, wait_for
 
 FAILED = "%notice: Communicate with the server failed.\n"
@@ -52,6 +54,20 @@ def test_silent_server_holds_only_those_who_asked(device: Device, server: LabSer
     assert device.versions() == {"alpha": "1.0"}
     server.heal()  # it hangs up
     assert [check.finish() for check in checks] == [FAILED] * 2
+
+
+def test_ctrl_c_ends_a_query(device: Device, server: LabServer) -> None:
+    device.app("alpha")
+    cancelled = "%notice: The user cancels the upgrade process\n"
+    server.fault(method="POST", silent=True)
+    for command, heading in (("http check-version", ""),
+                             ("http update all", "Update module with server 127.0.0.1:\r\n")):
+        asked = len(server.queries())
+        command = device.begin(command)
+        wait_for(lambda: len(server.queries()) > asked)
+        command.process.send_signal(signal.SIGINT)
+        assert command.finish() == heading + cancelled
+    assert device.cli("http update display-progress").startswith("state: free\n")
 
 
 def test_failed_download_leaves_nothing(device: Device, server: LabServer) -> None:

@@ -1,6 +1,7 @@
 // A call that may block for long, on a thread of its own, so that its caller can go on
 // asking whether anybody still wants the result. Who gives up leaves the call behind:
 // whichever of the two sides comes last releases the record.
+// Header only.
 // Threads: one starts, waits and gives up; the work runs on another.
 #pragma once
 
