@@ -43,7 +43,7 @@ COUNT, ONCE, EVER, KILL = range(4)
 class Page:
     """The page shared with shim.cpp, whose layout this is."""
 
-    HEAD, ENTRY, ENTRIES = struct.Struct("QIiIIIII4x"), struct.Struct("QII16s24Q"), 1 << 15
+    HEAD, ENTRY, ENTRIES = struct.Struct("QIiIIIIII"), struct.Struct("QII16s24Q"), 1 << 15
     ARMED, HIT, MENDED = 24, 28, 32
 
     def __init__(self, path: Path) -> None:
@@ -54,7 +54,7 @@ class Page:
         self.path.unlink(missing_ok=True)
         self.file = self.path.open("w+b", buffering=0)
         self.file.truncate(self.HEAD.size + self.ENTRIES * self.ENTRY.size)
-        self.file.write(self.HEAD.pack(path, occurrence, error, kind, groups, 0, 0, 0))
+        self.file.write(self.HEAD.pack(path, occurrence, error, kind, groups, 0, 0, 0, 0))
 
     def set(self, at: int, value: int = 1) -> None:
         os.pwrite(self.file.fileno(), struct.pack("I", value), at)

@@ -15,6 +15,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <link.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -63,7 +64,7 @@ struct Page {
     uint32_t armed;   // calls count
     uint32_t hit;     // the point was reached
     uint32_t mended;
-    uint32_t unused;
+    uint32_t owner;  // the first process that maps it; the others are left alone
     Entry entries[ENTRIES];
 };
 
@@ -85,7 +86,11 @@ __attribute__((constructor)) void map_page() {
     const int fd = path == nullptr ? -1 : open(path, O_RDWR | O_CLOEXEC);
     void* map = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
-    if (map != MAP_FAILED) s_page = static_cast<Page*>(map);
+    auto* page = static_cast<Page*>(map);
+    if (map == MAP_FAILED || page->owner != 0) return;
+    page->owner = static_cast<uint32_t>(getpid());
+    s_page = page;
+    (void)pthread_atfork(nullptr, nullptr, [] { s_page = nullptr; });
 }
 
 struct Trace {
@@ -147,7 +152,7 @@ int fault(const char* call, uint32_t groups) {
 // ---- the journal
 
 void note(const char* what, uint64_t number, const char* path, const char* other = "") {
-    if (s_journal == nullptr || t_own) return;
+    if (s_page == nullptr || t_own) return;
     const Own own;
     const int saved = errno;
     char line[1200];
@@ -179,7 +184,7 @@ uint64_t inode_of(int fd) {
 
 // What a sync makes safe: a folder's names, or a copy of the file as it is now.
 void note_sync(int fd) {
-    if (s_journal == nullptr || t_own) return;
+    if (s_page == nullptr || t_own) return;
     char link[32];
     char path[512] = "";
     char copy[300];
