@@ -254,7 +254,9 @@ def main() -> int:
             if done is not None:
                 results.append(done)
                 if done[2]:
-                    print(f"{done[0].words()}\n    {done[2]}", flush=True)
+                    stack = places([done[0].frames])[done[0].frames]
+                    print(done[0].words(), " < ".join(stack[:4]), str(done[2]), sep="\n    ",
+                          flush=True)
     print(report(results, len(every)))
     if given.json:
         save(given.json, results, len(every))
