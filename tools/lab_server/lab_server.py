@@ -34,6 +34,8 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from typing import Any, BinaryIO
 
+sys.dont_write_bytecode = True  # nothing beside the sources, which may be installed ones
+
 from faults import REPLIES, Rule, RuleBook
 from releases import Query, ReleaseFolder, reply_xml
 
