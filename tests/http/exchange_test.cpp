@@ -1,8 +1,6 @@
 #include "http/exchange.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,18 +9,14 @@
 
 #include "base/text.h"
 #include "base/unique_fd.h"
-#include "frame/log.h"
 #include "http/socket_io.h"
-#include "tests/fakes/fakes.h"
+#include "tests/support/daemon_test.h"
+#include "tests/support/resource_limit.h"
 
 // The daemon's end of a connection, and the server's.
-class Exchange : public testing::Test {
+class Exchange : public DaemonTest {
   protected:
-    Exchange() {
-        fakes::Reset();
-        DebugMask = DEBUG_ALL;
-        Connect();
-    }
+    Exchange() { Connect(); }
 
     void Connect() {
         int ends[2];
@@ -34,17 +28,13 @@ class Exchange : public testing::Test {
     bool Send(const std::string& text) const {
         return send(server_.get(), text.data(), text.size(), MSG_NOSIGNAL) > 0;
     }
-    static bool Logged(const std::string& text) {
-        return fakes::Syslog().find(text) != std::string::npos;
-    }
     std::string Body() {
         std::string text(comm_buf_len(&body_), '?');
         comm_buf_read(&body_, text.data(), comm_buf_len(&body_));
         return text;
     }
 
-    UniqueFd fd_;
-    UniqueFd server_;
+    UniqueFd fd_, server_;
     OwnedCommBuf body_;
 };
 
@@ -68,18 +58,14 @@ TEST_F(Exchange, WritesRequestsThatFit) {
         ASSERT_EQ(comm_buf_append(&request.body, nullptr, size), size);
         EXPECT_EQ(pkg_send(fd_.get(), &request), spare == 1 ? 0 : -1);
     }
-    EXPECT_TRUE(Logged("pkg_create-->comm buf too long "));
+    ExpectLog("pkg_create-->comm buf too long ");
 }
 
 TEST_F(Exchange, ReadsResponses) {
     using std::string;
     const string ok = "HTTP/1.0 200 OK\r\n";
-    // An empty log: the response is taken, with that body.
-    const struct {
-        string response;
-        string body;
-        const char* log;
-    } rows[] = {
+    // Response, body, log; an empty log: the response is taken.
+    const std::tuple<string, string, string> rows[] = {
         {"HTTP/1.1 200 OK\r\nA: b\r\nContent-Length:  11\r\n\r\n0123456789a", "0123456789a", ""},
         {ok + string("Content-Length:3\r\n\r\n\0b\0", 23), string("\0b\0", 3), ""},
         {ok + "X-Content-Length: 9\r\nContent-Length: 1\r\n\r\nzzz", "z", ""},
@@ -92,14 +78,14 @@ TEST_F(Exchange, ReadsResponses) {
         {ok, "", "retry 0 [Success 0] in endstr"},
         {ok + string(2030, 'a') + "\r\n\r\n", "", "head too long 2047"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.response);
+    for (const auto& [response, body, log] : rows) {
+        SCOPED_TRACE(response);
         Connect();
-        ASSERT_TRUE(Send(row.response));
+        ASSERT_TRUE(Send(response));
         server_.reset();
-        EXPECT_EQ(pkg_recv(fd_.get(), &body_), *row.log == '\0' ? 0 : -1);
-        EXPECT_EQ(Body(), row.body);
-        EXPECT_TRUE(Logged(row.log));
+        EXPECT_EQ(pkg_recv(fd_.get(), &body_), log.empty() ? 0 : -1);
+        EXPECT_EQ(Body(), body);
+        ExpectLog(log);
     }
 }
 
@@ -114,7 +100,7 @@ TEST_F(Exchange, ReceivesTheLargestBodyInPieces) {
     EXPECT_EQ(Body(), body);
     ASSERT_TRUE(Send("HTTP/1.1 200 OK\r\nContent-Length: 2097153\r\n\r\n"));
     EXPECT_EQ(pkg_recv(fd_.get(), &body_), -1);
-    EXPECT_FALSE(Logged("in commbuf receive"));
+    EXPECT_FALSE(Has(fakes::Syslog(), "in commbuf receive"));
 }
 
 TEST_F(Exchange, GivesUpOnSlowPeers) {
@@ -127,22 +113,22 @@ TEST_F(Exchange, GivesUpOnSlowPeers) {
     // Time-outs count over a whole phase, whatever comes in between.
     const SockLimits four{.wait_s = 0.02, .timeouts = 4};
     EXPECT_EQ(sock_recv_endstr(fd_.get(), head, sizeof(head), "\r\n\r\n", four), -1);
-    EXPECT_TRUE(Logged("retry 4 [Connection timed out 110] in endstr"));
+    ExpectLog("retry 4 [Connection timed out 110] in endstr");
     // No time-out, but too few bytes.
     const SockLimits pace{.wait_s = 5, .pace_window_ms = 200};
     EXPECT_EQ(sock_recv_endstr(fd_.get(), head, sizeof(head), "\r\n\r\n", pace), -1);
-    EXPECT_TRUE(Logged("retry 0 [Connection timed out 110] in endstr"));
+    ExpectLog("retry 0 [Connection timed out 110] in endstr");
     EXPECT_EQ(sock_recv_commbuf(fd_.get(), &body_, PKG_CONTENT_LENGTH_MAX, pace), -1);
     // Bytes that keep coming don't keep the operator from ending it.
     Cancel cancel([] { return true; });
     EXPECT_EQ(sock_recv_commbuf(fd_.get(), &body_, 1 << 20, {.cancel = &cancel}), -1);
-    EXPECT_TRUE(Logged("retry 0 [Operation canceled 125] in commbuf receive"));
+    ExpectLog("retry 0 [Operation canceled 125] in commbuf receive");
     // A close after a time-out is not taken for another.
     stop = true;
     const SockLimits patient{.wait_s = 0.02, .timeouts = 1000};
     EXPECT_EQ(sock_recv_commbuf(fd_.get(), &body_, PKG_CONTENT_LENGTH_MAX, patient), -1);
     server.join();
-    EXPECT_TRUE(Logged(" [Success 0] in commbuf receive"));
+    ExpectLog(" [Success 0] in commbuf receive");
 }
 
 TEST_F(Exchange, SendsToASlowPeerAndGivesUpOnADeadOne) {
@@ -155,14 +141,11 @@ TEST_F(Exchange, SendsToASlowPeerAndGivesUpOnADeadOne) {
     server.join();
     EXPECT_EQ(received, text);
     EXPECT_EQ(sock_send(fd_.get(), text.data(), text.size(), {.wait_s = 0.01}), -1);
-    EXPECT_TRUE(Logged("send fail [110, Connection timed out]"));
+    ExpectLog("send fail [110, Connection timed out]");
 }
 
 TEST_F(Exchange, WaitsOnDescriptorsBeyondTheUsualSet) {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = limit.rlim_max;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    const ResourceLimit<RLIMIT_NOFILE> many(4000);
     const UniqueFd high(fcntl(fd_.get(), F_DUPFD, 3000));
     ASSERT_TRUE(high.valid());
     EXPECT_EQ(sock_wait(high.get(), SOCK_READABLE, 0.0), 0);

@@ -1,5 +1,4 @@
 // The resume list and its file.
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,6 +6,7 @@
 
 #include "tests/resume/resume_fixture.h"
 #include "tests/support/failing_alloc.h"
+#include "tests/support/resource_limit.h"
 
 static std::string Document(const std::string& apps) {
     return "<?xml version=\"1.0\"?>\n<filelist>" + apps + "</filelist>\n";
@@ -46,7 +46,8 @@ TEST_F(ResumeTest, ShortMemoryNeverLeavesHalfAnEntry) {
     int32_t count = 0;
     const MemoryEndsAfter limit(2);
     EXPECT_EQ(resume_get("app", &count), nullptr);
-    EXPECT_EQ(OnDisk({"a", "b", "c"}) + ResumeListed(), "c");
+    EXPECT_EQ(OnDisk({"a", "b", "c"}), "c");
+    EXPECT_EQ(ResumeListed(), "");
 }
 
 TEST_F(ResumeTest, FileCarriesTheListThroughRestarts) {
@@ -68,24 +69,20 @@ TEST_F(ResumeTest, DamagedFileCostsItsDamagedEntriesOnly) {
     const std::string good = App("good", 1, {"/f"});
     std::string many;
     for (int i = 0; i < 1500; i++) many += App("a" + std::to_string(i), 1, {"/f"});
-    const struct {
-        std::string content;
-        std::string front;  // what the list begins with
-        uint32_t apps;
-    } rows[] = {
-        {Document(good).substr(0, 60), "", 0},
-        {Document("<app><filecnt>1</filecnt><file name='/f'/></app>" + App("a", 3, {"/1"}) + good),
-         "good(1) f=-1", 1},
-        {Document(App(std::string(40, 'n'), 1, {"/f"})), std::string(31, 'n') + "(1) f=-1", 1},
-        {Document(good + App("good", 2, {"/f", "/g"})), "good(2) f=-1 g=1", 1},
-        {Document(many), "a999(1) f=-1; ", 1000},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.content.substr(0, 100));
-        dir_.Write(RESUME_FILE, row.content);
+    for (const auto& [content, front, apps] : {
+             std::tuple(Document(good).substr(0, 60), std::string(), 0U),
+             {Document("<app><filecnt>1</filecnt><file name='/f'/></app>" + App("a", 3, {"/1"}) +
+                       good),
+              "good(1) f=-1", 1},
+             {Document(App(std::string(40, 'n'), 1, {"/f"})), std::string(31, 'n') + "(1) f=-1", 1},
+             {Document(good + App("good", 2, {"/f", "/g"})), "good(2) f=-1 g=1", 1},
+             {Document(many), "a999(1) f=-1; ", 1000},
+         }) {
+        SCOPED_TRACE(content.substr(0, 100));
+        dir_.Write(RESUME_FILE, content);
         resume_init();
-        EXPECT_EQ(resume_app_count(), row.apps);
-        EXPECT_TRUE(ResumeListed().starts_with(row.front));
+        EXPECT_EQ(resume_app_count(), apps);
+        EXPECT_EQ(ResumeListed().substr(0, front.size()), front);
     }
 }
 
@@ -95,19 +92,15 @@ TEST_F(ResumeTest, FailedSaveLeavesNoFileAndIsTriedAgain) {
     resume_write();
     ASSERT_EQ(Add("app2", {"b"}, 0), 0);
     (void)signal(SIGXFSZ, SIG_IGN);
-    rlimit any{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &any), 0);
     const std::string newest = Document(App("app2", 1, {dir_ / "b"}));
     for (const auto& [room, kept] : {std::pair{newest.size(), newest}, {40, ""}}) {
-        const rlimit small{room, any.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+        const ResourceLimit<RLIMIT_FSIZE> small(room);
         resume_write();
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &any), 0);
         EXPECT_FALSE(resume_is_saved());
         EXPECT_EQ(dir_.Read(file), kept);
     }
     EXPECT_EQ(OnDisk({file, file + ".new"}), "");
-    EXPECT_HAS(fakes::Syslog(), "write_apps-->[" + (dir_ / file) + "] write fail [File too large]");
+    ExpectLog("write_apps-->[" + (dir_ / file) + "] write fail [File too large]");
 
     dir_.Write("victim", "precious");
     ASSERT_EQ(symlink((dir_ / "victim").c_str(), (dir_ / (file + ".new")).c_str()), 0);

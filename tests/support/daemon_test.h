@@ -12,7 +12,10 @@
 #include "tests/fakes/fakes.h"
 #include "tests/support/temp_dir.h"
 
-#define EXPECT_HAS(text, part) EXPECT_NE((text).find(part), std::string::npos) << (text)
+#define EXPECT_HAS(text, part) EXPECT_PRED2(Has, text, part)
+inline bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 class DaemonTest : public testing::Test {
   protected:

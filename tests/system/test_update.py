@@ -1,5 +1,6 @@
 """The main job: apps register, an operator updates them, they have their new files."""
 
+import os
 import re
 import signal
 
@@ -60,12 +61,15 @@ def test_only_the_named_apps_are_asked_about(device: Device, server: LabServer) 
     assert device.cli("http update nobody") == unregistered
 
 
-def test_query_names_the_device_and_its_free_apps(scratch: Scratch, server: LabServer) -> None:
+def test_device_is_what_its_files_say(scratch: Scratch, server: LabServer) -> None:
     device = Device(scratch)
+    cpu = min(os.sched_getaffinity(0))
     for name, text in {"proc/setmac/SerialNO": "SN 1+2", "proc/setmac/projectid": "Router:9",
-                       "proc/macaddr": "00d0.f822.33aa"}.items():
+                       "proc/macaddr": "00d0.f822.33aa",
+                       "etc/http_client/cpu.rule": f"http_client {cpu}"}.items():
         (device.files / name).write_text(text)
     device.start()
+    assert os.sched_getaffinity(device.daemon.pid) == {cpu}
     device.use(server)
     for name, version in {"alpha": "1:0", "empty": "", "a&b": "2 0"}.items():
         device.app(name, version)

@@ -53,7 +53,6 @@ class AppsDown : public RegistryServerTest {
         EXPECT_EQ(apps_down(document.get(), set, kind), UPDATE_OK);
         return update_progress_copy().results[0];
     }
-    std::string Saved() const { return OnDisk({"save/a", "save/b", "save/c"}); }
     // Base names of the files in the next update request; "-" without one.
     std::string Requested() {
         const auto [type, payload] = Receive(app_);
@@ -68,6 +67,12 @@ class AppsDown : public RegistryServerTest {
         return names;
     }
 
+    // Requested|listed for resuming|on disk|retries left.
+    std::string After() {
+        return Requested() + "|" + ResumeListed() + "|" + OnDisk({"save/a", "save/b", "save/c"}) +
+               "|" + std::to_string(resume_retry_count);
+    }
+
     const std::string save_ = dir_ / "save/";
     int app_ = -1;
     std::map<std::string, int> codes_;
@@ -76,19 +81,14 @@ class AppsDown : public RegistryServerTest {
 TEST_F(AppsDown, DownloadCodesBecomeResults) {
     const std::string two_sources =
         "<filecnt>1</filecnt>" + File("a", "<downpath>one</downpath><downpath>two</downpath>");
-    const struct {
-        int code;
-        UpdateStatus result;
-        size_t sources;  // tried
-    } rows[] = {{11, UPDATE_OK, 1},
-                {20, UPDATE_CANCELLED, 1},
-                {8, UPDATE_NO_STORAGE, 1},
-                {1, UPDATE_NO_MEMORY, 1},
-                {-1, UPDATE_DOWNLOAD_FAIL, 2}};
-    for (const auto& row : rows) {
-        codes_ = {{"a", row.code}};
-        EXPECT_EQ(Result(UPDATE_RUN_BACKGROUND, two_sources), row.result) << row.code;
-        EXPECT_EQ(fakes::Downloads().size(), row.sources) << row.code;
+    for (const auto& [code, result, sources_tried] : {std::tuple(11, UPDATE_OK, 1U),
+                                                      {20, UPDATE_CANCELLED, 1},
+                                                      {8, UPDATE_NO_STORAGE, 1},
+                                                      {1, UPDATE_NO_MEMORY, 1},
+                                                      {-1, UPDATE_DOWNLOAD_FAIL, 2}}) {
+        codes_ = {{"a", code}};
+        EXPECT_EQ(Result(UPDATE_RUN_BACKGROUND, two_sources), result) << code;
+        EXPECT_EQ(fakes::Downloads().size(), sources_tried) << code;
     }
 }
 
@@ -111,6 +111,7 @@ TEST_F(AppsDown, SourcesAreTriedInOrder) {
 
 // What becomes of everything when one of three files fails.
 TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
+    constexpr uint32_t parts = APP_FLAG_INCREMENTAL;
     struct Row {
         const char* name;
         uint32_t flags;
@@ -118,24 +119,17 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
         int retries;
         const char* failing;
         int code;
-        const char* requested;
-        const char* recorded;
-        const char* saved;
-        int retries_after;
+        const char* after;
     };
-    constexpr uint32_t incremental = APP_FLAG_INCREMENTAL;
     for (const Row& row : {
-             Row{"daily", 0, UPDATE_RUN_DAILY, 2, "b", 2, "-", "alpha(3) a=0 b=-1 c=1", "ab", 5},
-             {"disk full", 0, UPDATE_RUN_DAILY, 5, "b", 8, "-", "alpha(3) a=0 b=-1 c=1", "a", 5},
-             {"incremental", incremental, UPDATE_RUN_DAILY, 1, "b", 2, "a", "alpha(2) b=-1 c=1",
-              "ab", 5},
-             {"incremental, first", incremental, UPDATE_RUN_DAILY, 5, "a", 2, "-",
-              "alpha(3) a=-1 b=1 c=1", "a", 5},
-             {"resume", 0, UPDATE_RUN_RESUME, 2, "b", 2, "-", "alpha(3) a=0 b=-1 c=1", "ab", 2},
-             {"budget gone", 0, UPDATE_RUN_RESUME, 0, "b", 2, "-", "", "", 0},
-             {"incremental, budget gone", incremental, UPDATE_RUN_RESUME, 0, "b", 2, "a", "", "a",
-              0},
-             {"operator", incremental, UPDATE_RUN_BACKGROUND, 5, "b", 2, "-", "", "", 5},
+             Row{"daily", 0, UPDATE_RUN_DAILY, 2, "b", 2, "-|alpha(3) a=0 b=-1 c=1|ab|5"},
+             {"disk full", 0, UPDATE_RUN_DAILY, 5, "b", 8, "-|alpha(3) a=0 b=-1 c=1|a|5"},
+             {"in parts", parts, UPDATE_RUN_DAILY, 1, "b", 2, "a|alpha(2) b=-1 c=1|ab|5"},
+             {"in parts, first", parts, UPDATE_RUN_DAILY, 5, "a", 2, "-|alpha(3) a=-1 b=1 c=1|a|5"},
+             {"resume", 0, UPDATE_RUN_RESUME, 2, "b", 2, "-|alpha(3) a=0 b=-1 c=1|ab|2"},
+             {"budget gone", 0, UPDATE_RUN_RESUME, 0, "b", 2, "-|||0"},
+             {"in parts, budget gone", parts, UPDATE_RUN_RESUME, 0, "b", 2, "a||a|0"},
+             {"operator", parts, UPDATE_RUN_BACKGROUND, 5, "b", 2, "-|||5"},
          }) {
         SCOPED_TRACE(row.name);
         std::filesystem::remove_all(save_);
@@ -152,12 +146,10 @@ TEST_F(AppsDown, FailureIsRecordedUnlessAnOperatorWatches) {
         codes_ = {{row.failing, row.code}};
         EXPECT_EQ(Result(row.kind, Files({"a", "b", "c"})),
                   row.code == 8 ? UPDATE_NO_STORAGE : UPDATE_DOWNLOAD_FAIL);
-        EXPECT_EQ(Requested(), row.requested);
-        EXPECT_EQ(ResumeListed(), row.recorded);
-        EXPECT_EQ(Saved(), row.saved);
-        EXPECT_EQ(resume_retry_count, row.retries_after);
+        EXPECT_EQ(After(), row.after);
+        const bool listed = !resume_empty();
         resume_init();  // the file says the same
-        EXPECT_EQ(ResumeListed().size() > 0, *row.recorded != '\0');
+        EXPECT_EQ(!resume_empty(), listed);
     }
 }
 
@@ -171,13 +163,12 @@ TEST_F(AppsDown, ResumeRunUsesStoredPaths) {
     };
     daily_run_fails();
     EXPECT_EQ(Result(UPDATE_RUN_COMMAND, Files({"b"})), UPDATE_OK);
-    EXPECT_EQ(ResumeListed(), "") << "the operator was faster";
-    EXPECT_EQ(Requested() + Saved(), "bb") << "a is of no use any more";
+    EXPECT_EQ(After(), "b||b|5") << "the operator was faster, a is of no use any more";
 
     daily_run_fails();
     EXPECT_EQ(reg_app_set_savepath("alpha", dir_ / "elsewhere/"), 0);
     EXPECT_EQ(Result(UPDATE_RUN_RESUME, Files({"a", "b"})), UPDATE_OK);
-    EXPECT_EQ(Requested() + Saved() + ResumeListed(), "abab");
+    EXPECT_EQ(After(), "ab||ab|5");
     EXPECT_EQ(Result(UPDATE_RUN_RESUME, Files({"a"})), UPDATE_NO_MEMORY) << "no entry any more";
 }
 
