@@ -184,10 +184,10 @@ def test_a_week(device: Device, server: LabServer) -> None:
     device.start("-di", speed=SPEED)
     device.wait_log("http update mode is manual", 50)
     assert len(server.queries()) == asked
-    device.configure("no http update mode")
     release("beta", "2.1", "b1")
     device.app("alpha", "3.0")
     device.app("beta", "2.0")
+    device.configure("no http update mode")
     settled(alpha="3.0", beta="2.1")
     assert all(device.disk(name) == made[name] for name in made)
     assert device.resume_file.read_text() == '<?xml version="1.0"?>\n<filelist/>\n'
