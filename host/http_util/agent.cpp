@@ -14,6 +14,10 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "base/clock.h"
@@ -30,6 +34,8 @@ constexpr size_t PATH_SIZE = 1024;
 // It ends at once, unless the disk holds it up.
 constexpr int END_MS = 1000;
 
+constexpr int64_t KNOWN_MS = 60000;
+
 // Leaves standard input, output and error alone, and the program's socket.
 constexpr int FIRST_FREE_FD = PROGRAM_SOCKET + 1;
 
@@ -37,6 +43,7 @@ constexpr int FIRST_FREE_FD = PROGRAM_SOCKET + 1;
 struct IdleProgram {
     int socket = -1;
     pid_t process = 0;
+    KnownServer known;
 };
 
 Mutex s_lock;
@@ -61,7 +68,8 @@ void log_error(const char* what, const char* why) {
 // Waits for the end of a program: so none is left dead, and the socket of one that ended
 // when nobody needed it is not kept.
 void* program_watch(void* argument) {
-    const auto process = static_cast<pid_t>(reinterpret_cast<intptr_t>(argument));
+    const std::unique_ptr<pid_t> owned(static_cast<pid_t*>(argument));
+    const pid_t process = *owned;
     int status = 0;
     while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
     }
@@ -77,17 +85,61 @@ void* program_watch(void* argument) {
     return nullptr;
 }
 
-// Directory of this library, or of the program that it is linked into; with a final "/".
-bool own_directory(char (&directory)[PATH_SIZE]) {
-    Dl_info self{};
-    char path[PATH_SIZE] = "";
-    if (dladdr(&PROGRAM, &self) != 0 && self.dli_fname != nullptr && self.dli_fname[0] == '/') {
-        if (!text_copy(path, self.dli_fname)) return false;
-    } else if (readlink("/proc/self/exe", path, sizeof path - 1) <= 0) {
-        return false;
+// False when there is no thread for it; the program is then ended.
+bool watch_start(pid_t process) {
+    std::unique_ptr<pid_t> argument(new (std::nothrow) pid_t(process));
+    pthread_t thread{};
+    if (argument && pthread_create(&thread, nullptr, program_watch, argument.get()) == 0) {
+        (void)argument.release();
+        (void)pthread_detach(thread);
+        return true;
     }
-    const char* slash = strrchr(path, '/');
+    (void)kill(process, SIGKILL);
+    (void)waitpid(process, nullptr, 0);
+    return false;
+}
+
+// Path up to the last slash, with it; false when it has none or is too long.
+bool directory_take(const char* path, char (&directory)[PATH_SIZE]) {
+    const char* slash = path == nullptr ? nullptr : strrchr(path, '/');
     return slash != nullptr && text_copy(directory, {path, static_cast<size_t>(slash - path) + 1});
+}
+
+// Directory of this library as the loader knows it.
+bool library_directory(char (&directory)[PATH_SIZE]) {
+    Dl_info self{};
+    return dladdr(&PROGRAM, &self) != 0 && directory_take(self.dli_fname, directory);
+}
+
+// Directory of the running program, which this library may be a part of.
+bool executable_directory(char (&directory)[PATH_SIZE]) {
+    char path[PATH_SIZE] = "";
+    return readlink("/proc/self/exe", path, sizeof path - 1) > 0 && directory_take(path, directory);
+}
+
+// Where the program lies, of the places where it may lie. False: nowhere.
+bool program_find(char (&path)[2 * PATH_SIZE]) {
+    char library[PATH_SIZE] = "";
+    char executable[PATH_SIZE] = "";
+    const bool has_library = library_directory(library);
+    const bool has_executable = executable_directory(executable);
+    const struct {
+        bool known;
+        const char* directory;
+        const char* way;
+    } places[] = {
+        {has_library, library, HTTP_UTIL_PROGRAM_FROM_LIBRARY},
+        {has_library, library, "../libexec/http_client/"},
+        {has_executable, executable, "../libexec/http_client/"},
+        {true, "", HTTP_UTIL_PROGRAM_INSTALLED},
+    };
+    return std::any_of(std::begin(places), std::end(places), [&](const auto& place) {
+        size_t length = 0;
+        return place.known &&
+               text_appendf(path, sizeof path, &length, "%s%s%s", place.directory, place.way,
+                            PROGRAM) &&
+               access(path, X_OK) == 0;
+    });
 }
 
 class SpawnActions {
@@ -118,26 +170,12 @@ class SpawnActions {
 int program_spawn(int socket, pid_t* process) {
     const SpawnActions actions(socket);
     if (!actions.complete()) return ENOMEM;
-    char directory[PATH_SIZE] = "";
-    const char* own = own_directory(directory) ? directory : nullptr;
-    char name[sizeof "http_client_download"];
-    (void)text_copy(name, PROGRAM);
-    char* const arguments[] = {name, nullptr};
+    char path[2 * PATH_SIZE] = "";
+    if (!program_find(path)) return ENOENT;
+    char* const arguments[] = {path, nullptr};
     // No proxy, no library path, no locale: the program depends on nothing of ours.
     char* const environment[] = {nullptr};
-    const char* const places[] = {HTTP_UTIL_PROGRAM_FROM_LIBRARY, "../libexec/http_client/",
-                                  HTTP_UTIL_PROGRAM_INSTALLED};
-    for (const char* place : places) {
-        const bool relative = place[0] != '/';
-        if (relative && own == nullptr) continue;
-        char path[2 * PATH_SIZE] = "";
-        size_t length = 0;
-        (void)text_appendf(path, sizeof path, &length, "%s%s%s", relative ? own : "", place,
-                           PROGRAM);
-        if (access(path, X_OK) != 0) continue;
-        return posix_spawn(process, path, actions.get(), nullptr, arguments, environment);
-    }
-    return ENOENT;
+    return posix_spawn(process, path, actions.get(), nullptr, arguments, environment);
 }
 
 }  // namespace
@@ -149,19 +187,10 @@ bool Agent::Start() {
     const UniqueFd low(pair[1]);
     const UniqueFd theirs(fcntl(low.get(), F_DUPFD_CLOEXEC, FIRST_FREE_FD));
     ready_ = false;
-    int error = theirs.valid() ? program_spawn(theirs.get(), &program_) : errno;
-    pthread_t thread{};
-    auto* argument = reinterpret_cast<void*>(intptr_t{program_});
-    if (error == 0 && pthread_create(&thread, nullptr, program_watch, argument) != 0) {
-        error = EAGAIN;
-        (void)kill(program_, SIGKILL);
-        (void)waitpid(program_, nullptr, 0);
-    }
-    if (error == 0) {
-        (void)pthread_detach(thread);
-        return true;
-    }
-    log_error("can't be started", strerror(error));
+    known_ = {};
+    const int error = theirs.valid() ? program_spawn(theirs.get(), &program_) : errno;
+    if (error == 0 && watch_start(program_)) return true;
+    log_error("can't be started", strerror(error != 0 ? error : EAGAIN));
     socket_.reset();
     return false;
 }
@@ -172,6 +201,7 @@ bool Agent::Begin(const TargetMessage& target) {
     const IdleProgram idle = idle_exchange({});
     socket_.reset(idle.socket);
     program_ = idle.process;
+    known_ = idle.known;
     was_idle_ = ready_ = socket_.valid();
     if (was_idle_ && Send(target)) return true;
     was_idle_ = false;
@@ -208,9 +238,31 @@ Received Agent::Receive(AnyMessage* message, int wait_ms) {
     }
 }
 
+uint32_t Agent::AddressOf(const char* url, uint32_t source) const {
+    const bool known = known_.authority[0] != '\0' && known_.source == source &&
+                       monotonic_ms() - known_.at_ms < KNOWN_MS &&
+                       strncmp(url, known_.authority, strlen(known_.authority)) == 0;
+    return known ? known_.address : 0;
+}
+
+void Agent::Remember(const char* url, uint32_t source, uint32_t address) {
+    if (AddressOf(url, source) == address) return;
+    known_ = {};
+    // With its first slash behind a host nobody can read more into it.
+    const char* host = strstr(url, "://");
+    const char* path = host == nullptr ? nullptr : strchr(host + 3, '/');
+    if (path == nullptr || path == host + 3) return;
+    if (!text_copy(known_.authority, {url, static_cast<size_t>(path - url) + 1})) {
+        known_.authority[0] = '\0';
+    }
+    known_.source = source;
+    known_.address = address;
+    known_.at_ms = monotonic_ms();
+}
+
 void Agent::Leave() {
     if (!socket_.valid()) return;
-    const UniqueFd other(idle_exchange({socket_.release(), program_}).socket);
+    const UniqueFd other(idle_exchange({socket_.release(), program_, known_}).socket);
 }
 
 void Agent::End() {

@@ -13,6 +13,15 @@
 #include "base/unique_fd.h"
 #include "host/http_util/protocol.h"
 
+// Where the program has reached a server: as good for the next file as the connection
+// that it keeps.
+struct KnownServer {
+    char authority[HOST_SIZE] = "";  // URL up to its path; "": none
+    uint32_t source = 0;
+    uint32_t address = 0;  // network byte order
+    int64_t at_ms = 0;     // monotonic, when the name was looked up
+};
+
 class Agent {
   public:
     // debug: switch of the lines that the program has for the system log.
@@ -37,6 +46,11 @@ class Agent {
     // It has come to life.
     [[nodiscard]] bool ready() const { return ready_; }
 
+    // The address of the URL's server, if the program has reached it from this source
+    // within the last minute; 0 else.
+    [[nodiscard]] uint32_t AddressOf(const char* url, uint32_t source) const;
+    void Remember(const char* url, uint32_t source, uint32_t address);
+
     // Leaves the program, which has nothing to do any more, to the next download.
     void Leave();
     // Ends it, whatever it is doing, and waits until it writes to no file any more.
@@ -49,6 +63,7 @@ class Agent {
     const std::atomic<bool>* debug_;
     UniqueFd socket_;
     pid_t program_ = 0;
+    KnownServer known_;
     bool was_idle_ = false;
     bool ready_ = false;
 };

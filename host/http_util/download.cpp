@@ -69,31 +69,6 @@ int message_wait(Download* download) {
     }
 }
 
-// Sends the target. An idle program may have ended just then; a new one gets it, too.
-int target_send(Download* download) {
-    if (!download->agent.Begin(download->target)) return DOWNLOAD_NO_PROGRAM;
-    const int result = message_wait(download);
-    if (result != DOWNLOAD_BROKEN || !download->agent.was_idle()) return result;
-    download->agent.End();
-    if (!download->agent.Begin(download->target)) return DOWNLOAD_NO_PROGRAM;
-    return message_wait(download);
-}
-
-// download->place is what the target names then.
-int target_set(Download* download) {
-    const int result = target_send(download);
-    if (result != 0) return result;
-    if (download->message.type != MessageType::Place) return DOWNLOAD_BROKEN;
-    download->is_open = true;
-    const PlaceMessage& place = download->message.place;
-    // From https it never leads back to http.
-    if (place.valid == 0 || (download->place.secure != 0 && place.secure == 0)) {
-        return DOWNLOAD_BAD_URL;
-    }
-    download->place = place;
-    return 0;
-}
-
 // Nothing more is wanted of the target.
 void target_drop(Download* download) { download->is_open = !download->agent.Send(DropMessage()); }
 
@@ -109,9 +84,10 @@ int restart_whole(Download* download) {
     return follow_up(download, "", download->place.url);
 }
 
-Request request_make(const Download& download) {
+// Before it is known what the target names, it may still be known what to ask for.
+Request request_make(const Download& download, const char* resource) {
     Request request;
-    request.resource = download.place.resource;
+    request.resource = resource;
     if (!download.found) return request;
     request.facts = &download.file.facts();
     request.size = download.file.size();
@@ -122,12 +98,9 @@ Request request_make(const Download& download) {
     return request;
 }
 
-// Sends the request; its response, or END, is in download->message then.
-int request_send(Download* download, const Request& request) {
+bool request_send(Download* download, const Request& request, uint32_t address) {
     GetMessage get;
-    const int result =
-        host_resolve(download->place.host, download->job.source, &download->progress, &get.address);
-    if (result != 0) return result;
+    get.address = address;
     get.source = download->job.source;
     get.connect_ms = download->job.connect_ms;
     get.trace = trace_is_on(download->job.debug) ? 1 : 0;
@@ -137,8 +110,57 @@ int request_send(Download* download, const Request& request) {
         get.last = download->file.whole() ? request.first : UINT64_MAX;
         (void)text_copy(get.validator, request.facts->validator);
     }
-    if (!download->agent.Send(get)) return DOWNLOAD_BROKEN;
-    return message_wait(download);
+    return download->agent.Send(get);
+}
+
+// Begins a target. When its server is known, and the request does not depend on what
+// exactly the target names, the request goes along: *address is not 0 then.
+int target_begin(Download* download, uint32_t* address) {
+    const TargetMessage& target = download->target;
+    *address = 0;
+    if (!download->agent.Begin(target)) return DOWNLOAD_NO_PROGRAM;
+    if (target.base[0] == '\0' && (!download->found || download->file.facts().tagged())) {
+        *address = download->agent.AddressOf(target.reference, download->job.source);
+    }
+    if (*address == 0) return message_wait(download);
+    const bool sent = request_send(download, request_make(*download, ""), *address);
+    return sent ? message_wait(download) : int{DOWNLOAD_BROKEN};
+}
+
+// download->place is what the target names then.
+int target_set(Download* download, uint32_t* address) {
+    int result = target_begin(download, address);
+    if (result == DOWNLOAD_BROKEN && download->agent.was_idle()) {
+        // The program may have ended just then: it gets the target, too.
+        download->agent.End();
+        result = target_begin(download, address);
+    }
+    if (result != 0) return result;
+    if (download->message.type != MessageType::Place) return DOWNLOAD_BROKEN;
+    download->is_open = true;
+    const PlaceMessage& place = download->message.place;
+    // From https it never leads back to http.
+    if (place.valid == 0 || (download->place.secure != 0 && place.secure == 0)) {
+        return DOWNLOAD_BAD_URL;
+    }
+    download->place = place;
+    return 0;
+}
+
+// The response to the request for the target, or END, is in download->message then.
+int response_get(Download* download, const Request& request, uint32_t address) {
+    int result = 0;
+    if (address == 0) {
+        result =
+            host_resolve(download->place.host, download->job.source, &download->progress, &address);
+        if (result != 0) return result;
+        if (!request_send(download, request, address)) return DOWNLOAD_BROKEN;
+    }
+    result = message_wait(download);
+    if (result == 0 && download->message.type == MessageType::Head) {
+        download->agent.Remember(download->place.url, download->job.source, address);
+    }
+    return result;
 }
 
 // Result of a transfer that has ended by itself; 0: the body is in the file. sized: its
@@ -220,11 +242,12 @@ int part_take(Download* download, const Request& request) {
     int result = download->file.Continue();
     if (result != 0) return result;
     const bool was_whole = download->file.whole();
-    download->progress.Begin(request.first, request.facts->total);
+    const uint64_t total = download->file.facts().total;
+    download->progress.Begin(request.first, total);
     BodyMessage body;
     body.offset = request.first;
     body.compare = static_cast<uint32_t>(request.size - request.first);
-    body.limit = request.facts->total - request.first;
+    body.limit = total - request.first;
     result = body_take(download, body, true);
     if (result != 0) return result;
     result = file_finish(download);
@@ -264,10 +287,11 @@ int response_follow(Download* download, const Request& request) {
 
 // One request and what follows from its response.
 int hop_run(Download* download) {
-    int result = target_set(download);
+    uint32_t address = 0;
+    int result = target_set(download, &address);
     if (result != 0) return result;
-    const Request request = request_make(*download);
-    result = request_send(download, request);
+    const Request request = request_make(*download, download->place.resource);
+    result = response_get(download, request, address);
     if (result != 0) return result;
     if (download->message.type == MessageType::End) {
         result = end_result(download, true);

@@ -34,6 +34,9 @@ constexpr uint64_t MARK_BYTES = 256 * 1024;
 constexpr uint64_t SYNC_BYTES = 16 << 20;
 constexpr int64_t SYNC_MS = 30000;
 
+// A thread for a sync of less would cost more than the sync.
+constexpr uint64_t QUICK_SYNC_BYTES = 1 << 20;
+
 constexpr uint64_t RESERVE_BYTES = 16 << 20;
 constexpr uint64_t RESERVE_SHARE = 16;
 
@@ -168,9 +171,10 @@ bool PartialFile::SyncBegin(bool at_end) {
     sync.mark = mark_;
     sync.mark.synced = size_;
     sync.marked = marked_;
+    const bool long_one = size_ - sync_size_ > QUICK_SYNC_BYTES;
     sync_size_ = size_;
     sync_ms_ = monotonic_ms();
-    return sync.file.valid() && sync_.Start(std::move(sync));
+    return sync.file.valid() && sync_.Start(std::move(sync), long_one);
 }
 
 // Takes the result of the sync under way when it ends within wait_ms.

@@ -116,7 +116,9 @@ scmp_arg_cmp lacks(unsigned argument, scmp_datum_t bits) {
 bool filter_build(scmp_filter_ctx filter) {
     bool ok = true;
     for (const int call : FREE_CALLS) ok = allow(filter, call, {}) && ok;
-    for (const int call : SANITIZER_CALLS) ok = (!SANITIZED || allow(filter, call, {})) && ok;
+    if constexpr (SANITIZED) {
+        for (const int call : SANITIZER_CALLS) ok = allow(filter, call, {}) && ok;
+    }
     const scmp_arg_cmp private_anonymous = {3, SCMP_CMP_MASKED_EQ, MAP_ANONYMOUS, MAP_ANONYMOUS};
     // Whatever the kernel ignores beside the type: SOCK_CLOEXEC, SOCK_NONBLOCK.
     const scmp_arg_cmp is_stream = {1, SCMP_CMP_MASKED_EQ, 0xf, SOCK_STREAM};

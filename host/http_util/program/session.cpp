@@ -6,16 +6,15 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "base/clock.h"
@@ -23,11 +22,13 @@
 #include "host/http_util/program/body_writer.h"
 #include "host/http_util/program/place.h"
 #include "host/http_util/program/response.h"
+#include "host/http_util/program/session_trace.h"
 
 namespace {
 
 constexpr const char* USER_AGENT = "http_client";
 constexpr long CURL_BUFFER_BYTES = 256 * 1024;  // its default of 16 KiB costs speed
+constexpr int KEPT_BYTES = 4 << 20;             // of freed memory
 constexpr long CONNECTION_MAX = 4;
 constexpr int64_t IDLE_MS = 5000;   // without a target
 constexpr int64_t REPORT_MS = 100;  // between two PROGRESS
@@ -77,43 +78,6 @@ Session s_session;
 template <typename Record>
 void answer(const Record& record) {
     if (!message_send(s_session.socket, record)) end_now();
-}
-
-// ---- trace ----
-
-bool header_is_secret(std::string_view header) {
-    static constexpr std::string_view NAMES[] = {
-        "Authorization:", "Proxy-Authorization:", "Cookie:", "Set-Cookie:"};
-    return std::any_of(std::begin(NAMES), std::end(NAMES), [&](std::string_view name) {
-        return header.size() >= name.size() &&
-               strncasecmp(header.data(), name.data(), name.size()) == 0;
-    });
-}
-
-// CURLOPT_DEBUGFUNCTION: libcurl's story and the headers of both sides, without the
-// values of those that carry secrets.
-int on_trace(CURL*, curl_infotype type, char* data, size_t size, void*) {
-    const char* mark = type == CURLINFO_TEXT         ? "*"
-                       : type == CURLINFO_HEADER_IN  ? "<"
-                       : type == CURLINFO_HEADER_OUT ? ">"
-                                                     : nullptr;
-    std::string_view rest(data, size);
-    while (mark != nullptr && !rest.empty()) {
-        const size_t end = std::min(rest.find('\n'), rest.size());
-        std::string_view line = rest.substr(0, end);
-        rest.remove_prefix(std::min(end + 1, rest.size()));
-        while (line.ends_with('\r') || line.ends_with('\n')) line.remove_suffix(1);
-        if (line.empty()) continue;
-        const bool secret = type != CURLINFO_TEXT && header_is_secret(line);
-        if (secret) line = line.substr(0, line.find(':') + 1);
-        TraceMessage message;
-        size_t length = 0;
-        (void)text_appendf(message.text, sizeof message.text, &length, "%s %.*s%s", mark,
-                           static_cast<int>(std::min(line.size(), sizeof message.text)),
-                           line.data(), secret ? " (not shown)" : "");
-        (void)message_send(s_session.socket, message, -1, false);  // rather lost than late
-    }
-    return 0;
 }
 
 // ---- transfer ----
@@ -288,6 +252,7 @@ bool options_set(const GetMessage& get) {
     if (get.trace != 0) {
         set(CURLOPT_VERBOSE, 1L);
         set(CURLOPT_DEBUGFUNCTION, on_trace);
+        set(CURLOPT_DEBUGDATA, static_cast<void*>(&s_session.socket));
     }
     return ok;
 }
@@ -382,6 +347,9 @@ void bundle_read() {
 }  // namespace
 
 bool session_prepare() {
+    // libcurl takes and gives back a buffer for each transfer; the system need not.
+    (void)mallopt(M_MMAP_THRESHOLD, KEPT_BYTES);
+    (void)mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
     s_session.multi = curl_multi_init();
     s_session.easy = curl_easy_init();
