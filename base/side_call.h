@@ -24,17 +24,19 @@ class SideCall {
     SideCall& operator=(const SideCall&) = delete;
     ~SideCall() { Abandon(); }
 
-    // False when there is no memory; nothing runs then. Where no thread can be had the
-    // work is done before this returns.
-    [[nodiscard]] bool Start(Work work) {
+    // False when there is no memory; nothing runs then. Where no thread can be had, or
+    // none is wanted, the work is done before this returns.
+    [[nodiscard]] bool Start(Work work, bool with_thread = true) {
         Abandon();
         record_ = new (std::nothrow) Record(std::move(work));
         if (record_ == nullptr) return false;
         pthread_t thread{};
-        if (pthread_create(&thread, nullptr, Run, record_) == 0) {
+        if (with_thread && pthread_create(&thread, nullptr, Run, record_) == 0) {
             (void)pthread_detach(thread);
         } else {
-            (void)Run(record_);
+            record_->work();
+            const MutexLock guard(record_->lock);
+            record_->done = record_->left = true;
         }
         return true;
     }

@@ -222,6 +222,20 @@ class HttpUtil : public ::testing::Test {
     Calls calls_;
 };
 
+// Runs action with a mount that nobody else sees; false when that is not permitted.
+bool WithMount(const std::string& what, const std::string& where, const char* type,
+               unsigned long flags, const std::function<void()>& action) {
+    bool mounted = false;
+    // A mount namespace belongs to the thread that makes it, and goes with it.
+    std::thread([&] {
+        mounted =
+            unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            mount(what.c_str(), where.c_str(), type, flags, flags == 0 ? "size=1m" : nullptr) == 0;
+        if (mounted) action();
+    }).join();
+    return mounted;
+}
+
 // The download program of this process; 0 when there is none.
 pid_t program() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -620,19 +634,22 @@ TEST_F(HttpUtil, TlsServerNeedsATrustedCertificate) {
     const std::string url = "https://127.0.0.1:" + std::to_string(port) + "/f";
     EXPECT_EQ(DOWNLOAD_NO_CONNECTION, GetUrl(url));
     (void)kill(program(), SIGKILL);  // a new one reads the certificates
-    bool mounted = false;
-    // A mount namespace belongs to the thread that makes it, and goes with it.
-    std::thread([&] {
-        mounted = unshare(CLONE_NEWNS) == 0 &&
-                  mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                  mount((directory_ / "cert").c_str(), "/etc/ssl/certs/ca-certificates.crt", "",
-                        MS_BIND, nullptr) == 0;
-        if (mounted) {
-            EXPECT_EQ(0, GetUrl(url));
-        }
-    }).join();
-    if (!mounted) GTEST_SKIP() << "only root can";
+    if (!WithMount(directory_ / "cert", "/etc/ssl/certs/ca-certificates.crt", "", MS_BIND,
+                   [&] { EXPECT_EQ(0, GetUrl(url)); })) {
+        GTEST_SKIP() << "only root can";
+    }
     EXPECT_EQ("new", Content());
+}
+
+TEST_F(HttpUtil, BodyWithoutEndLeavesAReserve) {
+    ASSERT_EQ(0, mkdir((directory_ / "small").c_str(), 0700));
+    path_ = directory_ / "small/f.bin";
+    server_.Script({response("200 OK", "Transfer-Encoding: chunked\r\n",
+                             "200000\r\n" + std::string(2 << 20, 'b') + "\r\n")});
+    (void)WithMount("none", directory_ / "small", "tmpfs", 0, [&] {
+        EXPECT_EQ(HTTP_DOWNLOAD_NO_STORAGE, Get(1));
+        EXPECT_GE((1 << 20) - (1 << 16), directory_.Read("small/f.bin").size());
+    });
 }
 
 TEST_F(HttpUtil, DebuggingTellsNoSecrets) {
