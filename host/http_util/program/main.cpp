@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     (void)signal(SIGPIPE, SIG_IGN);
-    (void)chdir("/");
+    (void)!chdir("/");  // only lets go of the directory
     ReadyMessage ready;
     if (!session_prepare() || !confine(&ready.not_confined)) {
         fprintf(stderr, "http_client_download: can't be confined\n");
