@@ -4,6 +4,7 @@ overlays whose upper side is in memory, /run is empty. The tests build on each o
 """
 
 import configparser
+import gzip
 import os
 import re
 import shlex
@@ -136,6 +137,16 @@ def test_only_root_gets_at_the_daemon(service):
     assert stranger.returncode == 2 and "Permission denied" in stranger.stderr
     data = Path("/var/lib/http_client")
     assert data.stat().st_mode & 0o077 == 0 and Path("/run/http_client").stat().st_mode & 0o077 == 0
+
+
+def test_documents_name_what_is_installed(service):
+    share = Path("/usr/share")
+    for document in [*share.glob("doc/http-client*/*.md"), *share.glob("man/man*/http_client*"),
+                     *Path("/usr/include").glob("http_update*")]:
+        text = (gzip.open if document.suffix == ".gz" else open)(document, "rt").read()
+        named = re.findall(r"(?<![\w./$])/(?:usr|etc|lib|var)/[\w./-]*http[\w./-]*\w",
+                           text.replace("\\&", "").replace("\\-", "-"))
+        assert [name for name in named if not Path(name).exists()] == [], document
 
 
 def test_removal_keeps_and_purge_clears(service):
