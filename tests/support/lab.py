@@ -15,10 +15,10 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
-import urllib.request
 import xml.etree.ElementTree as ET
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -26,12 +26,16 @@ from pathlib import Path
 from typing import Any, TypeVar
 
 SOURCE_DIR = Path(__file__).resolve().parents[2]
+sys.path.append(str(SOURCE_DIR / "tools/lab_server"))
+
+import lab_server  # noqa: E402
+from faults import Rule  # noqa: E402
+from releases import ReleaseFolder  # noqa: E402
+
 BIN_DIR = Path(os.environ.get("HTTP_CLIENT_BIN", SOURCE_DIR / "build/release/bin"))
 # A machine busy with other tests and a sanitizer is slow; a failure may be late.
 DEADLINE = 60.0
 T = TypeVar("T")
-# Past a proxy of the environment: the lab server is on the loopback.
-DIRECT = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 
 ONE_FILE, MANUAL, INCREMENTAL = 1, 2, 4
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
@@ -131,21 +135,15 @@ class Sample:
         assert self.process.wait(DEADLINE) == 0
 
 
-class LabServer:
-    """The lab update server on a folder of releases of its own."""
-
-    count = 0
+class LabServer(lab_server.LabServer):
+    """The lab update server, in this process, on a folder of releases of its own."""
 
     def __init__(self, scratch: Scratch) -> None:
-        LabServer.count += 1
-        name = f"server{LabServer.count}"
-        self.folder = scratch.root / name
-        self.folder.mkdir()
-        program = SOURCE_DIR / "tools/lab_server/lab_server"
-        scratch.spawn(name, ["/usr/bin/python3", program, "--port", "0", self.folder])
-        line = wait_for(lambda: re.search(r"http://([\d.]+):(\d+)/", scratch.output(name)),
-                        "for the lab server")
-        self.host, self.port = line[1], int(line[2])
+        self.folder = Path(tempfile.mkdtemp(dir=scratch.root))
+        super().__init__(("127.0.0.1", 0), ReleaseFolder(self.folder), check_key=True)
+        self.host, self.port = self.server_address
+        threading.Thread(target=self.serve_forever, args=(0.01,), daemon=True).start()
+        scratch.at_end += [self.server_close, self.shutdown]
 
     def release(self, app: str, version: str, contents: dict[str, int | bytes],
                 **described: Any) -> dict[str, bytes]:
@@ -162,28 +160,21 @@ class LabServer:
             (folder / ".release.json").write_text(json.dumps(described))
         return made
 
-    def lab(self, what: str, method: str = "GET", body: Any = None) -> Any:
-        data = None if body is None else json.dumps(body).encode()
-        url = f"http://{self.host}:{self.port}/lab/{what}"
-        request = urllib.request.Request(url, data=data, method=method)
-        with DIRECT.open(request, timeout=10) as reply:
-            return json.loads(reply.read() or b"null")
-
     def fault(self, **rule: Any) -> None:
-        self.lab("rules", "POST", rule)
+        self.rules.add(Rule(**rule))
 
     def heal(self) -> None:
-        self.lab("rules", "DELETE")
+        self.rules.clear()
 
-    def requests(self, pattern: str = "") -> list[dict[str, Any]]:
-        return [r for r in self.lab("requests")
-                if re.search(pattern, f"{r['method']} {r['path']}")]
+    def asked(self, pattern: str) -> list[dict[str, Any]]:
+        """Requests whose method and path the pattern fits."""
+        return [r for r in list(self.requests) if re.search(pattern, f"{r['method']} {r['path']}")]
 
     def queries(self) -> list[dict[str, Any]]:
-        return self.requests("^POST")
+        return self.asked("^POST")
 
     def wait_stalled(self, pattern: str, sent: int) -> None:
-        wait_for(lambda: any(r["sent"] >= sent and not r["done"] for r in self.requests(pattern)),
+        wait_for(lambda: any(r["sent"] >= sent and not r["done"] for r in self.asked(pattern)),
                  f"for {pattern} to stall")
 
 

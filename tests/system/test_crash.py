@@ -23,7 +23,7 @@ def test_kill_in_the_middle_of_a_download(device: Device, server: LabServer) -> 
     assert device.versions() == {} and "state: free" in device.cli("http update display-progress")
     app = device.app("alpha")
     assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
-    assert device.disk("alpha") == made and server.requests("b.bin")[-1]["range"] is None
+    assert device.disk("alpha") == made and server.asked("b.bin")[-1]["range"] is None
     wait_for(lambda: app.requests)
 
 

@@ -74,4 +74,4 @@ def test_broken_run_costs_the_line_little(scratch: Scratch, server: LabServer,
     device.daily_in(minutes=0)
     wait_for(lambda: app.requests, "for the hand-over")
     assert device.disk("alpha") == made
-    assert sum(r["sent"] for r in server.requests("bin")) <= 1.02 * size * len(made)
+    assert sum(r["sent"] for r in server.asked("bin")) <= 1.02 * size * len(made)

@@ -89,7 +89,7 @@ def test_server_with_a_name_asked_from_a_source_address(
     device.configure("no http update server", f"http update server localhost port {server.port}",
                      "http update source_ip 127.0.0.7")
     assert device.cli("http update all").endswith(f"with server localhost:\r\n{GOOD}")
-    assert {r["from"] for r in server.requests()} == {"127.0.0.7"}
+    assert {r["from"] for r in server.requests} == {"127.0.0.7"}
     assert server.queries()[0]["device"]["localIp"] == "127.0.0.7"
     device.configure("http update source_ip 203.0.113.7")  # not one of this machine
     assert device.cli("http check-version") == FAILED

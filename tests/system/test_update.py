@@ -175,7 +175,7 @@ def test_second_list_with_one_server_dead(
     assert device.cli("http update all", options=second) == (
         f"Update module with server 127.0.0.2:\r\n{dead}" + with_server(
             "alpha: download and notify successfully.\n"))
-    assert server.requests() == [], "the first list is another list"
+    assert server.requests == [], "the first list is another list"
 
 
 def test_nine_dead_sources_before_the_tenth(device: Device, server: LabServer) -> None:
