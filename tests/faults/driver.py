@@ -158,16 +158,18 @@ def places(frames_of: list[tuple[tuple[str, int], ...]]) -> dict[tuple, list[str
         for library, offset in frames:
             if is_own(library):
                 wanted[library].add(offset)
-    names = {}
+    names: dict[tuple[str, int], list[str]] = {}
     for library, offsets in wanted.items():
-        order = sorted(offsets)
-        text = subprocess.run(["addr2line", "-C", "-f", "-e", library, *map(hex, order)],
+        text = subprocess.run(["addr2line", "-Cfai", "-e", library, *map(hex, offsets)],
                               stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()
-        for offset, function, place in zip(order, text[::2], text[1::2]):
-            name = function.replace("(anonymous namespace)::", "").split("(")[0]
-            names[library, offset] = f"{name} ({os.path.basename(place).split()[0]})"
-    return {frames: [names[f] for f in frames if f in names and not names[f].startswith("std::")]
-            for frames in frames_of}
+        while text:
+            inlined = names[library, int(text.pop(0), 16)] = []
+            while text and not text[0].startswith("0x"):
+                name = text.pop(0).replace("(anonymous namespace)::", "").split("(")[0]
+                place = os.path.basename(text.pop(0)).split()[0]
+                if "std::" not in name and "__gnu" not in name:
+                    inlined.append(f"{name} ({place})")
+    return {frames: [name for f in frames for name in names.get(f, ())] for frames in frames_of}
 
 
 def table(results: list[tuple]) -> str:
