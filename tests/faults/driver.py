@@ -166,9 +166,9 @@ def places(frames_of: list[tuple[tuple[str, int], ...]]) -> dict[tuple, list[str
             inlined = names[library, int(text.pop(0), 16)] = []
             while text and not text[0].startswith("0x"):
                 name = text.pop(0).replace("(anonymous namespace)::", "").split("(")[0]
-                place = os.path.basename(text.pop(0)).split()[0]
-                if "std::" not in name and "__gnu" not in name:
-                    inlined.append(f"{name} ({place})")
+                place = text.pop(0)
+                if "/include/c++/" not in place:
+                    inlined.append(f"{name} ({os.path.basename(place).split()[0]})")
     return {frames: [name for f in frames for name in names.get(f, ())] for frames in frames_of}
 
 
