@@ -469,8 +469,8 @@ def revive(device: Device, disk: Disk | None, loss: str) -> None:
         shutil.rmtree(device.tmp)
         device.tmp.mkdir()
         (device.root / "boot").write_text("second")
-    if not all(device.whole(app) for app in device.handed):
-        device.found["files"] = "files that were handed over did not survive"
+    if lost := [app for app in sorted(device.handed) if not device.whole(app)]:
+        device.found["files"] = f"what was handed over to {lost} did not survive"
     device.start()
 
 

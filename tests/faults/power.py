@@ -60,7 +60,7 @@ class Disk:
         safe, copies, count = dict(names), {}, 0
         log = journal / "log"
         for line in log.read_text().splitlines() if log.exists() else []:
-            what, _, path, other = line.split("\t")
+            what, path, other = line.split("\t")
             path = path.rstrip("/")
             count += 1
             if what == "create":

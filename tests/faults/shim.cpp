@@ -151,15 +151,14 @@ int fault(const char* call, uint32_t groups) {
 
 // ---- the journal
 
-void note(const char* what, uint64_t number, const char* path, const char* other = "") {
+void note(const char* what, const char* path, const char* other = "") {
     if (s_page == nullptr || t_own) return;
     const Own own;
     const int saved = errno;
     char line[1200];
     char name[256];
     (void)snprintf(name, sizeof name, "%s/log", s_journal);
-    const int length = snprintf(line, sizeof line, "%s\t%llu\t%s\t%s\n", what,
-                                static_cast<unsigned long long>(number), path, other);
+    const int length = snprintf(line, sizeof line, "%s\t%s\t%s\n", what, path, other);
     const int fd = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     (void)!write(fd, line, static_cast<size_t>(length));
     close(fd);
@@ -176,22 +175,23 @@ void copy_attributes(int from, int to) {
     }
 }
 
-uint64_t inode_of(int fd) {
-    const Own own;
-    struct stat facts {};
-    return fstat(fd, &facts) == 0 ? facts.st_ino : 0;
+using Path = char[512];
+
+void path_of(long fd, Path& path) {
+    char link[32];
+    (void)snprintf(link, sizeof link, "/proc/self/fd/%ld", fd);
+    const ssize_t length = readlink(link, path, sizeof path - 1);
+    path[length > 0 ? length : 0] = '\0';
 }
 
 // What a sync makes safe: a folder's names, or a copy of the file as it is now.
 void note_sync(int fd) {
     if (s_page == nullptr || t_own) return;
     char link[32];
-    char path[512] = "";
     char copy[300];
     const uint32_t number = __atomic_add_fetch(&s_copies, 1, __ATOMIC_RELAXED);
     (void)snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     (void)snprintf(copy, sizeof copy, "%s/%u", s_journal, number);
-    (void)!readlink(link, path, sizeof path - 1);
     bool is_copied = false;
     {
         const Own own;
@@ -204,8 +204,9 @@ void note_sync(int fd) {
         close(from);
         close(to);
     }
-    if (is_copied) return note("sync", inode_of(fd), path, strrchr(copy, '/') + 1);
-    note("syncdir", 0, path);
+    Path path;
+    path_of(fd, path);
+    note(is_copied ? "sync" : "syncdir", path, is_copied ? strrchr(copy, '/') + 1 : "");
 }
 
 const char* text(long argument) { return reinterpret_cast<const char*>(argument); }
@@ -217,8 +218,25 @@ long in_place_of(long path) {
     return other == nullptr ? path : reinterpret_cast<long>(other);
 }
 
-bool is_to_create(long path, long flags) {
-    return !t_own && (flags & O_CREAT) != 0 && access(text(path), F_OK) != 0;
+bool is_to_create(long folder, long path, long flags) {
+    if (t_own || (flags & O_CREAT) == 0) return false;
+    const Own own;
+    return faccessat(int(folder), text(path), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+}
+
+void note_created(long fd) {
+    Path path;
+    path_of(fd, path);
+    if (fd >= 0) note("create", path);
+}
+
+void note_unlinked(long folder, long name) {
+    Path path;
+    path_of(folder, path);
+    if (text(name)[0] == '/') path[0] = '\0';
+    (void)snprintf(path + strlen(path), sizeof path - strlen(path), "%s%s", *path ? "/" : "",
+                   text(name));
+    note("unlink", path);
 }
 
 // What a call returns that fails; some return the error itself or no record.
@@ -270,12 +288,11 @@ using Call = long(long, long, long, long, long, long);
         return result;                                                              \
     }
 #define CALL(groups, name) CALL_WITH(groups, name, (void)0, (void)0)
-#define NAMES(groups, name, other) \
-    CALL_WITH(groups, name, (void)0, if (int(result) == 0) note(#name, 0, text(a), other))
-#define OPEN(name)                                         \
-    CALL_WITH(DESCRIPTOR | DISK, name, a = in_place_of(a); \
-              const bool is_new = is_to_create(a, b),      \
-              if (is_new && int(result) >= 0) note("create", inode_of(int(result)), text(a)))
+#define AFTER(groups, name, action) CALL_WITH(groups, name, (void)0, if (int(result) == 0) action)
+#define OPEN(name, folder, path, flags)                              \
+    CALL_WITH(DESCRIPTOR | DISK, name, path = in_place_of(path);     \
+              const bool is_new = is_to_create(folder, path, flags), \
+              if (is_new) note_created(int(result)))
 #define SYNC(name)                                              \
     Call faults_##name __asm__(#name);                          \
     long faults_##name(long fd, long, long, long, long, long) { \
@@ -285,18 +302,21 @@ using Call = long(long, long, long, long, long, long);
         return 0;                                               \
     }
 
-OPEN(open)
-OPEN(open64)
-NAMES(DISK | GROWTH, mkdir, "")
-NAMES(DISK | GROWTH, rename, text(b))
-NAMES(DISK, unlink, "")
+OPEN(open, AT_FDCWD, a, b)
+OPEN(open64, AT_FDCWD, a, b)
+OPEN(openat, a, b, c)
+AFTER(DISK | GROWTH, mkdir, note("mkdir", text(a)))
+AFTER(DISK | GROWTH, rename, note("rename", text(a), text(b)))
+AFTER(DISK, unlink, note_unlinked(-1, a))
+AFTER(DISK, unlinkat, note_unlinked(a, b))
 SYNC(fsync)
 SYNC(fdatasync)
 // clang-format off
 CALL(DISK, read) CALL(DISK, pread)
 CALL(DISK | GROWTH, write) CALL(DISK | GROWTH, pwrite) CALL(DISK | GROWTH, ftruncate)
-CALL(DISK | GROWTH, fsetxattr)
-CALL(DISK, fgetxattr) CALL(DISK, fremovexattr) CALL(DISK, stat) CALL(DISK, lstat)
+CALL(DISK | GROWTH, fsetxattr) CALL(DISK | GROWTH, lsetxattr)
+CALL(DISK, access) CALL(DISK, fstatat) CALL(DISK, fstatvfs) CALL(DISK, lgetxattr)
+CALL(DISK, lremovexattr) CALL(DISK, fgetxattr) CALL(DISK, fremovexattr) CALL(DISK, stat) CALL(DISK, lstat)
 CALL(DISK, fstat) CALL(DISK, statvfs) CALL(DISK, fchmod) CALL(DISK, chmod) CALL(DISK, fcntl)
 CALL(DESCRIPTOR, fopen) CALL(DESCRIPTOR, socket) CALL(DESCRIPTOR, socketpair)
 CALL(DESCRIPTOR, accept4) CALL(DESCRIPTOR, epoll_create1) CALL(DESCRIPTOR, eventfd)
