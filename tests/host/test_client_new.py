@@ -80,6 +80,7 @@ def test_lines_are_taken_or_refused(device: Device) -> None:
         "http update mode": 'Incomplete command after "mode"',
         f"http update server {fits}w": f'Too long (at most 255 bytes): "{fits[:64]}..."',
         "http update server h port 65536": 'Out of range (1 to 65535): "65536"',
+        "http update server h port 0": 'Out of range (1 to 65535): "0"',
         "http update server h port 8x": 'Not a number (1 to 65535): "8x"',
         "http update time daily 24:00": 'Not a time of day (hh:mm, 00:00 to 23:59): "24:00"',
         "http update s": 'Ambiguous word: "s" (source_ip, server)',

@@ -35,28 +35,6 @@ int Request(const std::string& xml, const char* name, std::vector<std::string> p
                           static_cast<int32_t>(pointers.size()));
 }
 
-TEST_F(UpdateRequest, CarriesFilesAndNodes) {
-    const std::string name(31, 'n');
-    const std::string longest(255, 'p');
-    const std::string text1023(1023, 't');
-    std::string xml = "<app name='x'>t<!--c--><?p i?><a/><b><c>1</c></b><d>2<e/>3</d>";
-    xml += "<f><![CDATA[4]]></f><g>" + text1023 + "t</g><h>" + text1023 + "</h>";
-    std::string rest = std::string("\6a.bin\0", 7) + '\0' + longest + '\0';
-    rest += Fact("d", "2") + Fact("h", text1023);
-    for (int i = 9; i < 60; ++i) {  // fifty nodes of any kind are looked at
-        xml += "<i>" + std::to_string(i) + "</i>";
-        if (i < 50) rest += Fact("i", std::to_string(i));
-    }
-    rest += std::string(4, '\0');
-    const int app = Connect();
-    ASSERT_EQ(Register(app, name), REG_OK);
-    ASSERT_EQ(Request(xml + "</app>", name.c_str(), {"a.bin", longest}), 0);
-    EXPECT_EQ(First().flags, APP_FLAG_BUSY);
-    const auto [type, payload] = Receive(app);
-    EXPECT_EQ(type, HTTP_MSG_TYPE_UPDATE_REQ);
-    EXPECT_EQ(payload, name + '\0' + Number(2) + Number(rest.size()) + rest);
-}
-
 TEST_F(UpdateRequest, RefusedRequestLeavesTheAppAlone) {
     const int app = Connect();
     ASSERT_EQ(Register(app, "alpha"), REG_OK);

@@ -91,9 +91,13 @@ def test_replies_that_contradict_themselves(device: Device, server: LabServer) -
         return "".join(f'<file name="{name}">{sources}<version>v1</version></file>'
                        for name in names)
 
+    facts = ("t<!--c--><?p i?><a/><b><c>1</c></b><d>2<e/>3</d><f><![CDATA[4]]></f>"
+             f"<g>{'t' * 1024}</g><h>{'t' * 1023}</h>")  # ten nodes with the count; fifty count
     rows = {  # announced count, files, how many arrive
+        "facts": ("0", facts + "".join(f"<i{n}>{n}</i{n}>" for n in range(11, 60)), 0),
+        "longest": ("1", files("p" * (255 - len(device.saved("longest")))), 1),
         "blanks": (" 3abc", files("a", "b", "c"), 3), "fewer": ("2", files("a", "b", "c"), 2),
-        "none": ("0", "", 0), "letters": ("x1", files("a"), None),
+        "letters": ("x1", files("a"), None),
         "many": ("101", files(*"a" * 101), None), "negative": ("-1", files("a"), None),
         "wraps": ("000004294967297", files("a"), None),
         "nameless": ("3", files("a") + "<file/>" + files("c"), None),
@@ -117,9 +121,12 @@ def test_replies_that_contradict_themselves(device: Device, server: LabServer) -
     bad = [name for name, row in rows.items() if row[2] is None]
     assert device.cli("http update " + " ".join(rows)) == with_server(
         "".join(f"{name}: The server response message format is wrong.\n" for name in bad)
-        + "blanks, fewer, none: download and notify successfully.\n")
-    wait_for(lambda: len(app.requests) == 3)
-    assert {r.app: len(r.files) for r in app.requests} == {"blanks": 3, "fewer": 2, "none": 0}
+        + "facts, longest, blanks, fewer: download and notify successfully.\n")
+    wait_for(lambda: len(app.requests) == 4)
+    assert {r.app: len(r.files) for r in app.requests} == {
+        "facts": 0, "longest": 1, "blanks": 3, "fewer": 2}
+    assert app.request().records == {"filecnt": "0", "d": "2", "h": "t" * 1023,
+                                     **{f"i{n}": str(n) for n in range(11, 51)}}
     assert [path.read_text() for path in precious] == ["precious"] * 2
     assert all(device.disk(name) == {} for name in bad)
 
