@@ -33,9 +33,10 @@ def test_program_is_confined_and_expendable(device: Device, server: LabServer) -
     assert status["CapPrm"] == status["CapEff"] == status["CapInh"] == "0000000000000000"
     assert os.geteuid() != 0 or ("0" not in status["Uid"].split() + status["Gid"].split()
                                  and status["Groups"].split() == [])
-    opened = {os.readlink(fd) for fd in (process / "fd").iterdir()}
-    assert {name for name in opened if name.startswith("/") and name != "/dev/null"} == {
-        device.saved("alpha") + "a.bin", f"{device.root}/daemon1.err"}
+    # What it is handed comes when the server's first words have been judged.
+    wait_for(lambda: {name for fd in (process / "fd").iterdir()
+                      if (name := os.readlink(fd)).startswith("/") and name != "/dev/null"} == {
+        device.saved("alpha") + "a.bin", f"{device.root}/daemon1.err"}, "for its two files")
     assert (process / "environ").read_bytes() == b""
     assert "libcurl" in (process / "maps").read_text()
     daemon = Path(f"/proc/{device.daemon.pid}/maps")
