@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-// Writes beside the final path; nothing is there until TarGzFinish.
+// Writes beside the final path; nothing is there until tar_gz_finish.
 struct TarGz {
     std::string path;
     std::string temporary;
@@ -18,10 +18,10 @@ struct TarGz {
 // Mode 0600. False: errno says why.
 [[nodiscard]] bool tar_gz_create(TarGz* tar, const std::string& path);
 
-// name: at most 100 bytes, no slash in front. Cut names and failed writes are
-// reported by tar_gz_finish.
+// name: 1 to 99 bytes, no slash in front; a longer one is cut. content: below 8 GiB.
+// tar_gz_finish reports a failed write.
 void tar_gz_add(TarGz* tar, std::string_view name, std::string_view content, long mtime_s);
 
-// Completes the file, syncs it and puts it in place. False: nothing is in place,
-// nothing is left behind.
+// Completes the file, syncs it and puts it in place, once for each tar_gz_create.
+// False: errno says why; what lay at the path is still there, nothing is left beside it.
 [[nodiscard]] bool tar_gz_finish(TarGz* tar);
