@@ -75,6 +75,8 @@ class Device(lab.Device):
         self.config = self.data / "oam/http_client/startup-config"
         self.output = self.root / "output"
         self.page = Page(self.root / "page")
+        self.shim = self.root / "faults.so"  # as the clock's library: a name without blanks
+        self.shim.symlink_to(SHIM)
         self.patience, self.acting, self.fed_at = 1.0, False, 0.0
         for app, files in NEW.items():
             write_all(self.root / "releases" / app / "2.0", files)
@@ -126,7 +128,7 @@ class Device(lab.Device):
             TQ_THREAD_SPEED=str(SPEED), CLOCK_SHIFT_FILE=str(self.clock.path),
             PRINTK_SYSLOG_FILE=str(self.output), FAULTS_PAGE=str(self.page.path),
             FAULTS_JOURNAL=str(self.root / "journal"), FAULTS_BOOT_ID=str(self.root / "boot"),
-            LD_PRELOAD=f"{SHIM} {SHIM.parent / 'libclock_shift.so'}",
+            LD_PRELOAD=f"{self.shim} {self.clock.library}",
             NOTIFY_SOCKET=str(self.root / "manager"))
         self.is_ready, self.started = False, time.monotonic()
         with self.output.open("ab") as output:
