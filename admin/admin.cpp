@@ -45,8 +45,9 @@ static int day_second(int hour, int minute, int second) {
 }
 
 int http_update_admin_time_check() {
-    if (s_last_auto_update_s != 0 && monotonic_s() < s_last_auto_update_s + DAILY_APART_S)
+    if (s_last_auto_update_s != 0 && monotonic_s() < s_last_auto_update_s + DAILY_APART_S) {
         return -1;
+    }
     tzset();  // the device's zone may have been changed meanwhile
     const time_t wall = time(nullptr);
     tm local{};
@@ -64,18 +65,20 @@ int http_update_admin_time_check() {
 
 void http_update_admin_report(const AppSet& /*requested*/, UpdateRunKind kind, const char* host,
                               UpdateStatus status) {
-    if (status != UPDATE_OK)
+    if (status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_INFO, "update from server %s: %s", host,
                                 update_status_str(status));
-    else
+    } else {
         update_result_output(kind);
+    }
 }
 
 static void daily_run(const AppSet& apps) {
     const UpdateStatus status =
         http_update_run(apps, UPDATE_RUN_DAILY, http_update_admin_report, SERVERS_BOTH);
-    if (status != UPDATE_OK)
+    if (status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_INFO, "timer: %s", update_status_str(status));
+    }
     s_last_auto_update_s = monotonic_s();
     resume_timer_add(resume_delay());
 }
@@ -139,7 +142,7 @@ int http_update_admin_rand(int n) {
 double http_update_admin_rand_fraction() {
     double fraction = 0;
     double scale = 1;
-    for (int digits = 0; digits < 4; digits++) {
+    for (int digits = 0; digits < 4; ++digits) {
         scale *= 10000;
         fraction += http_update_admin_rand(10000) / scale;
     }
@@ -211,9 +214,10 @@ int http_update_admin_public_timer(tq_thread* task) {
     identity_retry();
     if (!s_reg_installed) {
         s_reg_installed = reg_server_install(task->master) >= 0;
-        if (!s_reg_installed)
+        if (!s_reg_installed) {
             http_client_debug_print(HTTPC_LOG_ERROR, "[%s %d]<-->reg install fail", __func__,
                                     __LINE__);
+        }
     }
     if (!public_timer_arm(task->master)) {
         http_client_debug_dump("[%s %d]<-->add public timer fail", __func__, __LINE__);

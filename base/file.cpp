@@ -18,8 +18,9 @@ static int check(const struct stat& status, unsigned demands) {
     if (!S_ISREG(status.st_mode)) return EINVAL;
     const bool ours = status.st_uid == geteuid() || status.st_uid == 0;
     if ((demands & FILE_OURS) != 0 && !ours) return EPERM;
-    if ((demands & FILE_OURS_TO_CHANGE) != 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    if ((demands & FILE_OURS_TO_CHANGE) != 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         return EPERM;
+    }
     if ((demands & FILE_ONE_NAME) != 0 && status.st_nlink != 1) return EMLINK;
     return 0;
 }

@@ -53,8 +53,9 @@ int local_connect(const char* path, int limit_s, UniqueFd* connection) {
     if (error != 0) return error;
     UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit{limit_s, 0};
-    if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0)
+    if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
         return errno;
+    }
     while (connect(fd.get(), generic(&address), sizeof(address)) != 0) {
         if (errno == EINTR) continue;
         return errno == EAGAIN ? ETIMEDOUT : errno;

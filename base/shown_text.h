@@ -12,8 +12,9 @@
     const auto first = static_cast<unsigned char>(text.front());
     const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc2 ? 2 : 1;
     if (length > text.size()) return 1;
-    for (size_t i = 1; i < length; i++)
+    for (size_t i = 1; i < length; ++i) {
         if ((static_cast<unsigned char>(text[i]) & 0xc0) != 0x80) return 1;
+    }
     return length;
 }
 
@@ -40,8 +41,9 @@ class ShownText {
 
   private:
     void Append(std::string_view bytes) {
-        for (const char c : bytes)
+        for (const char c : bytes) {
             if (length_ < N - 1) text_[length_++] = c;
+        }
     }
 
     char text_[N] = "";

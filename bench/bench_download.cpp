@@ -7,17 +7,17 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,12 +38,12 @@ double monotonic_s() {
 // Not from getrusage(), which remembers the size of the program before exec.
 long peak_kib(const char* process) {
     char path[64];
-    (void)snprintf(path, sizeof path, "/proc/%s/status", process);
+    (void)snprintf(path, sizeof(path), "/proc/%s/status", process);
     FILE* status = fopen(path, "re");
     if (status == nullptr) return 0;
     char line[256];
     long kib = 0;
-    while (fgets(line, sizeof line, status) != nullptr) {
+    while (fgets(line, sizeof(line), status) != nullptr) {
         if (strncmp(line, "VmHWM:", 6) == 0) kib = atol(line + 6);
     }
     (void)fclose(status);
@@ -92,7 +92,7 @@ int download_bare(const std::string& url, const char* path) {
     const UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const UniqueFd file = file_create(path);
     const std::string request = "GET " + url.substr(slash) + " HTTP/1.0\r\n\r\n";
-    if (connect(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (connect(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
         !write_all(server.get(), request.data(), request.size())) {
         return -1;
     }

@@ -4,15 +4,15 @@
 // daemon's packet calls; "daemon" the app SDK against the daemon behind SOCKET.
 
 #include <sched.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "base/clock.h"
@@ -35,7 +35,7 @@ void one_processor() {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(0, &set);
-    (void)sched_setaffinity(0, sizeof set, &set);
+    (void)sched_setaffinity(0, sizeof(set), &set);
 }
 
 // The other side, until its peer closes. The daemon waits for a readable socket
@@ -45,8 +45,8 @@ void serve(int fd, bool bare) {
     char reply[HEADER_SIZE + REPLY_SIZE] = {};
     for (;;) {
         if (bare) {
-            if (read(fd, packet, sizeof packet) <= 0) return;
-            if (write(fd, reply, sizeof reply) <= 0) return;
+            if (read(fd, packet, sizeof(packet)) <= 0) return;
+            if (write(fd, reply, sizeof(reply)) <= 0) return;
             continue;
         }
         if (recv(fd, packet, 1, MSG_PEEK) <= 0) return;
@@ -60,7 +60,7 @@ void serve(int fd, bool bare) {
 
 bool round_trip_bare(int fd) {
     char packet[HEADER_SIZE + REQUEST_SIZE] = {};
-    return write(fd, packet, sizeof packet) > 0 && read(fd, packet, sizeof packet) > 0;
+    return write(fd, packet, sizeof(packet)) > 0 && read(fd, packet, sizeof(packet)) > 0;
 }
 
 template <class RoundTrip>

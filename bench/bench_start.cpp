@@ -3,15 +3,15 @@
 // daemon's registration socket accepts, and until it has answered a registration;
 // the daemon is then killed.
 
-#include <errno.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
-#include <stdio.h>
 #include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <string>
 
 #include "base/clock.h"
@@ -36,7 +36,7 @@ bool wait_until_accepts(const UniqueFd& watch, const char* path) {
         pollfd made{watch.get(), POLLIN, 0};
         if (poll(&made, 1, GIVE_UP_MS) <= 0) return false;
         char events[4096];
-        (void)!read(watch.get(), events, sizeof events);
+        (void)!read(watch.get(), events, sizeof(events));
     }
 }
 

@@ -3,16 +3,17 @@
 // JSON, how much memory it took at its peak.
 
 #include <libxml/parser.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 static long status_kib(const char* field) {
     FILE* status = fopen("/proc/self/status", "re");
     if (status == nullptr) return 0;
     char line[256];
     long kib = 0;
-    while (fgets(line, sizeof line, status) != nullptr) {
+    while (fgets(line, sizeof(line), status) != nullptr) {
         if (strncmp(line, field, strlen(field)) == 0) kib = atol(line + strlen(field));
     }
     (void)fclose(status);

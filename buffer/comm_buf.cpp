@@ -1,3 +1,6 @@
+// A chain of blocks of one size. A node counts the buffers that include it: a view shares
+// its source's nodes and moves its own offsets only, so that peeking copies nothing. Bytes
+// beyond the write offset have never been written and are zero still.
 #include "buffer/comm_buf.h"
 
 #include <algorithm>
@@ -157,7 +160,7 @@ int comm_buf_share(const CommBuf* source, CommBuf* view, int32_t count) {
     uint32_t offset = source->read_offset;
     for (CommBufNode* node = source->head; node != nullptr; node = node->next) {
         const uint32_t readable = readable_size(source, node, offset);
-        node->reference_count++;
+        ++node->reference_count;
         if (remaining <= readable) {
             view->tail = node;
             view->write_offset = offset + remaining;

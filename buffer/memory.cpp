@@ -1,3 +1,5 @@
+// The C library's heap behind calls that zero and refuse negative sizes: sizes are
+// computed from counts that servers send.
 #include "buffer/memory.h"
 
 #include <malloc.h>

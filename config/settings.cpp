@@ -1,3 +1,6 @@
+// Runs read the settings while the operator changes them. They are too small to be worth
+// a lock each: one guards all but the mode, which is a word of its own and goes with
+// nothing else.
 #include "config/settings.h"
 
 #include <string_view>

@@ -68,8 +68,9 @@ void http_client_debug_status() {
     const uint32_t mask = DebugMask.load(std::memory_order_relaxed);
     if (mask == 0) return;
     cli_printf("%s\r\n", "http-client debugging status:");
-    for (const Row& row : rows)
+    for (const Row& row : rows) {
         if ((mask & row.bit) != 0) cli_printf("%s\r\n", row.line);
+    }
 }
 
 // Without a keyword every bit is meant.

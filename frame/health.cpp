@@ -19,8 +19,9 @@ bool ham_registered = false;
 
 void http_client_registe_ham() {
     ham_registered = reg_process_exit_action(HAM_EXIT_KIND, HAM_EXIT_ACTION) >= 0;
-    if (!ham_registered)
+    if (!ham_registered) {
         http_client_debug_dump("[%s %d]<-->http-client register ham fail", __func__, __LINE__);
+    }
 }
 
 void http_client_retry_ham() {
@@ -40,15 +41,18 @@ void http_client_dead_detection(tq_thread_master* master) {
         return;
     }
     http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify success.", __func__, __LINE__);
-    if (!feed_dog_arm(master))
+    if (!feed_dog_arm(master)) {
         http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+    }
 }
 
 int http_client_feed_dog(tq_thread* task) {
-    if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0)
+    if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0) {
         http_client_debug_dump("[%s %d]: ham_client_reset_thread_notify failed.", __func__,
                                __LINE__);
-    if (!feed_dog_arm(task->master))
+    }
+    if (!feed_dog_arm(task->master)) {
         http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+    }
     return 0;
 }

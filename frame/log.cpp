@@ -93,7 +93,8 @@ void http_client_debug_dump(const char* format, ...) {
         http_client_debug_print(HTTPC_LOG_REGISTER, "%d %s open file [%s] fail, err:%s", getpid(),
                                 "http_client_debug_dump", path, strerror(open_errno));
     }
-    if (file.valid() || open_errno != ENOENT)
+    if (file.valid() || open_errno != ENOENT) {
         http_client_debug_print(HTTPC_LOG_REGISTER, "%s", line);
+    }
     errno = saved_errno;
 }

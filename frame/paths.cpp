@@ -1,4 +1,6 @@
-// Directory prefixes, joined paths and the making of directories.
+// A path is at most 127 bytes wherever it comes from, so that it can be joined on the
+// stack. Directories are made open to all, under a creation mask of 0: apps of other users
+// reach the socket and their files there.
 #include "frame/paths.h"
 
 #include <sys/stat.h>
@@ -15,9 +17,10 @@ static constexpr int PATH_COMPONENTS_MAX = 10;
 
 static void prefix_read(const DirPrefix& otherwise, DirPrefix* prefix) {
     *prefix = otherwise;
-    if (!dir_prefix_read(prefix))
+    if (!dir_prefix_read(prefix)) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->getenv fail [%s]", prefix->variable,
                                 strerror(errno));
+    }
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s]", prefix->variable, prefix->text);
 }
 
@@ -41,8 +44,9 @@ int http_client_path_check(const char* path) {
         return -1;
     }
     int components = 0;
-    for (size_t i = 0; i < length; i++)
+    for (size_t i = 0; i < length; ++i) {
         if (path[i] == '/' || i == length - 1) components++;
+    }
     if (components > PATH_COMPONENTS_MAX) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->have too rank %d", path, components);
         return -1;
@@ -62,7 +66,7 @@ int http_client_make_path(const char* path) {
     if (http_client_file_size(path) >= 0) return 0;
 
     const size_t length = strlen(path);  // below PATH_SIZE, as checked
-    for (size_t i = 1; i < length; i++) {
+    for (size_t i = 1; i < length; ++i) {
         if (path[i] != '/' && i != length - 1) continue;
         char parent[PATH_SIZE] = {};
         memcpy(parent, path, i + 1);

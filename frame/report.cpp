@@ -1,4 +1,5 @@
-// Report output.
+// The platform gives two calls for the same text, one a destination; which of them it
+// is, is decided here and nowhere else.
 #include "frame/report.h"
 
 #include <cstdarg>
@@ -13,8 +14,9 @@ void report_printf(int output, const char* format, ...) {
     va_start(args, format);
     (void)vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    if (output == REPORT_TERMINAL)
+    if (output == REPORT_TERMINAL) {
         cli_printf("%s", text);
-    else
+    } else {
         tech_module_msg_output("%s", text);
+    }
 }

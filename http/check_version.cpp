@@ -1,3 +1,5 @@
+// The report is printed server by server, as replies come in: an operator watches it.
+// It works on copies of the registered apps, so that apps may come and go meanwhile.
 #include "http/check_version.h"
 
 #include <sys/prctl.h>
@@ -26,7 +28,7 @@ static void output_check_apps(const AppSet& updated) {
     char line[APPS_LINE_SIZE];
     size_t length = 0;
     (void)text_appendf(line, sizeof(line), &length, "Business modules need to be updated:");
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry app;
         if (!app_set_contains(updated, slot) || reg_app_get(slot, &app) != 0) continue;
         (void)text_appendf(line, sizeof(line), &length, " %s,", ShownText(app.name).get());
@@ -88,7 +90,7 @@ void output_check(xmlDocPtr document, const AppSet& updated) {
     }
     cli_printf("    app-name           version          filename\n");
     cli_printf("--------------- -------------------- ------------------------\n");
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry app;
         if (!app_set_contains(updated, slot) || reg_app_get(slot, &app) != 0) continue;
         output_check_rows(root, app);
@@ -142,6 +144,7 @@ static void* http_check_version_thread(void* argument) {
 
 void http_check_version_cmd(cli_record* record) {
     pthread_t thread{};
-    if (command_thread_create(&thread, http_check_version_thread, record))
+    if (command_thread_create(&thread, http_check_version_thread, record)) {
         cli_proc_thread_start(record, thread);
+    }
 }

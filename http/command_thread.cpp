@@ -1,4 +1,5 @@
-// Threads and status lines of the long commands.
+// What the version check and the foreground update say in the same words: operators'
+// scripts match them.
 #include "http/command_thread.h"
 
 #include <cstring>

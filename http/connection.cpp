@@ -1,3 +1,6 @@
+// Looking a name up and connecting are calls that can't be interrupted. A run on behalf
+// of an operator, who may cancel it, makes them on a thread of their own and leaves them
+// behind; the others make them in place.
 #include "http/connection.h"
 
 #include <cerrno>
@@ -132,8 +135,9 @@ static int connect_unless_cancelled(const char* host, uint16_t port, Cancel* can
     connecting.port = port;
     SideCall<Connecting> call;
     if (!call.Start(std::move(connecting))) return -1;
-    while (!cancel->Requested())
+    while (!cancel->Requested()) {
         if (Connecting* done = call.Wait(CANCEL_TICK_MS)) return done->fd.release();
+    }
     return -1;
 }
 

@@ -1,3 +1,6 @@
+// A request is built in one buffer and sent whole; a response's header is read into
+// another, with whatever of the body came along. Both are bounded, so that neither a long
+// configuration nor a server can make them grow. Servers know the request byte for byte.
 #include "http/exchange.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// Two limits bound each phase of an exchange: how often nothing came in time, and how slow
+// the peer may be on the whole. Where somebody may cancel, waits are cut into slices; the
+// limits count whole waits all the same.
 #include "http/socket_io.h"
 
 #include <sys/select.h>

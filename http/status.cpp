@@ -1,3 +1,4 @@
+// One table, indexed by the code. A code without a text does not compile.
 #include "http/status.h"
 
 #include <iterator>

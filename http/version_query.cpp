@@ -1,4 +1,6 @@
-// MD5 through the calls that every libcrypto since 1.0 has.
+// The form is built in pieces, each checked for its room: servers check the register key
+// over the same texts, so a piece that was cut would be refused without a reason.
+// MD5 goes through the calls that every libcrypto since 1.0 has.
 #define OPENSSL_API_COMPAT 0x10100000L
 #include "http/version_query.h"
 
@@ -180,7 +182,7 @@ int http_update_version_pack(const UpdateServer* server, CommBuf* body, const Ap
                              AppSet* sent) {
     if (!append_identity(server, body)) return -1;
     *sent = AppSet{};
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry app;
         if (!app_set_contains(asked, slot) || reg_app_get(slot, &app) != 0) continue;
         if (!append_app(slot, app, body, sent)) return -1;

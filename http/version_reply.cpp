@@ -1,3 +1,5 @@
+// Every way out closes the connection, and a cancel outweighs what came after it: the
+// caller sees one status, whichever step was interrupted.
 #include "http/version_reply.h"
 
 #include <unistd.h>
@@ -104,7 +106,7 @@ AppSet version_xmldoc_parse_app(xmlDocPtr document) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[version_xmldoc_parse_app]<-->check doc fail");
         return needed;
     }
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry app;
         if (reg_app_get(slot, &app) != 0) continue;
         if (xml_child_find_by_name(root, "app", app.name) == nullptr) continue;

@@ -168,8 +168,9 @@ void reg_app_update_result(std::string_view name, std::string_view text, int32_t
     AppEntry app;
     if (app_change(name, &app, [&](AppEntry* entry) {
             if (result != HTTP_UPDATE_RESULT_UPDATING) entry->flags &= ~APP_FLAG_BUSY;
-            if (result == HTTP_UPDATE_RESULT_SUCCESS && !text.empty())
+            if (result == HTTP_UPDATE_RESULT_SUCCESS && !text.empty()) {
                 (void)text_copy(entry->version, text);
+            }
         })) {
         http_client_debug_dump("[%s]<-->update response result %d %s", app.name, result,
                                app.version);

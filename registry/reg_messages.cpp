@@ -27,8 +27,8 @@ std::string_view name_view(const char (&field)[APP_NAME_SIZE]) {
 // copy also gives the fields their alignment.
 template <typename Message>
 bool message_read(std::span<const uint8_t> payload, Message* message) {
-    if (payload.size() != sizeof *message) return false;
-    memcpy(message, payload.data(), sizeof *message);
+    if (payload.size() != sizeof(*message)) return false;
+    memcpy(message, payload.data(), sizeof(*message));
     return true;
 }
 
@@ -36,7 +36,7 @@ template <typename Message>
 bool message_read_logged(std::span<const uint8_t> payload, Message* message) {
     if (message_read(payload, message)) return true;
     http_client_debug_dump("pkt length %d is not equal %d", static_cast<int>(payload.size()),
-                           static_cast<int>(sizeof *message));
+                           static_cast<int>(sizeof(*message)));
     return false;
 }
 
@@ -54,7 +54,7 @@ int regist_handle(int sock, std::span<const uint8_t> payload) {
         reg_app_set_savepath(name, save_path) != 0) {
         reply.result = REG_TABLE_FULL;
     }
-    if (http_update_reg_send_normal(sock, HTTP_MSG_TYPE_REGIST_RSP, &reply, sizeof reply) < 0) {
+    if (http_update_reg_send_normal(sock, HTTP_MSG_TYPE_REGIST_RSP, &reply, sizeof(reply)) < 0) {
         http_client_debug_dump("send HTTP_MSG_TYPE_REGIST_RSP fail");
         return -1;
     }
@@ -98,7 +98,7 @@ int mode_handle(int, std::span<const uint8_t> payload) {
         reg_app_set_mode(name_view(message.name), message.mode);
     } else {
         http_client_debug_dump("len %d is not equal %d", static_cast<int>(payload.size()),
-                               static_cast<int>(sizeof message));
+                               static_cast<int>(sizeof(message)));
     }
     return 0;
 }

@@ -6,12 +6,12 @@
 
 #include "registry/reg_server.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <span>
 #include <utility>
@@ -94,8 +94,8 @@ bool reg_client_ended(const RegClient* client) {
 int reg_client_recv(RegClient* client) {
     const int sock = client->sock.get();
     http_update_packet_header header{};
-    const int received = http_update_reg_receive_assign(sock, &header, sizeof header);
-    if (received != static_cast<int>(sizeof header)) {
+    const int received = http_update_reg_receive_assign(sock, &header, sizeof(header));
+    if (received != static_cast<int>(sizeof(header))) {
         const int error = errno;
         http_client_debug_dump("[%d]<-->receive fail [%d],errno [%d, %s]", sock, received, error,
                                strerror(error));
@@ -214,7 +214,7 @@ UniqueFd reg_listen_socket(const char* path, bool nonblocking) {
         return UniqueFd();
     }
     const int enabled = 1;
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled) != 0) {
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof(enabled)) != 0) {
         http_client_debug_dump("setsockopt fail, errno [%s]", strerror(errno));
         return UniqueFd();
     }

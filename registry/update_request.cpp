@@ -86,7 +86,7 @@ int reg_update_node(xmlNodePtr node, int position, void* argument) {
     }
     auto* context = static_cast<NodeContext*>(argument);
     const http_msg_fact head{static_cast<uint16_t>(name_size), static_cast<uint16_t>(text_size)};
-    if (!record_append(&context->records, &head, sizeof head) ||
+    if (!record_append(&context->records, &head, sizeof(head)) ||
         !record_append(&context->records, name, name_size) ||
         !record_append(&context->records, text, text_size)) {
         http_client_debug_dump("node %s: failed to write buf", name);
@@ -108,9 +108,9 @@ void payload_write(uint8_t* payload, size_t size, const char* name, Paths paths,
     http_msg_update_req head{};
     (void)text_copy(head.name, name);
     head.file_count = static_cast<uint16_t>(paths.size());
-    head.rest_length = static_cast<uint16_t>(size - sizeof head);
-    memcpy(payload, &head, sizeof head);
-    uint8_t* place = payload + sizeof head;
+    head.rest_length = static_cast<uint16_t>(size - sizeof(head));
+    memcpy(payload, &head, sizeof(head));
+    uint8_t* place = payload + sizeof(head);
     for (const char* path : paths) place = entry_write(place, path);
     const uint32_t length = comm_buf_len(records);
     if (length > 0) (void)comm_buf_read(records, place, length);

@@ -46,10 +46,11 @@ void resume_init() {
     resume_clear();
     http_client_data_path(RESUME_FILE, &resume_file_path);
     take_up_unfinished();
-    if (http_client_file_size(resume_file_path) > 0)
+    if (http_client_file_size(resume_file_path) > 0) {
         (void)read_apps(resume_file_path, resume_read_app);  // an empty list is fine too
-    else
+    } else {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->no exist", resume_file_path);
+    }
 
     MutexLock guard(resume_lock);
     resume_changed = false;
@@ -143,8 +144,9 @@ static bool xml_can_carry(std::string_view text) {
 static bool app_can_carry_locked(const ResumeApp* app) REQUIRES(resume_lock) {
     bool fits = xml_can_carry(app->name);
     for (const ResumeFile* file = resume_next_file(app, &app->files); fits && file != nullptr;
-         file = resume_next_file(app, file))
+         file = resume_next_file(app, file)) {
         fits = xml_can_carry(file->path);
+    }
     return fits;
 }
 
@@ -171,8 +173,9 @@ static int write_app_locked(xmlNodePtr root, const ResumeApp* app) REQUIRES(resu
         return -1;
     }
     for (const ResumeFile* file = resume_next_file(app, &app->files); file != nullptr;
-         file = resume_next_file(app, file))
+         file = resume_next_file(app, file)) {
         if (write_file(app_element, file->path) != 0) return -1;
+    }
     return 0;
 }
 

@@ -61,8 +61,10 @@ static Record* record_malloc() {
 }
 
 static ResumeApp* find_locked(const char* name) REQUIRES(resume_lock) {
-    for (ResumeApp* app = resume_next_app(&ResumeList); app != nullptr; app = resume_next_app(app))
+    for (ResumeApp* app = resume_next_app(&ResumeList); app != nullptr;
+         app = resume_next_app(app)) {
         if (strcmp(app->name, name) == 0) return app;
+    }
     return nullptr;
 }
 
@@ -103,7 +105,7 @@ uint32_t resume_app_count() {
 bool resume_app_name(uint32_t position, char (&name)[RESUME_NAME_SIZE]) {
     MutexLock guard(resume_lock);
     const ResumeApp* app = resume_next_app(&ResumeList);
-    for (; app != nullptr && position > 0; position--) app = resume_next_app(app);
+    for (; app != nullptr && position > 0; --position) app = resume_next_app(app);
     if (app != nullptr) memcpy(name, app->name, sizeof(name));
     return app != nullptr;
 }
@@ -122,7 +124,7 @@ static void unlink_undelivered(const char* path) {
 }
 
 void resume_note_delivered(FilenameArray array, int32_t k) {
-    for (int32_t i = 0; i < k; i++) (void)lsetxattr(array[i], DELIVERED_ATTRIBUTE, "1", 1, 0);
+    for (int32_t i = 0; i < k; ++i) (void)lsetxattr(array[i], DELIVERED_ATTRIBUTE, "1", 1, 0);
 }
 
 // Deletes what is on disk of an entry's files.
@@ -181,8 +183,9 @@ void resume_free_first() {
     if (app == nullptr) return;
     for (ResumeFile* file = file_after(&app->files, &app->files); file != nullptr;
          file = file_after(&app->files, file)) {
-        if (filename_find(s_held.array, file->path, s_held.count) == 0)
+        if (filename_find(s_held.array, file->path, s_held.count) == 0) {
             file->state = RESUME_NO_DOWN;  // the other run's, not this entry's
+        }
     }
     drop(std::move(app), nullptr, 0);
 }
@@ -214,7 +217,7 @@ static void log_added(const char* path, ResumeState state) {
 static int32_t resume_add_files(ResumeLink* files, FilenameArray array, int32_t count, int32_t n,
                                 bool incremental) {
     const int32_t first = incremental ? n : 0;
-    for (int32_t i = first; i < count; i++) {
+    for (int32_t i = first; i < count; ++i) {
         ResumeState state = RESUME_DOWN_FAIL;
         if (i != n) state = i < n ? RESUME_DOWN_SUCCESS : RESUME_NO_DOWN;
         log_added(array[i], state);
@@ -262,7 +265,7 @@ FilenameArray resume_get(const char* name, int32_t* count) {
     }
     int32_t i = 0;
     for (const ResumeFile* file = file_after(&app->files, &app->files); file != nullptr;
-         file = file_after(&app->files, file), i++) {
+         file = file_after(&app->files, file), ++i) {
         memcpy(array[i], file->path, FILENAME_SIZE);
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->get resume [%s]", name, file->path);
     }
@@ -291,12 +294,13 @@ void resume_del_files(const char* name, FilenameArray array, int32_t k) {
         return;
     }
     if (!is_listed(name)) return filename_unlink(array, k);
-    for (int32_t i = 0; i < k; i++) {
+    for (int32_t i = 0; i < k; ++i) {
         if (array[i] == nullptr) continue;
         ResumeState state{};
-        for (int seen = 0; find_fetched(name, array[i], seen, &state); seen++)
+        for (int seen = 0; find_fetched(name, array[i], seen, &state); ++seen) {
             http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s] in resume for %d", name, array[i],
                                     state);
+        }
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->[%s] del", name, array[i]);
         (void)unlink(array[i]);  // the failed one may not exist
     }

@@ -1,4 +1,5 @@
-// The retries of the resume list, and its report.
+// The retries of the resume list, and its report. The handle of the pending timer lies
+// under the list's lock, since the report, on another thread, asks it for the time left.
 #include "resume/resume_timer.h"
 
 #include <climits>
@@ -65,7 +66,7 @@ void resume_timer_add(int seconds) {
 // The registered ones of the listed apps.
 static void listed_apps(AppSet* set) {
     char name[RESUME_NAME_SIZE];
-    for (uint32_t position = 0; resume_app_name(position, name); position++) {
+    for (uint32_t position = 0; resume_app_name(position, name); ++position) {
         (void)reg_app_parse_names(name, set);  // an app that is gone adds nothing
         http_client_debug_print(HTTPC_LOG_INFO, "%s<-->begin to resume", name);
     }
@@ -77,13 +78,14 @@ int resume_timer_proc(tq_thread*) {
         resume_retry_count = RESUME_RETRY_MAX;
         return 0;
     }
-    resume_retry_count--;
+    --resume_retry_count;
     AppSet set{};
     listed_apps(&set);
     const UpdateStatus status =
         http_update_run(set, UPDATE_RUN_RESUME, resume_report, SERVERS_BOTH);
-    if (status != UPDATE_OK)
+    if (status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_INFO, "resume: %s", update_status_str(status));
+    }
     if (resume_retry_count == 0 && !resume_empty()) {
         resume_free_first();
         resume_retry_count = RESUME_RETRY_MAX;
@@ -123,8 +125,9 @@ struct Report {
 static int32_t count_rows_locked() REQUIRES(resume_lock) {
     uint32_t count = 0;
     for (const ResumeApp* app = resume_next_app(&ResumeList); app != nullptr;
-         app = resume_next_app(app))
+         app = resume_next_app(app)) {
         count += app->count;
+    }
     return static_cast<int32_t>(count);
 }
 
@@ -133,7 +136,7 @@ static void fill_rows_locked(ReportRow* row) REQUIRES(resume_lock) {
          app = resume_next_app(app)) {
         int32_t number = 0;
         for (const ResumeFile* file = resume_next_file(app, &app->files); file != nullptr;
-             file = resume_next_file(app, file), row++) {
+             file = resume_next_file(app, file), ++row) {
             row->number = ++number;
             (void)text_copy(row->name, ShownText(app->name).get());
             (void)text_copy(row->path, ShownText(file->path).get());
@@ -170,7 +173,7 @@ void resume_show(int output) {
         http_client_debug_print(HTTPC_LOG_ERROR, "not enough memory");
         return;
     }
-    for (int32_t i = 0; i < report.row_count; i++) {
+    for (int32_t i = 0; i < report.row_count; ++i) {
         const ReportRow& row = report.rows[static_cast<size_t>(i)];
         report_printf(output, "%-15.15s %-3d %-48.48s\n", row.name, row.number, row.path);
     }

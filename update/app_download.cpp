@@ -83,7 +83,7 @@ int filename_update(const AppEntry& entry, xmlNodePtr app, FilenameArray array, 
         return -1;
     }
     http_client_debug_print(HTTPC_LOG_INFO, "filename_update-->after savepath [%s] ", save_path);
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < count; ++i) {
         if (array[i] == nullptr) continue;
         if (filename_prefix(entry, save_path, array[i]) != 0) return -1;
     }
@@ -128,7 +128,7 @@ UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
 // left on them. Its call is an optional one.
 void files_release(const AppFiles& files) {
     if (http_download_file_release == nullptr) return;
-    for (int32_t i = 0; i < files.done; i++) http_download_file_release(files.array[i]);
+    for (int32_t i = 0; i < files.done; ++i) http_download_file_release(files.array[i]);
 }
 
 // The resume file can't always be written. What is handed over all the same must not
@@ -163,8 +163,9 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
     bool recorded = false;
     if (daily || resume_retry_count.load(std::memory_order_relaxed) > 0) {
         recorded = resume_add(entry.name, files.array, files.count, files.done, incremental) == 0;
-        if (recorded && daily)
+        if (recorded && daily) {
             resume_retry_count.store(RESUME_RETRY_MAX, std::memory_order_relaxed);
+        }
     }
     FilenameArray failed_file = files.array + files.done;
     if (!recorded) {
@@ -181,10 +182,11 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
 // result is that of the last file. Returns the app's.
 UpdateStatus apps_down_finish(const AppTurn& turn, const AppFiles& files, UpdateStatus result) {
     if (result == UPDATE_OK) return finish_complete(turn, files);
-    if (run_is_by_operator(turn.pass.kind))
+    if (run_is_by_operator(turn.pass.kind)) {
         resume_del_files(turn.entry.name, files.array, files.done + 1);
-    else
+    } else {
         finish_for_resume(turn, files, result);
+    }
     return result;
 }
 
@@ -198,7 +200,7 @@ UpdateStatus apps_down_files(const AppTurn& turn) {
     while (files.done < files.count) {
         result = app_file_fetch(turn, files.array[files.done]);
         if (result != UPDATE_OK) break;
-        files.done++;
+        ++files.done;
         update_progress_file_done();
         if ((turn.entry.flags & APP_FLAG_ONE_FILE) != 0) break;
     }
@@ -232,7 +234,7 @@ UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind
         return UPDATE_BAD_REPLY;
     }
     DownloadPass pass(kind, cancel);
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) {
             update_progress_set_result(slot, UPDATE_BAD_REPLY);

@@ -1,4 +1,6 @@
-// Download of one file.
+// Download of one file. A failed source is not the end: the next one is tried, until a
+// result comes that no other source could better (no room, no memory, a cancel). The
+// library's callback is the only moment to show progress and to ask for Ctrl+C.
 #include "update/download.h"
 
 #include <cstring>

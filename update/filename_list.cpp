@@ -39,7 +39,7 @@ FilenameArray filename_malloc(int32_t count) {
         http_client_debug_print(HTTPC_LOG_ERROR, "malloc for [%d] fail", count);
         return nullptr;
     }
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < count; ++i) {
         array[i] = static_cast<char*>(mem_zalloc(FILENAME_SIZE));
         if (array[i] == nullptr) {
             filename_free(array, i);
@@ -52,13 +52,13 @@ FilenameArray filename_malloc(int32_t count) {
 
 void filename_free(FilenameArray array, int32_t count) {
     if (array == nullptr || count == 0) return;
-    for (int32_t i = 0; i < count; i++) mem_free(array[i]);
+    for (int32_t i = 0; i < count; ++i) mem_free(array[i]);
     mem_free(static_cast<void*>(array));
 }
 
 void filename_unlink(FilenameArray array, int32_t count) {
     if (array == nullptr) return;
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < count; ++i) {
         if (array[i] == nullptr) continue;
         (void)unlink(array[i]);  // it may not exist
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->unlink", array[i]);
@@ -67,7 +67,7 @@ void filename_unlink(FilenameArray array, int32_t count) {
 
 int filename_find(FilenameArray array, const char* path, int32_t count) {
     if (array == nullptr || path == nullptr) return -1;
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < count; ++i) {
         if (array[i] != nullptr && strcmp(array[i], path) == 0) return 0;
     }
     return -1;

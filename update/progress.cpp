@@ -1,4 +1,5 @@
-// The record of the update run.
+// The record of the update run. Its writers call here for each change, so that the lock
+// is held for an assignment and never while something is fetched or printed.
 #include "update/progress.h"
 
 #include <algorithm>
@@ -87,5 +88,5 @@ void update_progress_set_sizes(uint64_t file_size, uint64_t down_size) {
 
 void update_progress_file_done() {
     MutexLock lock(s_lock);
-    s_progress.down_num++;
+    ++s_progress.down_num;
 }

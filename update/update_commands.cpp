@@ -39,18 +39,20 @@ static UpdateStatus requested_apps(const cli_record* record, AppSet* set) {
 static void update_report_cli(const AppSet& /*requested*/, UpdateRunKind /*kind*/, const char* host,
                               UpdateStatus status) {
     cli_printf("Update module with server %s:\r\n", host);
-    if (status != UPDATE_OK)
+    if (status != UPDATE_OK) {
         command_status_print(status);
-    else
+    } else {
         update_result_output(UPDATE_RUN_COMMAND);
+    }
 }
 
 static void update_foreground(const cli_record* record) {
     const unsigned selector = record->context != 0 ? SERVERS_SECOND : SERVERS_FIRST;
     AppSet set;
     UpdateStatus status = requested_apps(record, &set);
-    if (status == UPDATE_OK)
+    if (status == UPDATE_OK) {
         status = http_update_run(set, UPDATE_RUN_COMMAND, update_report_cli, selector);
+    }
     if (status != UPDATE_OK) command_status_print(status);
 }
 
@@ -67,18 +69,20 @@ static void* http_update_thread(void* argument) {
 
 void http_update_cmd(cli_record* record) {
     pthread_t thread{};
-    if (command_thread_create(&thread, http_update_thread, record))
+    if (command_thread_create(&thread, http_update_thread, record)) {
         cli_proc_thread_start(record, thread);
+    }
 }
 
 // --- background
 
 static void update_report_background(const AppSet& /*requested*/, UpdateRunKind /*kind*/,
                                      const char* /*host*/, UpdateStatus status) {
-    if (status != UPDATE_OK)
+    if (status != UPDATE_OK) {
         status_log(status);
-    else
+    } else {
         update_result_output(UPDATE_RUN_BACKGROUND);
+    }
 }
 
 static void* http_update_background_thread(void* argument) {

@@ -1,4 +1,5 @@
-// The operator's reports.
+// The operator's reports. Each begins with a copy of what it shows and then only prints:
+// a slow terminal holds no lock. What came from servers or apps goes through ShownText.
 #include "update/update_reports.h"
 
 #include "base/shown_text.h"
@@ -18,10 +19,11 @@ static bool pass_app_get(const UpdateProgress& progress, int slot, AppEntry* ent
 static void progress_print_apps(const UpdateProgress& progress, int output) {
     char text[640] = {};
     size_t length = 0;
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
-        if (pass_app_get(progress, slot, &entry))
+        if (pass_app_get(progress, slot, &entry)) {
             (void)text_appendf(text, sizeof(text), &length, " %s,", ShownText(entry.name).get());
+        }
     }
     if (length > 0) text[length - 1] = '.';  // over the last comma, or the cut
     report_printf(output, "update-app:");
@@ -44,19 +46,21 @@ static void progress_print_current(const UpdateProgress& progress, int output) {
 
 void update_progress_print(int output) {
     const UpdateProgress progress = update_progress_copy();
-    if (progress.state == UPDATE_STATE_FREE)
+    if (progress.state == UPDATE_STATE_FREE) {
         report_printf(output, "state: free\n");
-    else
+    } else {
         report_printf(output, "state: running\n");
+    }
     progress_print_apps(progress, output);
     progress_print_current(progress, output);
     report_printf(output, "----------------------------------\n");
     report_printf(output, "updated-result:\n");
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
-        if (pass_app_get(progress, slot, &entry))
+        if (pass_app_get(progress, slot, &entry)) {
             report_printf(output, "%s: %s\r\n", ShownText(entry.name).get(),
                           update_status_str(progress.results[slot]));
+        }
     }
 }
 
@@ -95,7 +99,7 @@ void update_test_print(int output) {
 void app_table_print(int output) {
     report_printf(output, "app-id     app-name      version            status\n");
     report_printf(output, "------ --------------- -------------------- ------\n");
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) continue;
         const bool busy = (entry.flags & APP_FLAG_BUSY) != 0;
@@ -112,7 +116,7 @@ void app_version_print() {
                   "app-id             app-name                        version           \n");
     report_printf(output,
                   "------ ------------------------------- ------------------------------\n");
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) continue;
         report_printf(output, "%-6d %-31.31s %-31.31s\n", slot, ShownText(entry.name).get(),

@@ -59,7 +59,7 @@ void update_result_output(UpdateRunKind kind) {
     const UpdateProgress progress = update_progress_copy();
     char done[704] = {};  // names of the apps that were updated
     size_t length = 0;
-    for (int slot = 0; slot < APP_REG_MAX; slot++) {
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0 || !app_set_contains(progress.app_mask, slot)) continue;
         const UpdateStatus result = progress.results[slot];

@@ -84,8 +84,9 @@ void http_client_is_continue() {
     char pid[16] = {};
     const int length = snprintf(pid, sizeof(pid), "%d", getpid());
     // The lock is what counts; the number is for people.
-    if (ftruncate(file.get(), 0) == 0)
+    if (ftruncate(file.get(), 0) == 0) {
         (void)!write(file.get(), pid, static_cast<size_t>(length) + 1);
+    }
     http_client_debug_print(HTTPC_LOG_INFO, "[%s] open success", path);
     (void)file.release();  // open, and so locked, until the process ends
 }

@@ -10,9 +10,8 @@
 // Threads: any; works on its arguments only.
 #pragma once
 
-#include <stdint.h>
-#include <string.h>
-
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -67,7 +66,7 @@ static_assert(sizeof(EndPayload) == 4);
 
 inline void frame_append(std::string* queue, FrameType type, std::string_view payload) {
     const FrameHeader header{type, 0, static_cast<uint32_t>(payload.size())};
-    queue->append(reinterpret_cast<const char*>(&header), sizeof header);
+    queue->append(reinterpret_cast<const char*>(&header), sizeof(header));
     queue->append(payload);
 }
 
@@ -88,13 +87,13 @@ class FrameReader {
     // trusted any more.
     Result Next(Frame* frame) {
         FrameHeader header{};
-        if (bytes_.size() < sizeof header) return Result::kIncomplete;
-        memcpy(&header, bytes_.data(), sizeof header);
+        if (bytes_.size() < sizeof(header)) return Result::kIncomplete;
+        memcpy(&header, bytes_.data(), sizeof(header));
         if (header.length > payload_max_) return Result::kTooLong;
-        if (bytes_.size() - sizeof header < header.length) return Result::kIncomplete;
+        if (bytes_.size() - sizeof(header) < header.length) return Result::kIncomplete;
         frame->type = FrameType{header.type};
-        frame->payload.assign(bytes_, sizeof header, header.length);
-        bytes_.erase(0, sizeof header + header.length);
+        frame->payload.assign(bytes_, sizeof(header), header.length);
+        bytes_.erase(0, sizeof(header) + header.length);
         return Result::kFrame;
     }
 

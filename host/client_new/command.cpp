@@ -3,11 +3,11 @@
 #include "host/client_new/command.h"
 
 #include <pthread.h>
-#include <stdarg.h>
-#include <stdio.h>
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <vector>
 
 #include "base/clock.h"
@@ -84,7 +84,7 @@ void end_session_line_locked(Session* session, bool refused) REQUIRES(cli_lock) 
     session->keys.clear();  // typed for this command only
     const EndPayload end{refused ? END_REFUSED : END_ACCEPTED, session->mode,
                          static_cast<uint8_t>(session->leave ? 1 : 0), 0};
-    session_send_locked(session, FRAME_END, {reinterpret_cast<const char*>(&end), sizeof end});
+    session_send_locked(session, FRAME_END, {reinterpret_cast<const char*>(&end), sizeof(end)});
 }
 
 // Releases the command; its record is gone.
@@ -217,9 +217,9 @@ std::string format_text(const char* format, va_list args) {
     char text[1024];
     va_list again;
     va_copy(again, args);
-    const int length = vsnprintf(text, sizeof text, format, args);
+    const int length = vsnprintf(text, sizeof(text), format, args);
     std::string result;
-    if (length >= 0 && static_cast<size_t>(length) < sizeof text) {
+    if (length >= 0 && static_cast<size_t>(length) < sizeof(text)) {
         result.assign(text, static_cast<size_t>(length));
     } else if (length >= 0) {
         result.resize(static_cast<size_t>(length));

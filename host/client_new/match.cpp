@@ -3,10 +3,9 @@
 // up, the first reading that may end there wins.
 #include "host/client_new/match.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 
 #include "base/text.h"
 #include "host/client_new/cli_protocol.h"
@@ -76,7 +75,7 @@ void store_number(cli_record* record, cli_slot slot, int32_t value) {
 bool store_text(cli_record* record, cli_slot slot, std::string_view text) {
     if (slot == CLI_SLOT_STRING1) return text_copy(record->string1, text);
     if (slot == CLI_SLOT_STRING2) return text_copy(record->string2, text);
-    return text.size() < sizeof record->string1;
+    return text.size() < sizeof(record->string1);
 }
 
 void add_word(std::string* path, std::string_view word) {
@@ -135,7 +134,7 @@ std::string take_number(const cli_node* node, std::string_view word, Reading* re
     const bool digits = stop == end && error != std::errc::invalid_argument;
     if (!digits || error != std::errc() || number < node->value || number > node->maximum) {
         char text[64];
-        (void)snprintf(text, sizeof text,
+        (void)snprintf(text, sizeof(text),
                        "%% %s (%d to %d): ", digits ? "Out of range" : "Not a number", node->value,
                        node->maximum);
         return text + quoted(word);
@@ -160,7 +159,7 @@ std::string take_text(const cli_node* node, const Word& word, Reading* reading) 
     if (node->kind == CLI_NODE_LINE) reading->line = node;
     const std::string_view text = node->kind == CLI_NODE_LINE ? word.rest : word.text;
     if (store_text(&reading->record, node->slot, text)) return "";
-    return "% Too long (at most " + std::to_string(sizeof reading->record.string1 - 1) +
+    return "% Too long (at most " + std::to_string(sizeof(reading->record.string1) - 1) +
            " bytes): " + quoted(text);
 }
 

@@ -1,11 +1,14 @@
-// Walk over the configuration trees, and the file that keeps its result.
+// Walk over the configuration trees, and the file that keeps its result. Nothing else
+// knows a setting's syntax: a handler writes the very line that would set it, and start-up
+// replays the lines as if they were typed.
 #include "host/client_new/running_config.h"
 
-#include <errno.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <string.h>
 #include <syslog.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 
 #include "base/file.h"
 #include "base/text.h"

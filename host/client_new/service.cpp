@@ -6,13 +6,13 @@
 // take stays in the session's queue until it is writable.
 #include "host/client_new/service.h"
 
-#include <errno.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <vector>
 
 #include "base/local_socket.h"
@@ -152,11 +152,11 @@ void serve_session(const std::shared_ptr<Session>& session) {
 
 void open_session(Session* session, std::string_view payload) {
     OpenPayload open{};
-    if (session->opened || payload.size() != sizeof open) {
+    if (session->opened || payload.size() != sizeof(open)) {
         end_session(session, "malformed request");
         return;
     }
-    memcpy(&open, payload.data(), sizeof open);
+    memcpy(&open, payload.data(), sizeof(open));
     if (open.version != PROTOCOL_VERSION) {
         end_session(session, "this program and the daemon are of different releases");
         return;
@@ -244,7 +244,7 @@ void take_frames(Session* session) {
 // One read a turn of the loop, so that a peer that sends much keeps nobody waiting.
 void receive(Session* session) {
     char bytes[4096];
-    const ssize_t count = recv(session->socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+    const ssize_t count = recv(session->socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
     if (count > 0) {
         session->input.Add({bytes, static_cast<size_t>(count)});
         take_frames(session);

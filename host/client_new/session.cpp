@@ -1,9 +1,12 @@
-// Output queue and keys of one terminal.
+// Output queue and keys of one terminal. What is printed is queued and never waits for
+// the terminal on the main loop; the queue is bounded, so that a terminal that does not
+// read costs itself and nobody else.
 #include "host/client_new/session.h"
 
-#include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+
+#include <cerrno>
 
 #include "base/clock.h"
 #include "frame/platform/client_new.h"

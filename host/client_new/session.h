@@ -6,8 +6,7 @@
 // session_wait_for_room.
 #pragma once
 
-#include <stdint.h>
-
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>

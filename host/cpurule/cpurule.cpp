@@ -3,10 +3,9 @@
 // with # are comments; the first line of a process counts.
 #include "frame/platform/cpurule.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <memory>
 #include <string_view>
 
@@ -65,7 +64,7 @@ int get_cores_affinity(CpuAffinityRequest* request) {
     if (file == nullptr) return -1;
     (void)fd.release();  // the stream closes it
     char line[LINE_SIZE];
-    while (fgets(line, sizeof line, file.get()) != nullptr) {
+    while (fgets(line, sizeof(line), file.get()) != nullptr) {
         std::string_view rest(line);
         if (next_word(&rest) != request->process) continue;
         const std::string_view list = next_word(&rest);

@@ -11,11 +11,11 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <stdlib.h>
-#include <string.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string_view>
 #include <type_traits>
@@ -67,7 +67,7 @@ Channel channel_create(const DnsRequest& request) {
         return nullptr;
     }
     sockaddr_in source{};
-    memcpy(&source, request.source, sizeof source);
+    memcpy(&source, request.source, sizeof(source));
     // 0.0.0.0 stands for any address there too.
     if (source.sin_family == AF_INET) ares_set_local_ip4(raw, ntohl(source.sin_addr.s_addr));
     return channel;
@@ -82,7 +82,7 @@ void take_answer(void* argument, int status, int, hostent* host) {
         answer->status = ARES_ENODATA;
         return;
     }
-    memcpy(&answer->address, host->h_addr_list[0], sizeof answer->address);
+    memcpy(&answer->address, host->h_addr_list[0], sizeof(answer->address));
 }
 
 // Serves the channel's sockets until the answer or the limit.
@@ -179,7 +179,7 @@ int dns_domain_to_ip(DnsRequest* request) {
     if (dns_client_agent_init() != 0) return 0;
     const Channel channel = channel_create(*request);
     if (channel == nullptr) return 0;
-    char name[sizeof request->name + 1];
+    char name[sizeof(request->name) + 1];
     (void)text_copy(name, text_view(request->name));  // always fits
 
     Answer answer{};

@@ -4,13 +4,13 @@
 
 #include "host/http_update/http_update_app.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "base/clock.h"
@@ -112,12 +112,12 @@ struct Packet {
 bool packet_take(http_app* app, Packet* packet) {
     http_update_packet_header header{};
     const size_t have = app->end - app->begin;
-    if (have < sizeof header) return false;
-    memcpy(&header, app->buffer + app->begin, sizeof header);
-    if (have < sizeof header + header.length) return false;
+    if (have < sizeof(header)) return false;
+    memcpy(&header, app->buffer + app->begin, sizeof(header));
+    if (have < sizeof(header) + header.length) return false;
     packet->type = header.type;
-    packet->payload = {app->buffer + app->begin + sizeof header, header.length};
-    app->begin += sizeof header + header.length;
+    packet->payload = {app->buffer + app->begin + sizeof(header), header.length};
+    app->begin += sizeof(header) + header.length;
     return true;
 }
 
@@ -130,7 +130,7 @@ int buffer_fill(http_app* app) {
         app->begin = 0;
     }
     const ssize_t got =
-        recv(app->receive_fd, app->buffer + app->end, sizeof app->buffer - app->end, MSG_DONTWAIT);
+        recv(app->receive_fd, app->buffer + app->end, sizeof(app->buffer) - app->end, MSG_DONTWAIT);
     if (got > 0) {
         app->end += static_cast<size_t>(got);
         return 1;
@@ -163,8 +163,8 @@ int packet_wait(http_app* app, const Deadline* deadline, Packet* packet) {
 // the daemon would count the app as busy for ever.
 int request_refuse(http_app* app, std::span<const uint8_t> payload, int error) {
     char name[HTTP_UPDATE_NAME_SIZE] = "";
-    if (payload.size() >= sizeof name) memcpy(name, payload.data(), sizeof name);
-    if (name[0] != '\0' && name[sizeof name - 1] == '\0') {
+    if (payload.size() >= sizeof(name)) memcpy(name, payload.data(), sizeof(name));
+    if (name[0] != '\0' && name[sizeof(name) - 1] == '\0') {
         (void)http_app_answer(app, name, error, nullptr);
     }
     return -error;
@@ -186,7 +186,7 @@ int register_exchange(http_app* app, const http_msg_regist& payload) {
     int sent = 0;
     {
         const MutexLock guard(app->lock);
-        sent = send_locked(app, HTTP_MSG_TYPE_REGIST, &payload, sizeof payload);
+        sent = send_locked(app, HTTP_MSG_TYPE_REGIST, &payload, sizeof(payload));
     }
     if (sent < 0) return sent;
     const Deadline deadline(REPLY_LIMIT_MS);
@@ -201,8 +201,8 @@ int register_exchange(http_app* app, const http_msg_regist& payload) {
         if (packet.type == HTTP_MSG_TYPE_UPDATE_REQ) (void)request_queue(app, packet.payload);
         if (packet.type != HTTP_MSG_TYPE_REGIST_RSP) continue;
         http_msg_regist_rsp reply{};
-        if (packet.payload.size() != sizeof reply) return -EBADMSG;
-        memcpy(&reply, packet.payload.data(), sizeof reply);
+        if (packet.payload.size() != sizeof(reply)) return -EBADMSG;
+        memcpy(&reply, packet.payload.data(), sizeof(reply));
         // Another name: the late answer to a registration that timed out.
         if (text_view(reply.name) != text_view(payload.name)) continue;
         return reply.result < 0 ? -EBADMSG : reply.result;
@@ -214,7 +214,7 @@ int register_exchange(http_app* app, const http_msg_regist& payload) {
 template <class Payload, class Keep>
 int send_and_keep(http_app* app, uint16_t type, const Payload& payload, Keep keep) {
     const MutexLock guard(app->lock);
-    const int result = send_locked(app, type, &payload, sizeof payload);
+    const int result = send_locked(app, type, &payload, sizeof(payload));
     http_msg_regist* known = known_find_locked(app, payload.name);
     // Kept even when the connection is gone: the next one will carry it.
     if (known != nullptr) keep(known);
@@ -284,7 +284,7 @@ int http_app_reconnect(http_app* app) {
     {
         const MutexLock guard(app->lock);
         app->fd = std::move(fd);
-        memcpy(known, app->known, sizeof known);
+        memcpy(known, app->known, sizeof(known));
     }
     for (const http_msg_regist& payload : known) {
         if (payload.name[0] == '\0') continue;

@@ -4,10 +4,9 @@
 
 #include "host/http_update/app_request.h"
 
-#include <errno.h>
-#include <stdlib.h>
-#include <string.h>
-
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "frame/platform/http_update_packets.h"

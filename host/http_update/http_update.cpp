@@ -5,15 +5,15 @@
 
 #include "frame/platform/http_update.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <ctime>
 #include <optional>
 
 #include "base/clock.h"
@@ -171,7 +171,7 @@ int http_update_reg_receive_skip(int fd, int count) {
     std::optional<Deadline> deadline;
     char discarded[4096];
     while (count > 0) {
-        const size_t size = std::min(sizeof discarded, static_cast<size_t>(count));
+        const size_t size = std::min(sizeof(discarded), static_cast<size_t>(count));
         const ssize_t got = receive_some(fd, discarded, size, deadline);
         if (got == 0) errno = ECONNRESET;
         if (got <= 0) return -1;
@@ -194,7 +194,7 @@ int http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int 
     header.type = type;
     header.length = static_cast<uint16_t>(length);
     // sendmsg() only reads through the pointer that iovec declares writable.
-    iovec parts[2] = {{&header, sizeof header},
+    iovec parts[2] = {{&header, sizeof(header)},
                       {const_cast<void*>(payload), static_cast<size_t>(length)}};
 
     std::optional<Deadline> deadline;
@@ -216,7 +216,7 @@ void http_update_client_get_tmtime(char* buffer, size_t size) {
     tm local{};
     char text[64] = "";
     if (localtime_r(&now, &local) != nullptr) {
-        (void)strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+        (void)strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
     }
     const size_t kept = strnlen(text, size - 1);
     memcpy(buffer, text, kept);

@@ -5,16 +5,16 @@
 #include "host/http_util/agent.h"
 
 #include <dlfcn.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <spawn.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -77,7 +77,7 @@ void* program_watch(void* argument) {
         char text[32] = "";
         size_t length = 0;
         const bool killed = WIFSIGNALED(status);
-        (void)text_appendf(text, sizeof text, &length, "%s %d", killed ? "signal" : "status",
+        (void)text_appendf(text, sizeof(text), &length, "%s %d", killed ? "signal" : "status",
                            killed ? WTERMSIG(status) : WEXITSTATUS(status));
         log_error("has ended", text);
     }
@@ -114,7 +114,8 @@ bool library_directory(char (&directory)[PATH_SIZE]) {
 // Directory of the running program, which this library may be a part of.
 bool executable_directory(char (&directory)[PATH_SIZE]) {
     char path[PATH_SIZE] = "";
-    return readlink("/proc/self/exe", path, sizeof path - 1) > 0 && directory_take(path, directory);
+    return readlink("/proc/self/exe", path, sizeof(path) - 1) > 0 &&
+           directory_take(path, directory);
 }
 
 // Where the program lies, of the places where it may lie. False: nowhere.
@@ -136,7 +137,7 @@ bool program_find(char (&path)[2 * PATH_SIZE]) {
     return std::any_of(std::begin(places), std::end(places), [&](const auto& place) {
         size_t length = 0;
         return place.known &&
-               text_appendf(path, sizeof path, &length, "%s%s%s", place.directory, place.way,
+               text_appendf(path, sizeof(path), &length, "%s%s%s", place.directory, place.way,
                             PROGRAM) &&
                access(path, X_OK) == 0;
     });

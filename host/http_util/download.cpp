@@ -4,9 +4,8 @@
 
 #include "host/http_util/download.h"
 
-#include <string.h>
-
 #include <algorithm>
+#include <cstring>
 
 #include "base/clock.h"
 #include "base/text.h"

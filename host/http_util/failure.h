@@ -2,7 +2,7 @@
 // Threads: any.
 #pragma once
 
-#include <errno.h>
+#include <cerrno>
 
 #include "frame/platform/http_util.h"
 

@@ -1,4 +1,5 @@
-// Entry points of the download library.
+// Entry points of the download library: a thin skin of C over the course of a download,
+// and the one switch that all of them share.
 
 #include "frame/platform/http_util.h"
 

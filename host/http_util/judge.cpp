@@ -5,11 +5,11 @@
 
 #include "host/http_util/judge.h"
 
-#include <stdio.h>
-#include <string.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <string_view>
 
 #include "base/text.h"
@@ -44,9 +44,9 @@ bool validator_agrees(const HeadMessage& head, const Request& request) {
 // "bytes FIRST-LAST/TOTAL" with exactly the range that was asked for.
 bool range_agrees(const HeadMessage& head, const Request& request) {
     const auto total = static_cast<unsigned long long>(request.facts->total);
-    char expected[sizeof head.range] = "";
+    char expected[sizeof(head.range)] = "";
     size_t length = 0;
-    (void)text_appendf(expected, sizeof expected, &length, "bytes %llu-%llu/%llu",
+    (void)text_appendf(expected, sizeof(expected), &length, "bytes %llu-%llu/%llu",
                        static_cast<unsigned long long>(request.first), total - 1, total);
     return usable(head, HEAD_RANGE) && strcasecmp(head.range, expected) == 0;
 }

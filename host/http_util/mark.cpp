@@ -3,13 +3,13 @@
 
 #include "host/http_util/mark.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "base/text.h"
@@ -26,7 +26,7 @@ struct BootId {
     BootId() {
         const UniqueFd fd(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
         if (!fd.valid()) return;
-        const ssize_t got = read(fd.get(), text, sizeof text - 1);
+        const ssize_t got = read(fd.get(), text, sizeof(text) - 1);
         text[got > 0 ? got : 0] = '\0';
         text[strcspn(text, "\n")] = '\0';
     }
@@ -74,7 +74,7 @@ const char* boot_id() {
 
 bool mark_read(int fd, Mark* mark) {
     char text[MARK_SIZE];
-    const ssize_t length = fgetxattr(fd, ATTRIBUTE, text, sizeof text);
+    const ssize_t length = fgetxattr(fd, ATTRIBUTE, text, sizeof(text));
     Mark found;
     if (length <= 0 || !mark_parse({text, static_cast<size_t>(length)}, &found)) return false;
     *mark = found;
@@ -84,7 +84,7 @@ bool mark_read(int fd, Mark* mark) {
 bool mark_write(int fd, const Mark& mark) {
     char text[MARK_SIZE];
     size_t length = 0;
-    return text_appendf(text, sizeof text, &length, "%.*s\n%s\n%llu\n%llu\n%s\n%s\n",
+    return text_appendf(text, sizeof(text), &length, "%.*s\n%s\n%llu\n%llu\n%s\n%s\n",
                         static_cast<int>(FORMAT.size()), FORMAT.data(), mark.boot,
                         static_cast<unsigned long long>(mark.synced),
                         static_cast<unsigned long long>(mark.facts.total), mark.facts.validator,

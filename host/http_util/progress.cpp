@@ -1,3 +1,5 @@
+// The caller takes equal sizes for a finished file. So of a file that is not synced yet
+// one byte is held back, and a size that is unknown is always ahead of what came.
 #include "host/http_util/progress.h"
 
 #include <algorithm>

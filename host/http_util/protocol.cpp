@@ -3,10 +3,11 @@
 
 #include "host/http_util/protocol.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <string.h>
 #include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -86,21 +87,21 @@ UniqueFd descriptor_take(msghdr* packet) {
         return UniqueFd();
     }
     int fd = -1;
-    memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    memcpy(&fd, CMSG_DATA(header), sizeof(fd));
     return UniqueFd(fd);
 }
 
 }  // namespace
 
 Received message_receive(int socket, AnyMessage* message, int wait_ms, UniqueFd* file) {
-    iovec bytes{message, sizeof *message};
+    iovec bytes{message, sizeof(*message)};
     Control control{};
     msghdr packet{};
     packet.msg_iov = &bytes;
     packet.msg_iovlen = 1;
     if (file != nullptr) {
         packet.msg_control = &control;
-        packet.msg_controllen = sizeof control;
+        packet.msg_controllen = sizeof(control);
     }
     ssize_t got = recvmsg(socket, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (got < 0 && errno == EAGAIN && wait_ms != 0) {
@@ -126,12 +127,12 @@ bool message_send_bytes(int socket, const void* record, size_t size, int file, b
     packet.msg_iovlen = 1;
     if (file >= 0) {
         packet.msg_control = &control;
-        packet.msg_controllen = sizeof control.bytes;
+        packet.msg_controllen = sizeof(control.bytes);
         cmsghdr* header = CMSG_FIRSTHDR(&packet);
         header->cmsg_level = SOL_SOCKET;
         header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof file);
-        memcpy(CMSG_DATA(header), &file, sizeof file);
+        header->cmsg_len = CMSG_LEN(sizeof(file));
+        memcpy(CMSG_DATA(header), &file, sizeof(file));
     }
     const int flags = MSG_NOSIGNAL | (must_arrive ? 0 : MSG_DONTWAIT);
     ssize_t sent = -1;

@@ -190,5 +190,5 @@ template <typename Record>
 [[nodiscard]] bool message_send(int socket, const Record& record, int file = -1,
                                 bool must_arrive = true) {
     static_assert(std::is_trivially_copyable_v<Record>);
-    return message_send_bytes(socket, &record, sizeof record, file, must_arrive);
+    return message_send_bytes(socket, &record, sizeof(record), file, must_arrive);
 }

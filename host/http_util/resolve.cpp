@@ -1,7 +1,10 @@
+// The DNS client's call can't be interrupted: it runs on a thread of its own, which is
+// left behind when the caller cancels.
 #include "host/http_util/resolve.h"
 
 #include <arpa/inet.h>
-#include <string.h>
+
+#include <cstring>
 
 #include "base/side_call.h"
 #include "base/text.h"
@@ -25,7 +28,7 @@ bool request_fill(const char* host, uint32_t source, DnsRequest* request) {
     sockaddr_in from{};
     from.sin_family = AF_INET;
     from.sin_addr.s_addr = source;
-    memcpy(request->source, &from, sizeof from);
+    memcpy(request->source, &from, sizeof(from));
     return text_copy(request->name, host);
 }
 

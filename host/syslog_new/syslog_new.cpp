@@ -6,15 +6,15 @@
 // network reach the log and must not forge lines.
 #include "frame/platform/syslog_new.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "base/text.h"
@@ -38,7 +38,7 @@ std::string_view escape_of(char c, char (&buffer)[8]) {
     const auto byte = static_cast<unsigned char>(c);
     if ((byte >= ' ' && byte != 0x7f) || c == '\t') return {};
     size_t length = 0;
-    (void)text_appendf(buffer, sizeof buffer, &length, "\\x%02x", unsigned{byte});  // 4 bytes
+    (void)text_appendf(buffer, sizeof(buffer), &length, "\\x%02x", unsigned{byte});  // 4 bytes
     return {buffer, length};
 }
 
@@ -76,12 +76,13 @@ int printk_syslog_ext(int priority, const char* module, const char* level, int, 
     size_t text_length = 0;
     va_list args;
     va_start(args, format);
-    (void)text_vappendf(text, sizeof text, &text_length, format, args);  // a cut text is still said
+    (void)text_vappendf(text, sizeof(text), &text_length, format,
+                        args);  // a cut text is still said
     va_end(args);
 
     char line[LINE_SIZE] = "";
     size_t length = 0;
-    (void)text_appendf(line, sizeof line - 1, &length, "%s %s: ", module, level);
+    (void)text_appendf(line, sizeof(line) - 1, &length, "%s %s: ", module, level);
     append_escaped(line, &length, without_line_ends({text, text_length}));
 
     const char* path = getenv("PRINTK_SYSLOG_FILE");

@@ -17,8 +17,7 @@
 // Threads: any; works on its arguments and the environment only.
 #pragma once
 
-#include <stddef.h>
-
+#include <cstddef>
 #include <string>
 
 #include "base/working_dir.h"

@@ -6,17 +6,17 @@
 // newer connection needs it, so no timer has to run.
 #include "frame/platform/tech_support_msg.h"
 
-#include <errno.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -126,7 +126,7 @@ int connection_read(tq_thread* task) {
     connection->task = nullptr;
     char buffer[TECH_SUPPORT_REQUEST_MAX];
     const ssize_t got =
-        recv(connection->fd.get(), buffer, sizeof buffer - connection->request.size(), 0);
+        recv(connection->fd.get(), buffer, sizeof(buffer) - connection->request.size(), 0);
     if (got > 0) connection->request.append(buffer, static_cast<size_t>(got));
     if (connection->request.find('\n') != std::string::npos) {
         request_finish(connection);

@@ -7,11 +7,11 @@
 // The manager's unit file says how long it waits.
 #include "frame/platform/tq_proc_ham.h"
 
-#include <stddef.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <cstddef>
+#include <cstdlib>
 #include <string_view>
 
 #include "base/local_socket.h"
@@ -26,7 +26,7 @@ constexpr timeval SEND_LIMIT{1, 0};  // a manager that doesn't read must not hol
 socklen_t notify_address(std::string_view name, sockaddr_un* address) {
     if (name.size() < 2 || (name[0] != '/' && name[0] != '@')) return 0;
     if (local_address(name, address) != 0) return 0;
-    if (name[0] == '/') return sizeof *address;
+    if (name[0] == '/') return sizeof(*address);
     address->sun_path[0] = '\0';
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 }
@@ -39,7 +39,7 @@ int notify(std::string_view message) {
     if (length == 0) return -1;
     const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid() ||
-        setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_LIMIT, sizeof SEND_LIMIT) != 0) {
+        setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_LIMIT, sizeof(SEND_LIMIT)) != 0) {
         return -1;
     }
     const ssize_t sent = sendto(fd.get(), message.data(), message.size(), MSG_NOSIGNAL,

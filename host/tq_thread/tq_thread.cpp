@@ -7,13 +7,13 @@
 // a busy descriptor nor a row of due timers can keep the others away.
 #include "host/tq_thread/tq_thread_host.h"
 
-#include <assert.h>
 #include <event2/event.h>
 #include <event2/event_struct.h>
 #include <pthread.h>
-#include <stdint.h>
-#include <stdlib.h>
 
+#include <cassert>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <new>
 

@@ -6,13 +6,13 @@
 // HTTP_CLIENT_DEVICE_ROOT moves them all.
 #include "frame/platform/tqsys.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "base/file.h"
@@ -126,7 +126,7 @@ int tqsys_open_device_file(const char* path) {
     const char* root = getenv("HTTP_CLIENT_DEVICE_ROOT");
     char full[PATH_MAX];
     size_t length = 0;
-    if (!text_appendf(full, sizeof full, &length, "%s%s", root == nullptr ? "" : root, path)) {
+    if (!text_appendf(full, sizeof(full), &length, "%s%s", root == nullptr ? "" : root, path)) {
         errno = ENAMETOOLONG;
         return -1;
     }

@@ -75,7 +75,7 @@ TEST_F(Admin, DueWithinTenMinutesAlsoPastMidnight) {
 
 TEST_F(Admin, DefaultTimeIsDrawnInRange) {
     std::set<int> minutes;
-    for (int i = 0; i < 200; i++) {
+    for (int i = 0; i < 200; ++i) {
         http_update_admin_rand_time();
         const DailyTime drawn = update_time_get();
         EXPECT_TRUE(drawn.update_hour >= 0 && drawn.update_hour < 24) << drawn.update_hour;

@@ -3,10 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 #include "tests/support/resource_limit.h"

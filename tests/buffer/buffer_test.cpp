@@ -35,7 +35,7 @@ TEST(CommBuf, BehavesAsAQueueOfBytesInAsManyBlocksAsTheyNeed) {
         SCOPED_TRACE(block);
         CommBuf* buffer = comm_buf_new(static_cast<int32_t>(block));
         std::string model;
-        for (int step = 0; step < 3000; step++) {
+        for (int step = 0; step < 3000; ++step) {
             const auto count = static_cast<uint32_t>(1 + random() % 1200);
             const auto size = static_cast<int32_t>(std::min<size_t>(count, model.size()));
             const bool writes = random() % 2 == 0, bare = random() % 4 == 0;
@@ -65,7 +65,7 @@ TEST(UrlEscape, EscapesTheClassesAskedFor) {
     const std::string passing =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!$&'()*+,-./;=?_~";
     using Text = MemPtr<char>;
-    for (int byte = 1; byte < 256; byte++) {
+    for (int byte = 1; byte < 256; ++byte) {
         const std::string text = "a" + std::string(1, static_cast<char>(byte));
         char escaped[5];
         snprintf(escaped, sizeof(escaped), "a%%%02X", static_cast<unsigned>(byte));

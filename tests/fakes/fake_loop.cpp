@@ -84,7 +84,7 @@ int RunReadable(tq_thread_master* loop) {
     }
     (void)poll(polled.data(), polled.size(), 0);
     int count = 0;
-    for (size_t i = 0; i < tasks.size(); i++)
+    for (size_t i = 0; i < tasks.size(); ++i)
         if (polled[i].revents != 0 && Run(loop, tasks[i])) count++;
     return count;
 }

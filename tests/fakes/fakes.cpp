@@ -96,12 +96,12 @@ int http_download_file_progress_tlv(DownloadCtx* context, const char* url, const
 
 void http_open_debug() {
     MutexLock guard(g_lock);
-    g_state.download_debug++;
+    ++g_state.download_debug;
 }
 
 void http_close_debug() {
     MutexLock guard(g_lock);
-    g_state.download_debug--;
+    --g_state.download_debug;
 }
 
 // --- health

@@ -20,7 +20,7 @@ TEST_F(Log, LevelsPassByTheirBits) {
                                        {DEBUG_ALL, "01234"}}) {
         DebugMask = mask;
         std::string passed;
-        for (int level = -1; level <= 5; level++) {
+        for (int level = -1; level <= 5; ++level) {
             http_client_debug_print(level, "%s", "x");
             if (!fakes::Syslog().empty()) passed += std::to_string(level);
         }

@@ -1,10 +1,10 @@
 // A resume file found on disk: whatever was read from it and written back is read
 // the same ever after.
-#include <stdlib.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -24,7 +24,7 @@ extern "C" int unlink(const char* path) noexcept {
 static std::string names() {
     std::string text;
     char name[RESUME_NAME_SIZE];
-    for (uint32_t i = 0; resume_app_name(i, name); i++) text = name + ("\n" + text);
+    for (uint32_t i = 0; resume_app_name(i, name); ++i) text = name + ("\n" + text);
     return text;
 }
 

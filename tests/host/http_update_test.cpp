@@ -3,9 +3,8 @@
 
 #include "frame/platform/http_update.h"
 
-#include <errno.h>
-#include <string.h>
-
+#include <cerrno>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -72,7 +71,7 @@ TEST(HttpUpdate, DribblingPeerIsCutOff) {
         }
     });
     char bytes[1000];
-    EXPECT_EQ(-1, http_update_reg_receive_assign(pair.far.get(), bytes, sizeof bytes));
+    EXPECT_EQ(-1, http_update_reg_receive_assign(pair.far.get(), bytes, sizeof(bytes)));
     EXPECT_EQ(ETIMEDOUT, errno);
     EXPECT_GT(deadline.LeftMs(), 0);  // a byte now and then does not win more time
     pair.far.reset();

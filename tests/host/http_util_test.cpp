@@ -5,15 +5,15 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -60,7 +60,7 @@ UniqueFd loopback_socket(int type, int* port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
+    socklen_t size = sizeof(address);
     EXPECT_EQ(0, bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size));
     (void)listen(fd.get(), 16);  // of streams only
     EXPECT_EQ(0, getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size));
@@ -207,7 +207,7 @@ class HttpUtil : public ::testing::Test {
     // The mark of the file, its line so replaced by text.
     void SetMark(size_t line, const std::string& text) {
         char mark[1024] = "";
-        ASSERT_LT(0, getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof mark));
+        ASSERT_LT(0, getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof(mark)));
         std::string all(mark);
         size_t begin = 0;
         while (line-- > 0) begin = all.find('\n', begin) + 1;
@@ -495,7 +495,7 @@ TEST_F(HttpUtil, LongDownloadIsSyncedOnItsWay) {
                     Server::HOLD});
     const auto synced = [&] {
         char mark[1024] = "";
-        (void)getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof mark);
+        (void)getxattr(path_.c_str(), ATTRIBUTE, mark, sizeof(mark));
         return strtoul(strchr(strchr(mark, '\n') + 1, '\n'), nullptr, 10);
     };
     // A power cut is like a caller that goes away without a word.
@@ -516,7 +516,7 @@ TEST_F(HttpUtil, OnlyAPlainFileIsReplaced) {
     server_.Script({whole("newer")});
     EXPECT_EQ(0, Get());
     char bytes[8] = "";
-    EXPECT_EQ(3, read(old.get(), bytes, sizeof bytes));
+    EXPECT_EQ(3, read(old.get(), bytes, sizeof(bytes)));
     EXPECT_STREQ("new", bytes);
     ASSERT_EQ(0, unlink(path_.c_str()));
     ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
@@ -595,8 +595,8 @@ TEST_F(HttpUtil, NameIsLookedUpFromTheSourceAddress) {
         char packet[512] = "";
         sockaddr_in from{};
         auto* peer = reinterpret_cast<sockaddr*>(&from);
-        socklen_t size = sizeof from;
-        (void)recvfrom(dns.get(), packet, sizeof packet, 0, peer, &size);
+        socklen_t size = sizeof(from);
+        (void)recvfrom(dns.get(), packet, sizeof(packet), 0, peer, &size);
         asker = inet_ntoa(from.sin_addr);
         // The question again (a name of 14 bytes) with one address, 127.0.0.1.
         const std::string answer = std::string(packet, 2) +
@@ -627,7 +627,7 @@ TEST_F(HttpUtil, TlsServerNeedsATrustedCertificate) {
     const std::unique_ptr<FILE, int (*)(FILE*)> tls(popen(command.c_str(), "r"), pclose);
     char line[256] = "";
     int port = 0;
-    while (port == 0 && fgets(line, sizeof line, tls.get()) != nullptr) {
+    while (port == 0 && fgets(line, sizeof(line), tls.get()) != nullptr) {
         (void)sscanf(line, "ACCEPT 127.0.0.1:%d", &port);
     }
     if (port == 0) GTEST_SKIP() << "no openssl: " << directory_.Read("log");

@@ -8,20 +8,20 @@
 
 static std::string Repeat(const std::string& text, int count) {
     std::string all;
-    for (int i = 0; i < count; i++) all += text;
+    for (int i = 0; i < count; ++i) all += text;
     return all;
 }
 
 static std::string Numbered(const std::string& name, int count) {
     std::string all;
-    for (int i = 0; i < count; i++) all += " " + name + std::to_string(i) + "='x'";
+    for (int i = 0; i < count; ++i) all += " " + name + std::to_string(i) + "='x'";
     return all;
 }
 
 // Elements within each other that declare a namespace each.
 static std::string Nested(int count) {
     std::string all;
-    for (int i = 0; i < count; i++) all += "<filelist xmlns:a" + std::to_string(i) + "='x'>";
+    for (int i = 0; i < count; ++i) all += "<filelist xmlns:a" + std::to_string(i) + "='x'>";
     return all + Repeat("</filelist>", count);
 }
 
@@ -80,7 +80,7 @@ TEST(Xml, WalksDocuments) {
 }
 
 TEST(Status, WarnsOnlyWhereTheDeviceIsShortOfSomething) {
-    for (uint32_t code = 0; code < 20; code++) {
+    for (uint32_t code = 0; code < 20; ++code) {
         const bool warning = code == UPDATE_NO_MEMORY || code == UPDATE_NO_STORAGE;
         EXPECT_STREQ(update_status_prefix(code), warning ? "%warning: " : "%notice: ") << code;
         EXPECT_EQ(std::string(update_status_str(code)) == "Unknown error.", code > 16) << code;

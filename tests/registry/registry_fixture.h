@@ -2,8 +2,7 @@
 // virtual time, and apps that speak real packets to it.
 #pragma once
 
-#include <errno.h>
-
+#include <cerrno>
 #include <vector>
 
 #include "base/local_socket.h"

@@ -36,7 +36,7 @@ TEST_F(ResumeTest, DeletesStaleFetchedFilesOnly) {
 }
 
 TEST_F(ResumeTest, ShortMemoryNeverLeavesHalfAnEntry) {
-    for (int allocations = 0; allocations < 4; allocations++) {
+    for (int allocations = 0; allocations < 4; ++allocations) {
         const MemoryEndsAfter limit(allocations);
         EXPECT_EQ(Add("app", {"a", "b", "c"}, 0), -1);
         EXPECT_TRUE(resume_empty());
@@ -68,7 +68,7 @@ TEST_F(ResumeTest, FileCarriesTheListThroughRestarts) {
 TEST_F(ResumeTest, DamagedFileCostsItsDamagedEntriesOnly) {
     const std::string good = App("good", 1, {"/f"});
     std::string many;
-    for (int i = 0; i < 1500; i++) many += App("a" + std::to_string(i), 1, {"/f"});
+    for (int i = 0; i < 1500; ++i) many += App("a" + std::to_string(i), 1, {"/f"});
     for (const auto& [content, front, apps] : {
              std::tuple(Document(good).substr(0, 60), std::string(), 0U),
              {Document("<app><filecnt>1</filecnt><file name='/f'/></app>" + App("a", 3, {"/1"}) +

@@ -17,7 +17,7 @@ static tq_thread_master* s_loop = nullptr;
 UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                              unsigned selector) {
     EXPECT_TRUE(kind == UPDATE_RUN_RESUME && selector == SERVERS_BOTH);
-    s_runs++;
+    ++s_runs;
     report(requested, kind, "10.1.1.1", UPDATE_CONNECT_FAIL);
     return s_run(requested);
 }
@@ -78,7 +78,7 @@ TEST_F(ResumeTimerTest, RunsAskForListedAppsUntilTheFrontIsGivenUp) {
         return UPDATE_OK;
     };
     resume_timer_add(1800);
-    for (int i = 0; i < 4; i++) {
+    for (int i = 0; i < 4; ++i) {
         Fire();
         EXPECT_TRUE(Pending() >= 1800 && Pending() <= 7200) << Pending();
     }
@@ -112,9 +112,9 @@ TEST_F(ResumeTimerTest, ReportAndFileMayMeetARun) {
     };
     resume_timer_add(1800);
     std::thread admin([] {
-        for (int i = 0; i < 100; i++) Fire();
+        for (int i = 0; i < 100; ++i) Fire();
     });
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < 100; ++i) {
         resume_show(REPORT_TERMINAL);
         resume_write();
     }

@@ -1,8 +1,8 @@
 // host_probe CALL ARGUMENTS...: calls a library of the host and prints what it answers.
 #include <arpa/inet.h>
-#include <stdio.h>
-#include <stdlib.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>

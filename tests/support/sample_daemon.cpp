@@ -4,10 +4,10 @@
 // command's thread has said everything.
 // Threads: handlers on the main loop, workers on their own.
 #include <pthread.h>
-#include <signal.h>
-#include <stdio.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <string>
 
 #include "frame/platform/client_new.h"

@@ -4,12 +4,13 @@
 // with them the timers of the event loops.
 // Threads: any; the file's words are read with one load each.
 #include <fcntl.h>
-#include <stdint.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
 
 namespace {
 

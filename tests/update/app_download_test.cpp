@@ -59,7 +59,7 @@ class AppsDown : public RegistryServerTest {
         if (type != HTTP_MSG_TYPE_UPDATE_REQ) return "-";
         std::string names;
         size_t at = 36;
-        for (int left = payload[32]; left > 0; left--) {
+        for (int left = payload[32]; left > 0; --left) {
             const std::string path = payload.c_str() + at + 1;
             names += path.substr(path.rfind('/') + 1);
             at += path.size() + 2;
@@ -96,7 +96,7 @@ TEST_F(AppsDown, SourcesAreTriedInOrder) {
     codes_ = {{"a", 5}};
     std::string paths = "<downpath> \n</downpath><downpath> http://h/x </downpath><downpath>";
     paths += "HTTP://h</downpath><downpath>" + std::string(300, 'u') + "</downpath>";
-    for (int i = 5; i <= 11; i++) paths += "<downpath>p" + std::to_string(i) + "</downpath>";
+    for (int i = 5; i <= 11; ++i) paths += "<downpath>p" + std::to_string(i) + "</downpath>";
     const std::string body = "<filecnt>1</filecnt>" + File("a", paths);
     EXPECT_EQ(Result(UPDATE_RUN_COMMAND, body), UPDATE_DOWNLOAD_FAIL);
     std::string urls;

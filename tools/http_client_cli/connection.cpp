@@ -1,13 +1,16 @@
-// Frames, signals and the life of one command.
+// Frames, signals and the life of one command. Signals are read from a descriptor, so that
+// one poll waits for the daemon, the keyboard and them. While a command runs, Ctrl+C is
+// sent to it as a key, and it decides what that means.
 #include "connection.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <signal.h>
-#include <stdio.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 
 #include "base/file.h"
 #include "base/local_socket.h"
@@ -52,7 +55,7 @@ Event connection_lost(Connection* connection, std::string_view reason) {
 // True when *event is to be told.
 bool take_signal(Connection* connection, Event* event) {
     signalfd_siginfo info{};
-    if (read(connection->signals.get(), &info, sizeof info) != ssize_t{sizeof info}) return false;
+    if (read(connection->signals.get(), &info, sizeof(info)) != ssize_t{sizeof(info)}) return false;
     *event = info.ssi_signo == SIGINT     ? Event::kInterrupt
              : info.ssi_signo == SIGWINCH ? Event::kResize
              : info.ssi_signo == SIGCONT  ? Event::kContinue
@@ -76,14 +79,14 @@ bool take_frame(Connection* connection, Frame* frame, Event* event) {
 // False: the daemon is gone.
 bool receive(Connection* connection) {
     char bytes[16384];
-    const ssize_t count = recv(connection->socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+    const ssize_t count = recv(connection->socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
     if (count > 0) connection->reader.Add({bytes, static_cast<size_t>(count)});
     return count > 0 || (count < 0 && (errno == EINTR || errno == EAGAIN));
 }
 
 void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
     client_new::EndPayload end{};
-    if (frame.payload.size() == sizeof end) memcpy(&end, frame.payload.data(), sizeof end);
+    if (frame.payload.size() == sizeof(end)) memcpy(&end, frame.payload.data(), sizeof(end));
     connection->mode = end.mode;
     connection->left = end.leave != 0;
     *outcome = end.status == client_new::END_ACCEPTED ? Outcome::kAccepted : Outcome::kRefused;
@@ -113,8 +116,9 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
         if (event != Event::kFrame) continue;
         Outcome outcome{};
         if (frame.type == client_new::FRAME_OUTPUT) show_output(connection, frame.payload);
-        if (frame.type == client_new::FRAME_REFUSAL)
+        if (frame.type == client_new::FRAME_REFUSAL) {
             (void)file_write_all(STDERR_FILENO, frame.payload);
+        }
         if (frame.type == client_new::FRAME_END) {
             end_command(connection, frame, &outcome);
             return outcome;
@@ -135,7 +139,7 @@ bool connection_open(Connection* connection, bool second_list) {
     const client_new::OpenPayload open{client_new::PROTOCOL_VERSION,
                                        second_list ? client_new::OPEN_SECOND_LIST : 0};
     send_frame(connection, client_new::FRAME_OPEN,
-               {reinterpret_cast<const char*>(&open), sizeof open});
+               {reinterpret_cast<const char*>(&open), sizeof(open)});
     return finish_command(connection, false) == Outcome::kAccepted;
 }
 

@@ -1,11 +1,11 @@
 // Line editing with libedit. Its keys come through our own reader, so that a
 // signal or the daemon's end is noticed while the operator thinks.
 #include <histedit.h>
-#include <stdio.h>
 #include <unistd.h>
-#include <wchar.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cwchar>
 #include <memory>
 
 #include "base/file.h"

@@ -1,11 +1,11 @@
 // The operator's terminal of the daemon http_client: commands from the command
 // line, from standard input or typed.
 #include <getopt.h>
-#include <locale.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "connection.h"

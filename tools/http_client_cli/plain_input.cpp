@@ -1,6 +1,8 @@
-// Lines from standard input as they are.
-#include <errno.h>
+// Lines from standard input as they are, for scripts. They are read by poll and read, not
+// by stdio: the daemon's going away must show while no line comes.
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "base/file.h"
 #include "input.h"
@@ -23,7 +25,7 @@ bool take_line(std::string* line) {
 
 void read_more() {
     char bytes[4096];
-    const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
+    const ssize_t count = read(STDIN_FILENO, bytes, sizeof(bytes));
     if (count > 0) s_unread.append(bytes, static_cast<size_t>(count));
     if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) s_at_end = true;
 }

@@ -1,10 +1,11 @@
 // Archive header layout: POSIX.1-1988 ustar.
 #include "tar_gz.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
 
 #include "base/text.h"
 #include "base/unique_fd.h"
@@ -79,23 +80,23 @@ void tar_gz_add(TarGz* tar, std::string_view name, std::string_view content, lon
     octal(header.size, content.size());
     octal(header.mtime, static_cast<unsigned long>(mtime_s > 0 ? mtime_s : 0));
     header.typeflag = '0';
-    memcpy(header.magic, "ustar", sizeof header.magic);
-    memset(header.version, '0', sizeof header.version);
-    memset(header.checksum, ' ', sizeof header.checksum);
+    memcpy(header.magic, "ustar", sizeof(header.magic));
+    memset(header.version, '0', sizeof(header.version));
+    memset(header.checksum, ' ', sizeof(header.checksum));
     unsigned long sum = 0;
     const auto* bytes = reinterpret_cast<const unsigned char*>(&header);
-    for (size_t i = 0; i < sizeof header; ++i) sum += bytes[i];
+    for (size_t i = 0; i < sizeof(header); ++i) sum += bytes[i];
     char digits[7];
     octal(digits, sum);
-    memcpy(header.checksum, digits, sizeof digits);  // a blank stays at the end
+    memcpy(header.checksum, digits, sizeof(digits));  // a blank stays at the end
 
-    write_bytes(tar, &header, sizeof header);
+    write_bytes(tar, &header, sizeof(header));
     write_bytes(tar, content.data(), content.size());
     write_bytes(tar, ZEROES, (BLOCK - content.size() % BLOCK) % BLOCK);
 }
 
 bool tar_gz_finish(TarGz* tar) {
-    write_bytes(tar, ZEROES, sizeof ZEROES);
+    write_bytes(tar, ZEROES, sizeof(ZEROES));
     int stream_error = Z_OK;
     (void)gzerror(tar->file, &stream_error);  // a failed write in the middle
     int saved = errno;

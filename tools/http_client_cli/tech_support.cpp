@@ -3,16 +3,16 @@
 // of a sensible size, and never through a symbolic link.
 #include "tech_support.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -44,7 +44,7 @@ bool receive_all(int fd, std::string* answer) {
         if (ready == 0) errno = ETIMEDOUT;
         if (ready <= 0) return false;
         char bytes[16384];
-        const ssize_t count = recv(fd, bytes, sizeof bytes, 0);
+        const ssize_t count = recv(fd, bytes, sizeof(bytes), 0);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return count == 0;
         if (answer->size() + static_cast<size_t>(count) > ANSWER_MAX_BYTES) {

@@ -1,10 +1,12 @@
+// Stands in for a real installation: it reads every byte, so that a test that compares
+// the digest knows that the whole file had arrived when the app was told.
 #include "tools/sample_app/installer.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 
 #include "base/unique_fd.h"
@@ -36,7 +38,7 @@ int file_install(const char* path, InstalledFile* out) {
     uint64_t size_bytes = 0;
     unsigned char block[65536];
     for (;;) {
-        const ssize_t got = read(fd.get(), block, sizeof block);
+        const ssize_t got = read(fd.get(), block, sizeof(block));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return errno;
         if (got == 0) break;

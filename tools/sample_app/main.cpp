@@ -2,13 +2,13 @@
 // for real ones in the demo and in the system tests, and shows a module's author
 // the calls in their order; its output is one line a fact.
 
-#include <errno.h>
 #include <poll.h>
-#include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -129,8 +129,9 @@ void command_run(Session* session, const char* line) {
     http_app* app = session->app;
     int result = -EINVAL;
     if (word == "version") result = http_app_set_version(app, name, value);
-    if (word == "manual" || word == "auto")
+    if (word == "manual" || word == "auto") {
         result = http_app_set_manual(app, name, word == "manual");
+    }
     if (word == "save-path") result = http_app_set_save_path(app, name, value);
     printf("%s: %s %s\n", name, verb, http_app_result_text(result));
 }
@@ -146,7 +147,7 @@ int event_handle(Session* session) {
     if (result == 0 && poll(entries, 2, -1) > 0) {
         char line[512];
         if (entries[1].revents != 0) {
-            session->commands = fgets(line, sizeof line, stdin) != nullptr;
+            session->commands = fgets(line, sizeof(line), stdin) != nullptr;
             if (session->commands) command_run(session, line);
         }
         if (session->registered == 0) return 0;
@@ -164,8 +165,9 @@ void connection_restore(http_app* app) {
         (void)usleep(RETRY_US);
         const int result = http_app_reconnect(app);
         if (result == 0) break;
-        if (result > 0)
+        if (result > 0) {
             printf("registering again refused %d, %s\n", result, http_app_result_text(result));
+        }
     }
     printf("registered again\n");
 }

@@ -1,9 +1,11 @@
+// Options apply to the --name before them, as the apps of one connection may differ in
+// everything; so they are taken in order and not gathered by kind.
 #include "tools/sample_app/options.h"
 
 #include <getopt.h>
-#include <stdio.h>
-#include <stdlib.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 #include "host/http_update/http_update_app.h"

@@ -1,10 +1,13 @@
+// Bytes are compared and written at explicit positions (pread, pwrite): the file is open
+// in the library, too, which syncs it meanwhile. The first difference ends the body before
+// anything is written over.
 #include "host/http_util/program/body_writer.h"
 
-#include <errno.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -35,7 +38,7 @@ bool BodyWriter::Fail(EndReason reason, int error) {
 bool BodyWriter::Compare(const char* bytes, size_t size) {
     char expected[16384];
     while (size > 0) {
-        const size_t asked = std::min(size, sizeof expected);
+        const size_t asked = std::min(size, sizeof(expected));
         const ssize_t got = pread(file_.get(), expected, asked, static_cast<off_t>(end_.position));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return Fail(EndReason::WriteFailed, errno);

@@ -6,16 +6,12 @@
 
 #include "host/http_util/program/confine.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <seccomp.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -26,6 +22,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <memory>
 

@@ -8,10 +8,11 @@
 // gives the rights away, tries what must not succeed any more, and prints the errno of
 // each attempt.
 
-#include <signal.h>
-#include <stdio.h>
-#include <string.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
 
 #include "host/http_util/program/confine.h"
 #include "host/http_util/program/session.h"

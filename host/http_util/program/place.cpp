@@ -1,9 +1,12 @@
+// Library and program must agree on host and port, or the address that was looked up
+// would serve another host. So libcurl's parser reads a URL once, here, and the library
+// gets the parts.
 #include "host/http_util/program/place.h"
 
 #include <curl/curl.h>
-#include <stdlib.h>
-#include <string.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "base/text.h"
@@ -35,7 +38,7 @@ bool resource_copy(const Url& url, PlaceMessage* place) {
     const std::unique_ptr<char, CurlFree> owner(text);
     size_t length = 0;
     return part_copy(url, CURLUPART_PATH, path) && (!has_query || text_copy(query, text)) &&
-           text_appendf(place->resource, sizeof place->resource, &length, "%s?%s", path, query);
+           text_appendf(place->resource, sizeof(place->resource), &length, "%s?%s", path, query);
 }
 
 }  // namespace

@@ -3,8 +3,8 @@
 
 #include "host/http_util/program/response.h"
 
-#include <stdlib.h>
-#include <string.h>
+#include <cstdlib>
+#include <cstring>
 
 #include "base/text.h"
 

@@ -8,12 +8,12 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -185,7 +185,7 @@ void transfer_finish(CURLcode code) {
 
 const char* address_text(uint32_t address, char (&text)[INET_ADDRSTRLEN]) {
     const in_addr number{address};
-    return inet_ntop(AF_INET, &number, text, sizeof text);
+    return inet_ntop(AF_INET, &number, text, sizeof(text));
 }
 
 // The header lines that libcurl has no option for.
@@ -195,7 +195,7 @@ List headers_make(const GetMessage& get) {
     if (get.ranged == 0 || !list) return list;
     char line[VALIDATOR_SIZE + 16] = "";
     size_t length = 0;
-    (void)text_appendf(line, sizeof line, &length, "If-Range: %s", get.validator);
+    (void)text_appendf(line, sizeof(line), &length, "If-Range: %s", get.validator);
     if (curl_slist_append(list.get(), line) == nullptr) list.reset();
     return list;
 }
@@ -204,7 +204,7 @@ List hosts_make(const GetMessage& get) {
     char address[INET_ADDRSTRLEN] = "";
     char entry[HOST_SIZE + 64] = "";
     size_t length = 0;
-    (void)text_appendf(entry, sizeof entry, &length, "%s:%u:%s", s_session.place.host,
+    (void)text_appendf(entry, sizeof(entry), &length, "%s:%u:%s", s_session.place.host,
                        s_session.place.port, address_text(get.address, address));
     return List(curl_slist_append(nullptr, entry));
 }
@@ -234,17 +234,17 @@ bool options_set(const GetMessage& get) {
     char text[INET_ADDRSTRLEN] = "";
     size_t length = 0;
     if (get.source != 0) {
-        (void)text_appendf(source, sizeof source, &length, "host!%s",
+        (void)text_appendf(source, sizeof(source), &length, "host!%s",
                            address_text(get.source, text));
         set(CURLOPT_INTERFACE, static_cast<const char*>(source));
     }
     char range[64] = "";
     length = 0;
     if (get.ranged != 0) {
-        (void)text_appendf(range, sizeof range, &length, "%llu-",
+        (void)text_appendf(range, sizeof(range), &length, "%llu-",
                            static_cast<unsigned long long>(get.first));
         if (get.last != UINT64_MAX) {
-            (void)text_appendf(range, sizeof range, &length, "%llu",
+            (void)text_appendf(range, sizeof(range), &length, "%llu",
                                static_cast<unsigned long long>(get.last));
         }
         set(CURLOPT_RANGE, static_cast<const char*>(range));

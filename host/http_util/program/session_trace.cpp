@@ -1,3 +1,5 @@
+// What libcurl says of a transfer goes to the library as messages, since the program has
+// no log of its own. Nothing waits for that, and the values of secret headers stay here.
 #include "host/http_util/program/session_trace.h"
 
 #include <strings.h>
@@ -23,8 +25,8 @@ void line_send(int socket, const char* mark, std::string_view line, bool secret)
     if (secret) line = line.substr(0, line.find(':') + 1);
     TraceMessage message;
     size_t length = 0;
-    (void)text_appendf(message.text, sizeof message.text, &length, "%s %.*s%s", mark,
-                       static_cast<int>(std::min(line.size(), sizeof message.text)), line.data(),
+    (void)text_appendf(message.text, sizeof(message.text), &length, "%s %.*s%s", mark,
+                       static_cast<int>(std::min(line.size(), sizeof(message.text))), line.data(),
                        secret ? " (not shown)" : "");
     (void)message_send(socket, message, -1, false);  // rather lost than late
 }
