@@ -72,7 +72,7 @@ TEST_F(Log, SwitchesDriveMaskAndDownloadDebugging) {
     for (const auto& [action, bits, mask, sessions] :
          {std::tuple(1U, DEBUG_DOWNLOAD | DEBUG_INFO, 0x109U, 1),
           {2, DEBUG_DOWNLOAD, 0x101, -1},
-          {7, DEBUG_ERROR, 0x101, 0}}) {
+          {7, DEBUG_INFO, 0x101, 0}}) {
         cli_record record{};
         record.context = action;
         record.debug_bits = bits;
