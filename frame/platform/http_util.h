@@ -42,11 +42,11 @@ struct __attribute__((packed)) http_util_tlv {
 #define HTTP_DOWNLOAD_COMPLETE_ALREADY 11
 #define HTTP_DOWNLOAD_CANCELLED 20
 
-// Downloads url (http or https only) into path. flag 0 starts afresh; flag 1
-// may go on with a partial file, when the server proves that it is the same
-// file. 0 or 11: all bytes of the file are on disk at path, synced, and the
-// announced length matches. After a failure path may hold a partial file; it
-// never holds an error page.
+// Downloads url (http or https only) into path. flag 0 fetches all of it; flag 1
+// may go on with a partial file, or keep a complete one (11), when the server
+// proves that it is still the same file. 0 or 11: all bytes of the file are on
+// disk, synced, the announced length matches, and path still names the file.
+// After a failure path may hold a partial file; it never holds an error page.
 // Threads: any; the call blocks, one call at a time on one context.
 int http_download_file_progress(struct DownloadCtx* context, const char* url, const char* path,
                                 unsigned int flag);

@@ -65,6 +65,9 @@ int message_wait(Download* download) {
             return DOWNLOAD_BROKEN;
         }
         if (came) return 0;
+        // What came before a pause is noted in it.
+        const int result = download->file.Advance(download->file.size());
+        if (result != 0) return result;
     }
 }
 

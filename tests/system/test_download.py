@@ -23,6 +23,7 @@ def test_program_is_confined_and_expendable(device: Device, server: LabServer) -
     made = server.release("alpha", "2.0", {"a.bin": 3_000_000},
                           files=[{"name": "a.bin", "downpaths": SOURCES}])
     app = device.app("alpha")
+    held = device.held()
     server.fault(path="*a.bin?first", stall_after=1_000_000)
     update = device.begin("http update all")
     server.wait_stalled("a.bin.first", 1_000_000)
@@ -48,7 +49,7 @@ def test_program_is_confined_and_expendable(device: Device, server: LabServer) -
     assert device.disk("alpha") == made and app.request().files
     assert "download program: has ended: signal 9" in device.syslog()
     # Nothing stays of it.
-    wait_for(lambda: program(device) is None, "for the program to end")
+    wait_for(lambda: program(device) is None and device.held() == held, "for the program to end")
     assert "libcurl" not in daemon.read_text()
 
 
