@@ -41,7 +41,7 @@ struct Download {
     PartialFile file;
     Agent agent;
     bool found = false;    // there is a file that may be continued or kept
-    bool is_open = false;  // the program has a target that has not ended yet
+    bool is_open = false;  // the program may still have something to say of a target
     TargetMessage target;  // of the next request
     PlaceMessage place;    // of the request under way
     AnyMessage message;    // the last one received
@@ -86,7 +86,7 @@ int restart_whole(Download* download) {
     return follow_up(download, "", download->place.url);
 }
 
-// Before it is known what the target names, it may still be known what to ask for.
+// resource is path and query of the target; "" where they are not known yet.
 Request request_make(const Download& download, const char* resource) {
     Request request;
     request.resource = resource;
@@ -120,6 +120,7 @@ bool request_send(Download* download, const Request& request, uint32_t address) 
 int target_begin(Download* download, uint32_t* address) {
     const TargetMessage& target = download->target;
     *address = 0;
+    download->is_open = true;
     if (!download->agent.Begin(target)) return DOWNLOAD_NO_PROGRAM;
     if (target.base[0] == '\0' && (!download->found || download->file.facts().tagged())) {
         *address = download->agent.AddressOf(target.reference, download->job.source);
@@ -139,7 +140,6 @@ int target_set(Download* download, uint32_t* address) {
     }
     if (result != 0) return result;
     if (download->message.type != MessageType::Place) return DOWNLOAD_BROKEN;
-    download->is_open = true;
     const PlaceMessage& place = download->message.place;
     // From https it never leads back to http.
     if (place.valid == 0 || (download->place.secure != 0 && place.secure == 0)) {

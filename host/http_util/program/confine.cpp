@@ -96,9 +96,8 @@ constexpr int FREE_CALLS[] = {
 
 // What the run-time library of a sanitizer does beside that.
 constexpr int SANITIZER_CALLS[] = {
-    SCMP_SYS(sigaltstack), SCMP_SYS(sched_yield), SCMP_SYS(clock_nanosleep),   SCMP_SYS(mmap),
-    SCMP_SYS(mprotect),    SCMP_SYS(readlink),    SCMP_SYS(sched_getaffinity), SCMP_SYS(getrlimit),
-    SCMP_SYS(prlimit64)};
+    SCMP_SYS(sigaltstack), SCMP_SYS(sched_yield), SCMP_SYS(clock_nanosleep),
+    SCMP_SYS(sched_getaffinity), SCMP_SYS(getrlimit)};
 
 bool allow(scmp_filter_ctx filter, int call, std::initializer_list<scmp_arg_cmp> conditions) {
     return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call,
