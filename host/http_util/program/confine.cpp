@@ -95,9 +95,9 @@ constexpr int FREE_CALLS[] = {
     SCMP_SYS(rt_sigreturn), SCMP_SYS(restart_syscall), SCMP_SYS(exit), SCMP_SYS(exit_group)};
 
 // What the run-time library of a sanitizer does beside that.
-constexpr int SANITIZER_CALLS[] = {
-    SCMP_SYS(sigaltstack), SCMP_SYS(sched_yield), SCMP_SYS(clock_nanosleep),
-    SCMP_SYS(sched_getaffinity), SCMP_SYS(getrlimit)};
+constexpr int SANITIZER_CALLS[] = {SCMP_SYS(sigaltstack), SCMP_SYS(sched_yield),
+                                   SCMP_SYS(clock_nanosleep), SCMP_SYS(sched_getaffinity),
+                                   SCMP_SYS(getrlimit)};
 
 bool allow(scmp_filter_ctx filter, int call, std::initializer_list<scmp_arg_cmp> conditions) {
     return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call,
