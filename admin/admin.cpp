@@ -19,6 +19,8 @@
 #include "frame/health.h"
 #include "frame/identity.h"
 #include "frame/log.h"
+#include "frame/loop.h"
+#include "frame/memory_reserve.h"
 #include "registry/app_registry.h"
 #include "registry/reg_server.h"
 #include "resume/resume_timer.h"
@@ -83,15 +85,16 @@ static void daily_run(const AppSet& apps) {
     resume_timer_add(resume_delay());
 }
 
-static bool update_timer_arm() {
+static bool update_timer_arm(void* /*argument*/) {
     return tq_thread_add_timer(http_update_admin_master, http_update_admin_timer_proc, nullptr,
                                TIMER_S) != nullptr;
 }
 
 int http_update_admin_timer_proc(tq_thread* /*task*/) {
     // First, so that no failure of a run leaves the timer unarmed.
-    if (!update_timer_arm()) {
+    if (!update_timer_arm(nullptr)) {
         http_client_debug_dump("[%s %d]<-->update add timer fail", __func__, __LINE__);
+        loop_owe(update_timer_arm, nullptr);
         return -1;
     }
     if (update_mode.load(std::memory_order_relaxed) == UPDATE_MODE_MANUAL) {
@@ -112,19 +115,19 @@ int http_update_admin_timer_proc(tq_thread* /*task*/) {
 static void* http_update_admin_tqthread(void* /*argument*/) {
     (void)pthread_detach(pthread_self());
     (void)prctl(PR_SET_NAME, "http-updadmin");
+    loop_watch();
     http_update_admin_master = tq_thread_master_create();
     if (http_update_admin_master == nullptr) {
-        http_client_debug_dump("[%s %d]<-->timermaster create fail", __func__, __LINE__);
-        _exit(EXIT_FAILURE);  // the main thread still uses what exit would take down
+        http_client_debug_dump_exit("[%s %d]<-->timermaster create fail", __func__, __LINE__);
     }
-    if (!update_timer_arm()) {
-        http_client_debug_dump("[%s %d]<-->add timer fail", __func__, __LINE__);
-        _exit(EXIT_FAILURE);
+    if (!update_timer_arm(nullptr)) {
+        http_client_debug_dump_exit("[%s %d]<-->add timer fail", __func__, __LINE__);
     }
     resume_timer_init(http_update_admin_master);
     resume_timer_add(RESUME_START_DELAY_S);
-    tq_thread task{};
-    while (tq_thread_fetch(http_update_admin_master, &task) != nullptr) tq_thread_call(&task);
+    if (loop_run(http_update_admin_master)) {
+        http_client_debug_dump_exit("[%s %d]<-->the admin loop has ended", __func__, __LINE__);
+    }
     return nullptr;
 }
 
@@ -165,13 +168,13 @@ void http_update_admin_init() {
     http_update_admin_rand_time();
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, http_update_admin_tqthread, nullptr) != 0) {
-        http_client_debug_dump("[%s %d]<-->admin thread fail", __func__, __LINE__);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]<-->admin thread fail", __func__, __LINE__);
     }
 }
 
-static bool public_timer_arm(tq_thread_master* master) {
-    return tq_thread_add_timer(master, http_update_admin_public_timer, nullptr, TIMER_S) != nullptr;
+static bool public_timer_arm(void* master) {
+    return tq_thread_add_timer(static_cast<tq_thread_master*>(master),
+                               http_update_admin_public_timer, nullptr, TIMER_S) != nullptr;
 }
 
 int http_update_admin_reg_install(tq_thread_master* master) {
@@ -179,8 +182,7 @@ int http_update_admin_reg_install(tq_thread_master* master) {
     if (!s_reg_installed) http_client_debug_dump("[%s %d]<-->reg install fail", __func__, __LINE__);
     if (!public_timer_arm(master)) {
         tq_thread_master_finish(master);
-        http_client_debug_dump("[%s %d]<-->add timer fail", __func__, __LINE__);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]<-->add timer fail", __func__, __LINE__);
     }
     return 0;
 }
@@ -210,6 +212,7 @@ static void identity_retry() {
 }
 
 int http_update_admin_public_timer(tq_thread* task) {
+    memory_reserve_refill();
     http_client_retry_ham();
     identity_retry();
     if (!s_reg_installed) {
@@ -221,6 +224,7 @@ int http_update_admin_public_timer(tq_thread* task) {
     }
     if (!public_timer_arm(task->master)) {
         http_client_debug_dump("[%s %d]<-->add public timer fail", __func__, __LINE__);
+        loop_owe(public_timer_arm, task->master);
         return -1;
     }
     return 0;

@@ -1,10 +1,11 @@
-// Health monitor and watchdog. The watchdog is fed from a timer of the loop that
-// it watches, so that a loop that hangs is a loop that does not feed it.
+// Health monitor and watchdog. The watchdog is fed from a timer of the main loop, so that a
+// loop that hangs is a loop that does not feed it; and not while the admin loop is silent.
 #include "frame/health.h"
 
 #include <unistd.h>
 
 #include "frame/log.h"
+#include "frame/loop.h"
 #include "frame/platform/tq_proc_ham.h"
 
 // The health monitor's own numbers, see tq_proc_ham.h.
@@ -30,8 +31,9 @@ void http_client_retry_ham() {
     http_client_debug_print(HTTPC_LOG_INFO, "ham reg success");
 }
 
-static bool feed_dog_arm(tq_thread_master* master) {
-    return tq_thread_add_timer_withname(master, http_client_feed_dog, nullptr, FEED_DOG_S,
+static bool feed_dog_arm(void* master) {
+    return tq_thread_add_timer_withname(static_cast<tq_thread_master*>(master),
+                                        http_client_feed_dog, nullptr, FEED_DOG_S,
                                         "ham-ntfy") != nullptr;
 }
 
@@ -43,16 +45,22 @@ void http_client_dead_detection(tq_thread_master* master) {
     http_client_debug_dump("[%s %d]: ham_client_reg_thread_notify success.", __func__, __LINE__);
     if (!feed_dog_arm(master)) {
         http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+        loop_owe(feed_dog_arm, master);
     }
 }
 
 int http_client_feed_dog(tq_thread* task) {
-    if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S, HAM_TIMEOUT_ACTION) < 0) {
+    if (!loop_turns()) {
+        http_client_debug_dump("[%s %d]: the admin loop does not turn, no notification.", __func__,
+                               __LINE__);
+    } else if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S,
+                                              HAM_TIMEOUT_ACTION) < 0) {
         http_client_debug_dump("[%s %d]: ham_client_reset_thread_notify failed.", __func__,
                                __LINE__);
     }
     if (!feed_dog_arm(task->master)) {
         http_client_debug_dump("[%s %d]: tq_thread_add_timer_withname failed.", __func__, __LINE__);
+        loop_owe(feed_dog_arm, task->master);
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// The device's health monitor: it is told that this process exists, and that its
-// main loop still turns.
+// The device's health monitor: it is told that this process exists, and that its loops
+// still turn.
 // Threads: main thread.
 #pragma once
 

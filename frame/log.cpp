@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/shown_text.h"
@@ -72,17 +73,7 @@ static void dump_write(int fd, const char* line) {
     (void)!write(fd, "\r\n", 2);
 }
 
-void http_client_debug_dump(const char* format, ...) {
-    const int saved_errno = errno;
-    char line[LINE_SIZE] = {};
-    http_update_client_get_tmtime(line, sizeof(line));
-    size_t length = strnlen(line, sizeof(line) - 1);
-    (void)text_appendf(line, sizeof(line), &length, " %d:", getpid());
-    va_list args;
-    va_start(args, format);
-    (void)text_vappendf(line, sizeof(line), &length, format, args);
-    va_end(args);
-
+static void dump(const char (&line)[LINE_SIZE]) {
     char path[PATH_SIZE];
     working_path(process_tmp_dir, DUMP_FILE, path);
     const UniqueFd file(dump_open(path));
@@ -96,5 +87,37 @@ void http_client_debug_dump(const char* format, ...) {
     if (file.valid() || open_errno != ENOENT) {
         http_client_debug_print(HTTPC_LOG_REGISTER, "%s", line);
     }
+}
+
+[[gnu::format(printf, 2, 0)]] static void dump_line_fill(char (&line)[LINE_SIZE],
+                                                         const char* format, va_list args) {
+    memset(line, 0, sizeof(line));
+    http_update_client_get_tmtime(line, sizeof(line));
+    size_t length = strnlen(line, sizeof(line) - 1);
+    (void)text_appendf(line, sizeof(line), &length, " %d:", getpid());
+    (void)text_vappendf(line, sizeof(line), &length, format, args);
+}
+
+void http_client_debug_dump(const char* format, ...) {
+    const int saved_errno = errno;
+    char line[LINE_SIZE];
+    va_list args;
+    va_start(args, format);
+    dump_line_fill(line, format, args);
+    va_end(args);
+    dump(line);
     errno = saved_errno;
+}
+
+void http_client_debug_dump_exit(const char* format, ...) {
+    char line[LINE_SIZE];
+    va_list args;
+    va_start(args, format);
+    dump_line_fill(line, format, args);
+    va_end(args);
+    dump(line);
+    const ShownText shown(line);
+    (void)!write(STDERR_FILENO, shown.get(), strlen(shown.get()));
+    (void)!write(STDERR_FILENO, "\n", 1);
+    _exit(EXIT_FAILURE);
 }

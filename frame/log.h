@@ -36,3 +36,8 @@ constexpr char DUMP_FILE[] = ".http_reg_server_dump";
 // HTTPC_LOG_REGISTER. The file starts again when it has grown beyond 512 KiB.
 // Never fails its caller: without its directory the line is dropped.
 [[gnu::format(printf, 1, 2)]] void http_client_debug_dump(const char* format, ...);
+
+// The line that the process ends with, in the dump file and on standard error, which is
+// there also before the dump file is. Ends with EXIT_FAILURE at once: other threads may
+// still use what an orderly end takes down. Allocates nothing itself.
+[[noreturn, gnu::format(printf, 1, 2)]] void http_client_debug_dump_exit(const char* format, ...);

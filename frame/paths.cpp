@@ -98,9 +98,8 @@ void http_client_vsd_make_dir() {
     char path[PATH_SIZE];
     http_client_tmp_path(WORKING_DIR, &path);
     if (http_client_make_path(path) != 0) {
-        http_client_debug_dump("[%s %d]<-->[%s] mkdir fail [%s %d]", __func__, __LINE__, path,
-                               strerror(errno), errno);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]<-->[%s] mkdir fail [%s %d]", __func__, __LINE__, path,
+                                    strerror(errno), errno);
     }
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->create", path);
 

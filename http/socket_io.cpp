@@ -14,6 +14,7 @@
 #include "base/clock.h"
 #include "base/pace.h"
 #include "frame/log.h"
+#include "frame/loop.h"
 
 static constexpr double WAIT_DEFAULT_S = 5.0;
 static constexpr double WAIT_SLICE_S = 0.5;
@@ -78,6 +79,7 @@ int sock_wait(int fd, int events, double timeout_s) {
         ready = select(fd + 1, (events & SOCK_READABLE) != 0 ? readable.get() : nullptr,
                        (events & SOCK_WRITABLE) != 0 ? writable.get() : nullptr, nullptr, &left);
     } while (ready < 0 && errno == EINTR);
+    loop_turned();
     if (ready == 0) errno = ETIMEDOUT;
     return ready;
 }

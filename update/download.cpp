@@ -10,6 +10,7 @@
 #include "config/settings.h"
 #include "frame/ipv4_text.h"
 #include "frame/log.h"
+#include "frame/loop.h"
 #include "frame/platform/client_new.h"
 #include "http/xml.h"
 #include "update/progress.h"
@@ -46,6 +47,7 @@ DownloadPass::DownloadPass(UpdateRunKind run_kind, Cancel* the_cancel)
 }
 
 int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
+    loop_turned();
     update_progress_set_sizes(context->total, context->received);
     return 0;
 }
@@ -85,6 +87,7 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
 // Calls the library, from the configured source address if there is one. False
 // when that address can't be used; nothing was downloaded then.
 static bool download_call(DownloadPass* pass, const char* url, int* code) {
+    loop_turned();
     const DownloadFlag flag = run_download_flag(pass->kind);
     const SourceAddress source = src_ip_get();
     if (!source.is_set()) {

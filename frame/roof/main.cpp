@@ -9,13 +9,13 @@
 // runs until it is killed, and everything that must survive that is on disk.
 #include <malloc.h>
 
-#include <cstdlib>
-
 #include "admin/admin.h"
 #include "config/server_list.h"
 #include "frame/health.h"
 #include "frame/identity.h"
 #include "frame/log.h"
+#include "frame/loop.h"
+#include "frame/memory_reserve.h"
 #include "frame/paths.h"
 #include "frame/platform/tq_thread.h"
 #include "frame/roof/commands.h"
@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     // One heap for all threads: few allocate at the same time, and what a run has
     // freed can go back to the system from the heap's top.
     (void)mallopt(M_ARENA_MAX, 1);
+    memory_reserve_init();
 
     http_client_parse_args(argc, argv);
     http_client_get_env_dir();
@@ -37,8 +38,7 @@ int main(int argc, char** argv) {
     http_client_bind_cpus();
     http_client_master = tq_thread_master_create();
     if (http_client_master == nullptr) {
-        http_client_debug_dump("[%s %d]: tq_thread_master_create failed.", __func__, __LINE__);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]: tq_thread_master_create failed.", __func__, __LINE__);
     }
     http_client_registe_ham();
     http_client_signal_init();
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
     (void)http_update_admin_cli(http_client_master);          // reported; the daemon goes on
     http_client_dead_detection(http_client_master);
 
-    tq_thread task{};
-    while (tq_thread_fetch(http_client_master, &task) != nullptr) tq_thread_call(&task);
+    (void)loop_run(http_client_master);
+    http_client_debug_dump("[%s %d]<-->the main loop has ended", __func__, __LINE__);
     return -1;
 }

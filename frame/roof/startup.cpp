@@ -65,9 +65,8 @@ void http_client_is_continue() {
     // Not through a symbolic link: other users may put files into the directory.
     UniqueFd file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0777));
     if (!file.valid()) {
-        http_client_debug_dump("[%s %d]<-->[%s] open fail [%s %d]", __func__, __LINE__, path,
-                               strerror(errno), errno);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]<-->[%s] open fail [%s %d]", __func__, __LINE__, path,
+                                    strerror(errno), errno);
     }
     struct flock whole_file {};
     whole_file.l_type = F_WRLCK;
@@ -77,9 +76,8 @@ void http_client_is_continue() {
             http_client_debug_dump("only instance is running [%s %d]", strerror(errno), errno);
             exit(EXIT_SUCCESS);
         }
-        http_client_debug_dump("[%s %d]<-->[%s] fcntl fail [%s %d]", __func__, __LINE__, path,
-                               strerror(errno), errno);
-        exit(EXIT_FAILURE);
+        http_client_debug_dump_exit("[%s %d]<-->[%s] fcntl fail [%s %d]", __func__, __LINE__, path,
+                                    strerror(errno), errno);
     }
     char pid[16] = {};
     const int length = snprintf(pid, sizeof(pid), "%d", getpid());

@@ -6,11 +6,13 @@
 #include <atomic>
 #include <ctime>
 #include <set>
+#include <thread>
 
 #include "config/server_list.h"
 #include "config/settings.h"
 #include "frame/health.h"
 #include "frame/identity.h"
+#include "frame/loop.h"
 #include "tests/registry/registry_fixture.h"
 #include "update/progress.h"
 
@@ -97,6 +99,29 @@ TEST_F(Admin, RunsWaitForAppsOtherRunsAndAnHour) {
     EXPECT_EQ(Minute(), "") << "a refused run counts, too";
     s_monotonic += 1;
     EXPECT_HAS(Minute(), "update from server 127.0.0.1: ");
+}
+
+TEST_F(Admin, TimerThatCouldNotBeArmedIsTriedAgain) {
+    tq_thread task{loop_, nullptr, nullptr, -1, ""};
+    fakes::FailTimers(true);
+    EXPECT_EQ(http_update_admin_timer_proc(&task), -1);
+    fakes::FailTimers(false);
+    loop_settle();
+    EXPECT_EQ(fakes::Timers(loop_), std::vector<long>{60});
+}
+
+TEST_F(Admin, WatchdogIsFedOnlyWhileTheOtherLoopTurns) {
+    s_monotonic = 1000;
+    std::thread(loop_watch).join();
+    http_client_dead_detection(loop_);
+    (void)fakes::HamCalls();
+    s_monotonic += 600;
+    fakes::Advance(loop_, 60);
+    EXPECT_EQ(fakes::HamCalls(), "ham_client_reset_thread_notify(120,3)\n");
+    s_monotonic += 1;
+    fakes::Advance(loop_, 60);
+    EXPECT_EQ(fakes::HamCalls(), "");
+    EXPECT_EQ(fakes::Timers(loop_).size(), 1U) << "it may turn again";
 }
 
 TEST_F(Admin, PublicTimerRetriesWhatFailed) {

@@ -3,8 +3,11 @@
 
 #include <sys/stat.h>
 
+#include <new>
+
 #include "frame/health.h"
 #include "frame/identity.h"
+#include "frame/memory_reserve.h"
 #include "tests/support/daemon_test.h"
 
 class Startup : public DaemonTest {
@@ -20,6 +23,17 @@ TEST_F(Startup, LockThroughASymlinkFails) {
     EXPECT_EXIT_CODE(http_client_is_continue(), 1);
     EXPECT_EQ(dir_.Read("victim"), "untouched");
     ExpectDump("[http_client_is_continue ");
+}
+
+TEST_F(Startup, MemoryShortageTakesTheReserveThenEndsWithALine) {
+    memory_reserve_init();
+    std::get_new_handler()();
+    EXPECT_EQ(std::get_new_handler(), nullptr) << "there is nothing left to give";
+    EXPECT_EXIT(std::__throw_bad_alloc(), testing::ExitedWithCode(1), "out of memory");
+    ExpectDump("out of memory: the process ends");
+    memory_reserve_refill();
+    EXPECT_NE(std::get_new_handler(), nullptr);
+    (void)std::set_new_handler(nullptr);
 }
 
 TEST_F(Startup, PrefixesAreCutAndJoined) {
