@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <new>
+#include <thread>
 
 #include "frame/health.h"
 #include "frame/identity.h"
@@ -29,7 +30,9 @@ TEST_F(Startup, MemoryShortageTakesTheReserveThenEndsWithALine) {
     memory_reserve_init();
     std::get_new_handler()();
     EXPECT_EQ(std::get_new_handler(), nullptr) << "there is nothing left to give";
-    EXPECT_EXIT(std::__throw_bad_alloc(), testing::ExitedWithCode(1), "out of memory");
+    // On a thread, for the test framework would catch it.
+    EXPECT_EXIT(std::thread(std::__throw_bad_alloc).join(), testing::ExitedWithCode(1),
+                "out of memory");
     ExpectDump("out of memory: the process ends");
     memory_reserve_refill();
     EXPECT_NE(std::get_new_handler(), nullptr);
