@@ -4,6 +4,8 @@
 
 #include "registry/reg_messages.h"
 
+#include <poll.h>
+
 #include <cstring>
 #include <string_view>
 
@@ -40,6 +42,17 @@ bool message_read_logged(std::span<const uint8_t> payload, Message* message) {
     return false;
 }
 
+// Sends without waiting for an app that does not read. Negative: could not.
+int reply_send(int sock, uint16_t type, const void* payload, int length) {
+    if (http_update_reg_send_now != nullptr) {
+        return http_update_reg_send_now(sock, type, payload, length);
+    }
+    // The nearest to it: a socket that says so takes a packet as small as a reply.
+    pollfd entry{sock, POLLOUT, 0};
+    if (poll(&entry, 1, 0) != 1 || (entry.revents & POLLOUT) == 0) return -1;
+    return http_update_reg_send_normal(sock, type, payload, length);
+}
+
 int regist_handle(int sock, std::span<const uint8_t> payload) {
     http_msg_regist message{};
     // An app whose idea of the message differs would wait for its answer for ever.
@@ -54,7 +67,7 @@ int regist_handle(int sock, std::span<const uint8_t> payload) {
         reg_app_set_savepath(name, save_path) != 0) {
         reply.result = REG_TABLE_FULL;
     }
-    if (http_update_reg_send_normal(sock, HTTP_MSG_TYPE_REGIST_RSP, &reply, sizeof(reply)) < 0) {
+    if (reply_send(sock, HTTP_MSG_TYPE_REGIST_RSP, &reply, sizeof(reply)) < 0) {
         http_client_debug_dump("send HTTP_MSG_TYPE_REGIST_RSP fail");
         return -1;
     }

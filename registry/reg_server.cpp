@@ -1,28 +1,30 @@
 // The registration server: one read task on the listening socket and one on each
-// connection, all on the main loop. Payloads go through one shared buffer: a
-// handler is done with it before the next packet is read. An app that stalls in
-// the middle of a packet holds the loop for no longer than the packet library
-// lets it.
+// connection, all on the main loop. Each takes what has arrived and goes: a packet
+// is handled when its last byte is there, and a timer looks after the one that does
+// not become whole.
 
 #include "registry/reg_server.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <span>
+#include <optional>
 #include <utility>
 
+#include "base/clock.h"
 #include "base/local_socket.h"
 #include "base/sync.h"
 #include "base/unique_fd.h"
 #include "frame/log.h"
 #include "frame/paths.h"
-#include "frame/platform/http_update.h"
 #include "registry/app_registry.h"
+#include "registry/packet_reader.h"
 #include "registry/reg_messages.h"
 
 static Mutex s_clients_lock;  // leaf
@@ -30,8 +32,13 @@ static Mutex s_clients_lock;  // leaf
 struct RegClient {
     UniqueFd sock;
     int slot = -1;
-    tq_thread* read_event = nullptr;  // null while the callback runs
+    uid_t user = 0;
+    uint64_t number = 0;               // of all connections; a lower one is older
+    tq_thread* read_event = nullptr;   // null while the callback runs
+    tq_thread* watch_event = nullptr;  // pending while a packet is not whole
     tq_thread_master* master = nullptr;
+    PacketReader reader;
+    std::optional<Deadline> packet_deadline;  // of the packet that is not whole
     int holds GUARDED_BY(s_clients_lock) = 0;
     bool ended GUARDED_BY(s_clients_lock) = false;   // the main loop has yet to close it
     bool closed GUARDED_BY(s_clients_lock) = false;  // out of the table; freed with the last hold
@@ -40,6 +47,8 @@ struct RegClient {
 namespace {
 
 constexpr int LISTEN_BACKLOG = 50;
+constexpr int PACKET_LIMIT_MS = 2000;
+constexpr long WATCH_S = 1;
 
 struct RegServer {
     UniqueFd sock;
@@ -50,10 +59,12 @@ struct RegServer {
 };
 
 RegServer s_server;
-RegClient* s_clients[REG_CLIENT_MAX] GUARDED_BY(s_clients_lock);
-uint8_t s_payload[REG_PKT_MAX];
+using ClientTable = std::array<RegClient*, REG_CLIENT_MAX>;
+ClientTable s_clients GUARDED_BY(s_clients_lock);
+uint64_t s_accepted = 0;
 
 int reg_client_read(tq_thread* event);
+int packet_watch(tq_thread* event);
 
 bool read_event_arm(RegClient* client) {
     client->read_event = tq_thread_add_read_withname(client->master, reg_client_read, client,
@@ -63,13 +74,27 @@ bool read_event_arm(RegClient* client) {
     return false;
 }
 
+bool watch_event_arm(RegClient* client) {
+    client->watch_event =
+        tq_thread_add_timer_withname(client->master, packet_watch, client, WATCH_S, "t-packet");
+    if (client->watch_event != nullptr) return true;
+    http_client_debug_dump("Failed to add timer thread");
+    return false;
+}
+
+void event_cancel(tq_thread** event) {
+    if (*event != nullptr) tq_thread_cancel(*event);
+    *event = nullptr;
+}
+
 void reg_client_close(RegClient* client) {
     // First of all, for a holder may free the record as soon as it is marked.
-    tq_thread_cancel(client->read_event);
+    event_cancel(&client->read_event);
+    event_cancel(&client->watch_event);
     bool held = false;
     {
         const MutexLock guard(s_clients_lock);
-        if (client->slot >= 0 && client->slot < REG_CLIENT_MAX) s_clients[client->slot] = nullptr;
+        std::replace(s_clients.begin(), s_clients.end(), client, static_cast<RegClient*>(nullptr));
         client->closed = true;
         held = client->holds > 0;
         // Whoever sends on it learns that it is over. Nothing to do about a failure.
@@ -91,32 +116,25 @@ bool reg_client_ended(const RegClient* client) {
     return client->ended;
 }
 
+// A packet has its time from its first byte to its last.
+bool packet_watched(RegClient* client) {
+    if (!client->reader.begun()) {
+        client->packet_deadline.reset();
+        event_cancel(&client->watch_event);
+        return true;
+    }
+    if (client->packet_deadline) return true;
+    client->packet_deadline.emplace(PACKET_LIMIT_MS);
+    return watch_event_arm(client);
+}
+
 int reg_client_recv(RegClient* client) {
     const int sock = client->sock.get();
-    http_update_packet_header header{};
-    const int received = http_update_reg_receive_assign(sock, &header, sizeof(header));
-    if (received != static_cast<int>(sizeof(header))) {
-        const int error = errno;
-        http_client_debug_dump("[%d]<-->receive fail [%d],errno [%d, %s]", sock, received, error,
-                               strerror(error));
-        return -1;
-    }
-    const int length = header.length;
-    if (length > REG_PKT_MAX) {
-        http_client_debug_dump("The pkt len:%d is large than %d", length, REG_PKT_MAX);
-        return http_update_reg_receive_skip(sock, length);
-    }
-    if (length > 0) {
-        const int count = http_update_reg_receive_assign(sock, s_payload, length);
-        if (count != length) {
-            http_client_debug_dump("received %d fail for %d, errno %s", length, count,
-                                   strerror(errno));
-            return -1;
-        }
-    }
-    http_client_debug_dump("[%d]<-->receive type %d", sock, header.type);
-    return reg_msg_dispatch(sock, header.type,
-                            std::span(s_payload).first(static_cast<size_t>(length)));
+    AppPacket packet{};
+    const int result = packet_read(sock, &client->reader, &packet);
+    if (result <= 0) return result;
+    http_client_debug_dump("[%d]<-->receive type %d", sock, packet.type);
+    return reg_msg_dispatch(sock, packet.type, packet.payload);
 }
 
 int reg_client_read(tq_thread* event) {
@@ -128,29 +146,73 @@ int reg_client_read(tq_thread* event) {
     client->read_event = nullptr;
     if (reg_client_ended(client) || reg_client_recv(client) < 0) {
         http_client_debug_dump("[%d]<-->disconnect", client->sock.get());
-    } else if (read_event_arm(client)) {
+    } else if (packet_watched(client) && read_event_arm(client)) {
         return 0;
     }
     reg_client_disconnect(client);
     return -1;
 }
 
-// Lowest free slot, or -1.
-int client_slot_find() {
-    const MutexLock guard(s_clients_lock);
-    for (int slot = 0; slot < REG_CLIENT_MAX; ++slot) {
-        if (s_clients[slot] == nullptr) return slot;
-    }
+// By the clock and not by the timer alone, which a test may run faster than its apps.
+int packet_watch(tq_thread* event) {
+    auto* client = static_cast<RegClient*>(TQ_THREAD_ARG(event));
+    client->watch_event = nullptr;
+    if (client->packet_deadline->LeftMs() > 0 && watch_event_arm(client)) return 0;
+    http_client_debug_dump("[%d]<-->receive fail [%d],errno [%d, %s]", client->sock.get(),
+                           client->reader.have, ETIMEDOUT, strerror(ETIMEDOUT));
+    http_client_debug_dump("[%d]<-->disconnect", client->sock.get());
+    reg_client_disconnect(client);
     return -1;
+}
+
+// The records stay while the main loop looks at them: it alone takes them away.
+ClientTable clients_copy() {
+    const MutexLock guard(s_clients_lock);
+    return s_clients;
+}
+
+// Whether there is a place among at most that many connections of the user, or of all
+// users: the oldest one that has registered nothing gives way for it.
+bool client_place_make(std::optional<uid_t> user, int most) {
+    int count = 0;
+    RegClient* oldest = nullptr;
+    for (RegClient* client : clients_copy()) {
+        if (client == nullptr || (user && client->user != *user)) continue;
+        ++count;
+        if (oldest != nullptr && oldest->number < client->number) continue;
+        if (!reg_app_fd_in_use(client->sock.get())) oldest = client;
+    }
+    if (count < most) return true;
+    if (oldest == nullptr) {
+        http_client_debug_dump("client num is large than %d", most);
+        return false;
+    }
+    http_client_debug_dump("[%d]<-->disconnect, has registered nothing", oldest->sock.get());
+    reg_client_disconnect(oldest);
+    return true;
+}
+
+// Lowest free slot, or -1.
+int client_slot_find(uid_t user) {
+    if (user != geteuid() && !client_place_make(user, REG_CLIENT_USER_MAX)) return -1;
+    if (!client_place_make(std::nullopt, REG_CLIENT_MAX)) return -1;
+    const ClientTable clients = clients_copy();
+    return static_cast<int>(std::find(clients.begin(), clients.end(), nullptr) - clients.begin());
+}
+
+// The user that has connected.
+uid_t peer_user(int sock) {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    const bool told = getsockopt(sock, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+    return told ? peer.uid : static_cast<uid_t>(-1);
 }
 
 // Takes the socket over; it is closed on failure.
 int reg_client_add(tq_thread_master* master, UniqueFd sock) {
-    const int slot = client_slot_find();
-    if (slot < 0) {
-        http_client_debug_dump("client num is large than %d", REG_CLIENT_MAX);
-        return -1;
-    }
+    const uid_t user = peer_user(sock.get());
+    const int slot = client_slot_find(user);
+    if (slot < 0) return -1;
     std::unique_ptr<RegClient> client(new (std::nothrow) RegClient);
     if (client == nullptr) {
         http_client_debug_dump("malloc fail");
@@ -158,11 +220,18 @@ int reg_client_add(tq_thread_master* master, UniqueFd sock) {
     }
     client->sock = std::move(sock);
     client->slot = slot;
+    client->user = user;
+    client->number = ++s_accepted;
     client->master = master;
+    const int enabled = 1;
+    if (setsockopt(client->sock.get(), SOL_SOCKET, SO_OOBINLINE, &enabled, sizeof(enabled)) != 0) {
+        http_client_debug_dump("setsockopt fail, errno [%s]", strerror(errno));
+        return -1;
+    }
     if (!read_event_arm(client.get())) return -1;
     http_client_debug_dump("[%d]<-->client listen index [%d]", client->sock.get(), slot);
     const MutexLock guard(s_clients_lock);
-    s_clients[slot] = client.release();
+    s_clients[static_cast<size_t>(slot)] = client.release();
     return 0;
 }
 

@@ -2,6 +2,14 @@
 // report and are told of their updates. An app's entry belongs to the connection
 // that it registered on and goes when that ends.
 //
+// The main loop never waits for an app. A packet has two seconds from its first byte
+// to its last, and an answer has to go out at once: else the connection ends.
+//
+// Nobody can shut the apps out by connecting. Where there is no place left, the oldest
+// connection that has registered nothing gives way. A user other than the daemon's own
+// has no place left beside eight connections of his, too; apps of the daemon's user may
+// have all ten. A connection is refused only beside as many that have registered.
+//
 // Threads: everything runs on the main loop, except what other threads need to
 // send to an app: reg_client_hold and reg_client_disconnect_fd.
 //
@@ -14,7 +22,8 @@
 #include "frame/platform/http_update_packets.h"
 #include "frame/platform/tq_thread.h"
 
-constexpr int REG_CLIENT_MAX = 10;  // connections at a time
+constexpr int REG_CLIENT_MAX = 10;      // connections at a time
+constexpr int REG_CLIENT_USER_MAX = 8;  // of one user, unless he is the daemon's own
 constexpr int REG_PKT_MAX = HTTP_UPDATE_APP_PAYLOAD_MAX;
 constexpr char REG_SOCKET_PATH[] = HTTP_UPDATE_SOCKET_PATH;
 

@@ -29,6 +29,15 @@ int http_update_reg_receive_skip(int fd, int count);
 // Threads: any.
 int http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int length);
 
+// Optional: a library may lack it. The same without waiting for the peer: what can't be
+// sent at once fails with EAGAIN, be it that the socket is full or that another sender
+// waits for it to become empty.
+// Threads: any.
+#ifdef __GNUC__
+__attribute__((weak))
+#endif
+int http_update_reg_send_now(int fd, uint16_t type, const void* payload, int length);
+
 // Writes the current local time as "YYYY-MM-DD HH:MM:SS", zero-terminated, cut
 // to size bytes.
 // Threads: any.

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <optional>
+#include <span>
 
 #include "base/clock.h"
 #include "base/sync.h"
@@ -59,43 +60,69 @@ class DescriptorLock {
   public:
     // False: the deadline has passed before the other senders were done.
     [[nodiscard]] bool Acquire(int fd, std::optional<Deadline>& deadline);
+    // False: another sender waits for the peer. One that is at work is waited for.
+    [[nodiscard]] bool AcquireNow(int fd);
+    // Says that the sender, who has it, begins to wait for the peer.
+    void PeerIsSlow();
     void Release();
 
   private:
-    static bool IsHeld(int fd) REQUIRES(s_lock);
+    static const DescriptorLock* Holder(int fd) REQUIRES(s_lock);
+    void Take(int fd) REQUIRES(s_lock);
 
     static Mutex s_lock;  // leaf
-    static pthread_cond_t s_released;
+    static pthread_cond_t s_changed;
     static DescriptorLock* s_first GUARDED_BY(s_lock);
 
     int fd_ GUARDED_BY(s_lock) = -1;
+    bool peer_is_slow_ GUARDED_BY(s_lock) = false;
     DescriptorLock* next_ GUARDED_BY(s_lock) = nullptr;
 };
 
 Mutex DescriptorLock::s_lock;
-pthread_cond_t DescriptorLock::s_released = PTHREAD_COND_INITIALIZER;
+pthread_cond_t DescriptorLock::s_changed = PTHREAD_COND_INITIALIZER;
 DescriptorLock* DescriptorLock::s_first = nullptr;
 
-bool DescriptorLock::IsHeld(int fd) {
-    for (const DescriptorLock* held = s_first; held != nullptr; held = held->next_) {
-        if (held->fd_ == fd) return true;
-    }
-    return false;
+const DescriptorLock* DescriptorLock::Holder(int fd) {
+    const DescriptorLock* held = s_first;
+    while (held != nullptr && held->fd_ != fd) held = held->next_;
+    return held;
+}
+
+void DescriptorLock::Take(int fd) {
+    fd_ = fd;
+    next_ = s_first;
+    s_first = this;
 }
 
 bool DescriptorLock::Acquire(int fd, std::optional<Deadline>& deadline) {
     const MutexLock guard(s_lock);
-    while (IsHeld(fd)) {
+    while (Holder(fd) != nullptr) {
         if (!deadline) deadline.emplace(SEND_LIMIT_MS);
         const timespec until = deadline->At();
         const int error =
-            pthread_cond_clockwait(&s_released, s_lock.Native(), CLOCK_MONOTONIC, &until);
-        if (error == ETIMEDOUT && IsHeld(fd)) return false;
+            pthread_cond_clockwait(&s_changed, s_lock.Native(), CLOCK_MONOTONIC, &until);
+        if (error == ETIMEDOUT && Holder(fd) != nullptr) return false;
     }
-    fd_ = fd;
-    next_ = s_first;
-    s_first = this;
+    Take(fd);
     return true;
+}
+
+bool DescriptorLock::AcquireNow(int fd) {
+    const MutexLock guard(s_lock);
+    while (const DescriptorLock* holder = Holder(fd)) {
+        if (holder->peer_is_slow_) return false;
+        (void)pthread_cond_wait(&s_changed, s_lock.Native());
+    }
+    Take(fd);
+    return true;
+}
+
+void DescriptorLock::PeerIsSlow() {
+    const MutexLock guard(s_lock);
+    if (peer_is_slow_) return;
+    peer_is_slow_ = true;
+    (void)pthread_cond_broadcast(&s_changed);
 }
 
 void DescriptorLock::Release() {
@@ -103,7 +130,7 @@ void DescriptorLock::Release() {
     DescriptorLock** link = &s_first;
     while (*link != this) link = &(*link)->next_;
     *link = next_;
-    (void)pthread_cond_broadcast(&s_released);
+    (void)pthread_cond_broadcast(&s_changed);
 }
 
 // Takes count sent bytes off the front of the two parts.
@@ -116,7 +143,11 @@ void parts_advance(iovec (&parts)[2], size_t count) {
     }
 }
 
-int send_all(int fd, iovec (&parts)[2], std::optional<Deadline>& deadline) {
+// Whether a full socket is waited for.
+enum class Patience { LIMITED, NONE };
+
+int send_all(int fd, iovec (&parts)[2], Patience patience, DescriptorLock* lock,
+             std::optional<Deadline>& deadline) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
@@ -130,7 +161,10 @@ int send_all(int fd, iovec (&parts)[2], std::optional<Deadline>& deadline) {
             continue;
         }
         if (errno == EINTR) continue;
-        if (errno == EAGAIN && socket_wait(fd, POLLOUT, SEND_LIMIT_MS, deadline)) continue;
+        if (errno == EAGAIN && patience == Patience::LIMITED) {
+            lock->PeerIsSlow();
+            if (socket_wait(fd, POLLOUT, SEND_LIMIT_MS, deadline)) continue;
+        }
         if (begun) {
             // The next sender's packet must not pass for the rest of this one.
             const int error = errno;
@@ -139,6 +173,43 @@ int send_all(int fd, iovec (&parts)[2], std::optional<Deadline>& deadline) {
         }
         return -1;
     }
+}
+
+int packet_send(int fd, uint16_t type, std::span<const uint8_t> payload, Patience patience) {
+    http_update_packet_header header{};
+    header.version = HTTP_UPDATE_PACKET_VERSION;
+    header.type = type;
+    header.length = static_cast<uint16_t>(payload.size());
+    // sendmsg() only reads through the pointer that iovec declares writable.
+    iovec parts[2] = {{&header, sizeof(header)},
+                      {const_cast<uint8_t*>(payload.data()), payload.size()}};
+
+    std::optional<Deadline> deadline;
+    DescriptorLock lock;
+    const bool patient = patience == Patience::LIMITED;
+    if (!(patient ? lock.Acquire(fd, deadline) : lock.AcquireNow(fd))) {
+        errno = patient ? ETIMEDOUT : EAGAIN;
+        return -1;
+    }
+    const int result = send_all(fd, parts, patience, &lock, deadline);
+    const int error = errno;
+    lock.Release();
+    errno = error;
+    return result;
+}
+
+int packet_check_and_send(int fd, uint16_t type, const void* payload, int length,
+                          Patience patience) {
+    if (length < 0 || length > HTTP_UPDATE_PAYLOAD_MAX) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    if (payload == nullptr && length > 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(payload);
+    return packet_send(fd, type, {bytes, static_cast<size_t>(length)}, patience);
 }
 
 }  // namespace
@@ -181,33 +252,11 @@ int http_update_reg_receive_skip(int fd, int count) {
 }
 
 int http_update_reg_send_normal(int fd, uint16_t type, const void* payload, int length) {
-    if (length < 0 || length > HTTP_UPDATE_PAYLOAD_MAX) {
-        errno = EMSGSIZE;
-        return -1;
-    }
-    if (payload == nullptr && length > 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    http_update_packet_header header{};
-    header.version = HTTP_UPDATE_PACKET_VERSION;
-    header.type = type;
-    header.length = static_cast<uint16_t>(length);
-    // sendmsg() only reads through the pointer that iovec declares writable.
-    iovec parts[2] = {{&header, sizeof(header)},
-                      {const_cast<void*>(payload), static_cast<size_t>(length)}};
+    return packet_check_and_send(fd, type, payload, length, Patience::LIMITED);
+}
 
-    std::optional<Deadline> deadline;
-    DescriptorLock lock;
-    if (!lock.Acquire(fd, deadline)) {
-        errno = ETIMEDOUT;
-        return -1;
-    }
-    const int result = send_all(fd, parts, deadline);
-    const int error = errno;
-    lock.Release();
-    errno = error;
-    return result;
+int http_update_reg_send_now(int fd, uint16_t type, const void* payload, int length) {
+    return packet_check_and_send(fd, type, payload, length, Patience::NONE);
 }
 
 void http_update_client_get_tmtime(char* buffer, size_t size) {

@@ -3,6 +3,7 @@
 
 #include "frame/platform/http_update.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -114,6 +115,23 @@ TEST(HttpUpdate, StuckPeerDelaysOnlyItsOwnSenders) {
     // The stream ends inside a packet: nothing may be taken for the rest of it.
     EXPECT_EQ(-1, http_update_reg_send_normal(stuck.near.get(), 2, "x", 1));
     EXPECT_EQ(EPIPE, errno);
+}
+
+TEST(HttpUpdate, SendNowWaitsForNobody) {
+    Pair full;
+    while (send(full.near.get(), "x", 1, MSG_DONTWAIT) == 1) continue;
+    std::atomic<bool> ended = false;
+    std::thread patient([&] {
+        EXPECT_EQ(-1, http_update_reg_send_normal(full.near.get(), 3, "x", 1));
+        ended = true;
+    });
+    for (int n = 0; n < 10000; ++n) {  // before and while the other one waits
+        ASSERT_EQ(-1, http_update_reg_send_now(full.near.get(), 2, "x", 1));
+        ASSERT_EQ(EAGAIN, errno);
+    }
+    EXPECT_FALSE(ended);
+    full.far.reset();
+    patient.join();
 }
 
 TEST(AppRequest, RefusesWhatDoesNotFit) {

@@ -1,12 +1,27 @@
 #include "registry/reg_server.h"
 
+#include <poll.h>
+
 #include "tests/registry/registry_fixture.h"
 #include "tests/support/failing_alloc.h"
 #include "tests/support/resource_limit.h"
 
+static int s_waits;  // of this process for a socket
+
+// Stands in for the C library's, in the packet library too.
+extern "C" int poll(pollfd* fds, nfds_t count, int timeout_ms) {
+    if (timeout_ms != 0) ++s_waits;
+    const timespec limit{timeout_ms / 1000, timeout_ms % 1000 * 1'000'000};
+    return ppoll(fds, count, timeout_ms < 0 ? nullptr : &limit, nullptr);
+}
+
 namespace {
 
 using RegServer = RegistryServerTest;
+
+std::string head(uint16_t type, uint16_t length) {
+    return Bytes(http_update_packet_header{1, type, length, {}});
+}
 
 // Every field is filled to its last byte and so has no terminator.
 TEST_F(RegServer, AppLivesThroughItsMessages) {
@@ -61,9 +76,6 @@ TEST_F(RegServer, NamesAndTableHaveBounds) {
 }
 
 TEST_F(RegServer, HostilePackets) {
-    const auto head = [](uint16_t type, uint16_t length) {
-        return Bytes(http_update_packet_header{1, type, length, {}});
-    };
     const auto packet = [&](uint16_t type, uint16_t length) {
         return head(type, length) + std::string(length, '\xff');
     };
@@ -82,6 +94,7 @@ TEST_F(RegServer, HostilePackets) {
         {packet(1, 4097), true, "The pkt len:4097 is large than 4096"},
         {"12345", false, "<-->receive fail [5],errno"},
         {head(5, 64) + "x", false, "received 64 fail for 1, errno"},
+        {head(5, 64), false, "received 64 fail for 0, errno"},
         {head(5, 5000) + "x", false, "<-->disconnect"},
     };
     for (const auto& row : rows) {
@@ -97,6 +110,63 @@ TEST_F(RegServer, HostilePackets) {
         Disconnect(app);
         EXPECT_EQ(First().fd, -1);
     }
+}
+
+TEST_F(RegServer, LoopNeverWaitsForAnApp) {
+    s_waits = 0;
+    const int well = Connect();
+    const std::string packet = head(HTTP_MSG_TYPE_REGIST, 196) + Field("", 4) + Field("half", 192);
+    for (const size_t cut : {1U, 12U, 13U, 207U}) {
+        SCOPED_TRACE(cut);
+        const int half = Connect();
+        // A packet that is too long is skipped as it comes, a byte out of band is one like others.
+        for (const std::string& part : {head(9, 5000), std::string(4999, 'x')}) {
+            EXPECT_GT(send(half, part.data(), part.size(), MSG_NOSIGNAL), 0);
+            Turn();
+        }
+        EXPECT_EQ(send(half, "x", 1, MSG_OOB | MSG_NOSIGNAL), 1);
+        EXPECT_GT(send(half, packet.data(), cut, MSG_NOSIGNAL), 0);
+        EXPECT_EQ(Register(well, "well"), REG_OK);
+        EXPECT_GT(send(half, packet.data() + cut, packet.size() - cut, MSG_NOSIGNAL), 0);
+        EXPECT_EQ(fakes::Timers(loop_).size(), 1U);
+        Turn();
+        EXPECT_EQ(Answer(half, "half"), REG_OK);
+        EXPECT_TRUE(fakes::Timers(loop_).empty());
+        Disconnect(half);
+    }
+    const int mute = Connect();
+    while (send(mute, packet.data(), packet.size(), MSG_NOSIGNAL) > 0) Turn();
+    ExpectLog("send HTTP_MSG_TYPE_REGIST_RSP fail");
+    EXPECT_EQ(Register(well, "half"), REG_OK);
+    EXPECT_EQ(s_waits, 0);
+}
+
+TEST_F(RegServer, SilentConnectionsGiveWayOldestFirst) {
+    std::vector<int> silent;
+    for (int n = 0; n < REG_CLIENT_MAX; ++n) silent.push_back(Connect());
+    ASSERT_EQ(Register(silent[0], "oldest"), REG_OK);
+    for (const char* name : {"alpha", "beta"}) EXPECT_EQ(Register(Connect(), name), REG_OK);
+    for (size_t n = 0; n < 4; ++n) EXPECT_EQ(Ended(silent[n]), n == 1 || n == 2) << n;
+}
+
+TEST_F(RegServer, OneUserLeavesRoomForOthers) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can";
+    // The server is another user meanwhile, so the connection is a stranger's to it.
+    const auto stranger = [&] {
+        const int app = Dial();
+        EXPECT_EQ(seteuid(65534), 0);
+        Turn();
+        EXPECT_EQ(seteuid(0), 0);
+        return app;
+    };
+    std::vector<int> apps;
+    for (int n = 0; n < 9; ++n) apps.push_back(stranger());
+    EXPECT_TRUE(Ended(apps[0]));
+    for (size_t n = 1; n < 9; ++n) EXPECT_EQ(Register(apps[n], std::to_string(n)), REG_OK);
+    EXPECT_TRUE(Ended(stranger()));
+    ExpectLog("client num is large than 8");
+    for (const char* name : {"alpha", "beta"}) EXPECT_EQ(Register(Connect(), name), REG_OK);
+    EXPECT_TRUE(Ended(Connect()));
 }
 
 // Otherwise the connection waits for ever and the loop spins on it.

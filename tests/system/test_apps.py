@@ -65,6 +65,15 @@ def test_ten_connections_and_the_eleventh(device: Device) -> None:
     device.app("app10")
 
 
+def test_half_packets_end_their_connections(device: Device) -> None:
+    half = [device.connect() for _ in range(8)]
+    for app in half:
+        app.socket.sendall(struct.pack("HHH6x", 1, app.REGIST, 196))
+    well = device.app("well")
+    wait_for(lambda: all(app.hung_up.is_set() for app in half))
+    assert well.register("more", "1.0") == 0
+
+
 def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> None:
     """Update requests pile up until its connection is full; the run goes on without it."""
     names = [f"mute{n:02}" for n in range(14)]
