@@ -155,27 +155,31 @@ void connection_open(UniqueFd fd) {
 }
 
 int listener_accept(tq_thread*);
+int listener_pause(tq_thread*);
 
-// Null when the loop takes no task: the service then ends.
-tq_thread* listener_arm() {
+// False when the loop takes no task.
+bool listener_arm() {
     return tq_thread_add_read_withname(s_service.master, listener_accept, nullptr,
-                                       s_service.listener.get(), "t-support-listen");
+                                       s_service.listener.get(), "t-support-listen") != nullptr;
 }
 
-int listener_rearm(tq_thread*) { return listener_arm() == nullptr ? -1 : 0; }
+bool pause_arm() {
+    return tq_thread_add_timer_withname(s_service.master, listener_pause, nullptr, ACCEPT_PAUSE_S,
+                                        "t-support-pause") != nullptr;
+}
 
-int listener_accept(tq_thread* task) {
+// The listener never gets lost: of the two tasks, the one that runs can always be added
+// again (tq_thread.cpp).
+int listener_pause(tq_thread*) { return listener_arm() || pause_arm() ? 0 : -1; }
+
+int listener_accept(tq_thread*) {
     UniqueFd fd(accept4(s_service.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     const bool is_short =
         !fd.valid() && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS);
-    if (fd.valid()) connection_open(std::move(fd));
     // The connection that could not be taken keeps the listener readable.
-    if (is_short) {
-        const tq_thread* pause = tq_thread_add_timer_withname(task->master, listener_rearm, nullptr,
-                                                              ACCEPT_PAUSE_S, "t-support-pause");
-        return pause == nullptr ? -1 : 0;
-    }
-    return listener_rearm(task);
+    const bool armed = (is_short && pause_arm()) || listener_arm();
+    if (fd.valid()) connection_open(std::move(fd));
+    return armed ? 0 : -1;
 }
 
 }  // namespace
@@ -190,7 +194,7 @@ int tech_reg_service_callback(const char* service, tq_thread_master* master,
         return -1;
     }
     s_service.master = master;
-    if (listener_arm() == nullptr) {
+    if (!listener_arm()) {
         s_service.listener.reset();
         return -1;
     }

@@ -5,6 +5,9 @@
 // The base is asked again only when the queue is empty. A task that adds itself
 // again therefore waits behind everything that was ready before it, and neither
 // a busy descriptor nor a row of due timers can keep the others away.
+//
+// A task that adds itself again can't fail: it gets its own record back, and a
+// descriptor stays with the kernel until it is clear that it did not.
 #include "host/tq_thread/tq_thread_host.h"
 
 #include <event2/event.h>
@@ -50,6 +53,14 @@ struct BaseDeleter {
     void operator()(event_base* base) const { event_base_free(base); }
 };
 
+struct TaskDeleter {
+    void operator()(Task* task) const {
+        (void)event_del(&task->wait);  // fails only for an event that was never set up
+        delete task;
+    }
+};
+using OwnedTask = std::unique_ptr<Task, TaskDeleter>;
+
 bool is_timer(const Task* task) { return task->record.fd < 0; }
 
 void list_insert_after(TaskList* list, Task* place, Task* task) {
@@ -91,9 +102,10 @@ struct tq_thread_master {
     long speed;
     TaskList waiting;
     TaskList ready;
-    // The task fetched last. Its memory stays until the next fetch, when its
-    // callback has returned: another thread may be reading its due time.
-    std::unique_ptr<Task> fetched;
+    // The task fetched last, unless it has added itself again. Its memory stays until
+    // the next fetch, when its callback has returned: another thread may be reading its
+    // due time.
+    OwnedTask fetched;
 };
 
 static_assert(offsetof(Task, record) == 0);
@@ -121,17 +133,39 @@ void task_becomes_ready(evutil_socket_t, short, void* argument) {
     task->ready = true;
 }
 
+OwnedTask task_make(tq_thread_master* master, const tq_thread& record, short what) {
+    auto* task = new (std::nothrow) Task{};
+    if (task == nullptr) return nullptr;
+    (void)event_assign(&task->wait, master->base.get(), record.fd, what, task_becomes_ready,
+                       task);  // fails only for a combination of flags that isn't used here
+    return OwnedTask(task);
+}
+
+// The fetched task when that is what is added again, else null.
+OwnedTask task_take_back(tq_thread_master* master, const tq_thread& record, short what) {
+    Task* task = master->fetched.get();
+    if (task == nullptr || task->record.fd != record.fd) return nullptr;
+    const bool same = task->record.func == record.func && task->record.arg == record.arg &&
+                      event_get_events(&task->wait) == what;
+    if (same) return std::move(master->fetched);
+    // Another task on the same number, which may be another file's by now: what the base
+    // knows of it must not be taken for that one.
+    if (record.fd >= 0) (void)event_del(&task->wait);
+    return nullptr;
+}
+
 tq_thread* task_add(tq_thread_master* master, const tq_thread& record, short what,
                     const timeval* delay, int64_t due_ns) {
     assert_owner(master);
-    std::unique_ptr<Task> task(new (std::nothrow) Task{});
+    OwnedTask task = task_take_back(master, record, what);
+    if (task == nullptr) task = task_make(master, record, what);
     if (task == nullptr) return nullptr;
     task->record = record;
     task->due_ns = due_ns;
     task->speed = master->speed;
-    if (event_assign(&task->wait, master->base.get(), record.fd, what, task_becomes_ready,
-                     task.get()) != 0 ||
-        event_add(&task->wait, delay) != 0) {
+    task->ready = false;
+    // Nothing to do for a descriptor that was taken back.
+    if (event_pending(&task->wait, what, nullptr) == 0 && event_add(&task->wait, delay) != 0) {
         return nullptr;
     }
     list_insert_after(&master->waiting, master->waiting.tail, task.get());
@@ -147,9 +181,8 @@ tq_thread* descriptor_add(tq_thread_master* master, tq_thread_func func, void* a
 void list_clear(TaskList* list) {
     while (list->head != nullptr) {
         // The analyzer does not see that the head is another task each time.
-        const std::unique_ptr<Task> task(list->head);  // NOLINT(clang-analyzer-cplusplus.NewDelete)
+        const OwnedTask task(list->head);  // NOLINT(clang-analyzer-cplusplus.NewDelete)
         list_remove(list, task.get());
-        (void)event_del(&task->wait);  // fails only for an event that was never set up
     }
 }
 
@@ -181,12 +214,12 @@ void tq_thread_master_finish(tq_thread_master* master) {
 
 tq_thread* tq_thread_add_read_withname(tq_thread_master* master, tq_thread_func func, void* arg,
                                        int fd, const char* name) {
-    return descriptor_add(master, func, arg, fd, name, EV_READ);
+    return descriptor_add(master, func, arg, fd, name, EV_READ | EV_PERSIST);
 }
 
 tq_thread* tq_thread_add_write_withname(tq_thread_master* master, tq_thread_func func, void* arg,
                                         int fd, const char* name) {
-    return descriptor_add(master, func, arg, fd, name, EV_WRITE);
+    return descriptor_add(master, func, arg, fd, name, EV_WRITE | EV_PERSIST);
 }
 
 tq_thread* tq_thread_add_timer(tq_thread_master* master, tq_thread_func func, void* arg,
@@ -230,9 +263,8 @@ void tq_thread_cancel(tq_thread* task) {
     if (task == nullptr) return;
     tq_thread_master* master = task->master;
     assert_owner(master);
-    const std::unique_ptr<Task> owned(task_of(task));
+    const OwnedTask owned(task_of(task));
     list_remove(owned->ready ? &master->ready : &master->waiting, owned.get());
-    (void)event_del(&owned->wait);  // fails only for an event that was never set up
 }
 
 // Rounded up, so that 0 says that the timer is due. At a higher speed these are

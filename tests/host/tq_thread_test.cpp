@@ -94,6 +94,20 @@ TEST(TqThread, CancelWorksWhileWaitingWhenReadyAndFromACallback) {
     EXPECT_EQ(s_trace, "ck");
 }
 
+TEST(TqThread, NumberOfAClosedDescriptorMayBecomeAnotherFile) {
+    Loop loop;
+    s_trace.clear();
+    const UniqueFd first = readable(), second = readable();
+    Function replace = [&] {
+        EXPECT_EQ(dup2(second.get(), first.get()), first.get());
+        tq_thread_add_read_withname(loop.master, note, nullptr, first.get(), "b");
+    };
+    tq_thread_add_read_withname(loop.master, note, &replace, first.get(), "a");
+    tq_thread_add_timer_withname(loop.master, note, nullptr, 5000, "late");
+    EXPECT_TRUE(loop.Run(2));
+    EXPECT_EQ(s_trace, "ab");
+}
+
 TEST(TqThread, RemainingTimeIsToldInTheCallersSeconds) {
     for (const char* speed : {"1000", "0", "10x"}) {
         SCOPED_TRACE(speed);
