@@ -114,8 +114,8 @@ class Server {
         const std::lock_guard<std::mutex> guard(lock_);
         return requests_;
     }
-    std::string Url(const std::string& path = "/f.bin") const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    std::string Url(const std::string& path = "/f.bin", const char* host = "127.0.0.1") const {
+        return std::string("http://") + host + ":" + std::to_string(port_) + path;
     }
     std::atomic<int> connections{0};
 
@@ -184,12 +184,14 @@ struct Calls {
 class HttpUtil : public ::testing::Test {
   protected:
     int Get(unsigned flag = 0) { return GetUrl(server_.Url(), flag); }
-    int GetUrl(const std::string& url, unsigned flag = 0) {
+    int GetUrl(const std::string& url, unsigned flag = 0, const http_util_tlv* source = nullptr) {
         calls_ = Calls{.stop = calls_.stop};
         context_ = DownloadCtx{};
         context_.progress = Calls::Take;
         context_.user = &calls_;
-        return http_download_file_progress(&context_, url.c_str(), path_.c_str(), flag);
+        if (source == nullptr)
+            return http_download_file_progress(&context_, url.c_str(), path_.c_str(), flag);
+        return http_download_file_progress_tlv(&context_, url.c_str(), path_.c_str(), flag, source);
     }
     std::string Content() const { return directory_.Read("f.bin"); }
     bool Marked() const { return getxattr(path_.c_str(), ATTRIBUTE, nullptr, 0) > 0; }
@@ -314,13 +316,13 @@ TEST_F(HttpUtil, RedirectsAreFollowedAFewTimes) {
     const auto to = [](const std::string& where) {
         return sized("302 Found", "Location: " + where + "\r\n", "page");
     };
-    server_.Script({to("/other dir/f?x=1"), to(server_.Url("/end")), whole("new")});
+    server_.Script({to("/other dir/f?x=1"), to(server_.Url("/end", "localhost")), whole("new")});
     EXPECT_EQ(0, Get());
     EXPECT_EQ("new", Content());
     const std::vector<std::string> requests = server_.requests();
     ASSERT_EQ(3U, requests.size());
     EXPECT_TRUE(requests[1].starts_with("GET /other%20dir/f?x=1 "));
-    EXPECT_TRUE(requests[2].starts_with("GET /end "));
+    EXPECT_TRUE(requests[2].starts_with("GET /end ") && Asked(2, "Host: localhost:"));
     server_.Script({to("/again")});
     EXPECT_EQ(DOWNLOAD_BAD_STATUS, Get());
     EXPECT_LT(server_.requests().size(), 10U);
@@ -332,17 +334,12 @@ TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
     const std::string all = whole(NEW);
     const std::string away = sized("302 Found", "Location: /away/f.bin\r\n", "");
     const std::string gone = sized("404 Not Found", "", "x");
-    const std::string odd = part(TAG, "13000-39999/40000", OLD.substr(13000));
     const std::string other_size = part(TAG, "13616-40000/40001", OLD.substr(AGAIN) + "x");
-    const std::string cut = response(
-        "206 Partial", TAG + ("Content-Range: bytes 13616-39999/40000\r\n" + std::string()),
-        OLD.substr(AGAIN, 20000));
-    const std::string endless =
-        response("206 Partial",
-                 TAG + std::string("Content-Range: bytes 13616-39999/40000\r\n"
-                                   "Transfer-Encoding: chunked\r\n"),
-                 "6711\r\n" + OLD.substr(AGAIN) + "x\r\n") +
-        Server::HOLD;
+    const std::string range = TAG + std::string("Content-Range: bytes 13616-39999/40000\r\n");
+    const std::string cut = response("206 Partial", range, OLD.substr(AGAIN, 20000));
+    const std::string endless = response("206 Partial", range + "Transfer-Encoding: chunked\r\n",
+                                         "6711\r\n" + OLD.substr(AGAIN) + "x\r\n") +
+                                Server::HOLD;
     const std::string date = "Mon, 01 Jan 2024 00:00:00 GMT";
     const std::string tag = "\"a\"";
     const std::string begun = OLD.substr(0, CUT);
@@ -357,27 +354,17 @@ TEST_F(HttpUtil, PartIsContinuedOnlyWithProof) {
     } rows[] = {
         {"strong tag", TAG, {rest(TAG)}, {tag}, 0, OLD},
         {"old date", dates, {rest(dates)}, {date}, 0, OLD},
-        {"tag and old date", TAG + dates, {rest(TAG + dates)}, {tag}, 0, OLD},
         {"tag, elsewhere", TAG, {away, rest(TAG)}, {tag, tag}, 0, OLD},
         {"date, elsewhere", dates, {away, all}, {date, ""}, 0, NEW},
         {"changed", TAG, {all}, {tag}, 0, NEW},
         {"other tag", TAG, {rest("ETag: \"b\"\r\n"), all}, {tag, ""}, 0, NEW},
-        {"no tag", TAG, {rest(""), all}, {tag, ""}, 0, NEW},
         {"no date", dates, {rest(""), all}, {date, ""}, 0, NEW},
         {"other bytes", TAG, {rest(TAG, NEW), all}, {tag, ""}, 0, NEW},
-        {"other part", TAG, {odd, all}, {tag, ""}, 0, NEW},
         {"other size", TAG, {other_size, all}, {tag, ""}, 0, NEW},
         {"beyond its end", TAG, {sized("416 Range", "", ""), all}, {tag, ""}, 0, NEW},
-        {"refused", TAG, {sized("400 Bad", "", "x"), all}, {tag, ""}, 0, NEW},
         {"refused twice", TAG, {sized("400 Bad", "", "")}, {tag, ""}, bad_status, begun},
         {"gone", TAG, {gone}, {tag}, bad_status, begun},
-        {"gone, elsewhere", TAG, {away, gone}, {tag, tag}, bad_status, begun},
-        {"cut before the body",
-         TAG,
-         {response("200 OK", LENGTH, "")},
-         {tag},
-         DOWNLOAD_BROKEN,
-         begun},
+        {"no body", TAG, {response("200 OK", LENGTH, "")}, {tag}, DOWNLOAD_BROKEN, begun},
         {"cut again", TAG, {cut}, {tag}, DOWNLOAD_BROKEN, OLD.substr(0, AGAIN + 20000)},
         {"part without end", TAG, {endless}, {tag}, DOWNLOAD_BROKEN, begun},
         {"weak tag", "ETag: W/\"a\"\r\n", {all}, {""}, 0, NEW},
@@ -530,18 +517,24 @@ TEST_F(HttpUtil, CallbackRunsWhileNothingComes) {
     const UniqueFd silent_dns = loopback_socket(SOCK_DGRAM, &port);
     ASSERT_EQ(0, setenv("DNS_CLIENT_SERVERS", ("127.0.0.1:" + std::to_string(port)).c_str(), 1));
     const std::string chunk = response("200 OK", "Transfer-Encoding: chunked\r\n", "1\r\nn\r\n");
+    const std::string some = response("200 OK", "Content-Length: 9\r\n", "new");
+    const http_util_tlv source{1, 4, inet_addr("127.0.0.5")};
     calls_.stop = [&] { return calls_.idle >= 2; };
-    for (const std::string& sent : {std::string("no connection yet"), std::string(),
-                                    response("200 OK", "Content-Length: 9\r\n", "new"), chunk}) {
+    for (const std::string& sent : {std::string("no connection yet"), std::string(), some, chunk}) {
         SCOPED_TRACE(sent);
         const bool look_up = sent.starts_with("no");
         server_.Script({sent + Server::HOLD});
         // A time limit of the library would end in another result.
-        EXPECT_EQ(HTTP_DOWNLOAD_CANCELLED, GetUrl(look_up ? "http://silent.test/" : server_.Url()));
+        EXPECT_EQ(HTTP_DOWNLOAD_CANCELLED,
+                  GetUrl(look_up ? "http://silent.test/" : server_.Url(), 0, &source));
         EXPECT_EQ(2U, calls_.idle);  // it is not asked again
         EXPECT_FALSE(calls_.finished);
     }
     (void)unsetenv("DNS_CLIENT_SERVERS");
+    sockaddr_in asker{};
+    socklen_t size = sizeof(asker);
+    (void)recvfrom(silent_dns.get(), nullptr, 0, 0, reinterpret_cast<sockaddr*>(&asker), &size);
+    EXPECT_STREQ("127.0.0.5", inet_ntoa(asker.sin_addr));
 }
 
 TEST_F(HttpUtil, StalledServerIsGivenUp) {
@@ -569,52 +562,6 @@ TEST_F(HttpUtil, ProgramServesOneDownloadAfterTheOther) {
     ASSERT_EQ(0, kill(first, SIGKILL));
     EXPECT_EQ(0, Get());
     EXPECT_NE(first, program());
-}
-
-TEST_F(HttpUtil, EndOfTheProgramCostsItsSource) {
-    server_.Script(
-        {response("200 OK", TAG + std::string(LENGTH), OLD.substr(0, CUT)) + Server::HOLD});
-    calls_.stop = [&] {
-        if (context_.received > 0) (void)kill(program(), SIGKILL);
-        return false;
-    };
-    EXPECT_EQ(DOWNLOAD_BROKEN, Get(1));
-    calls_.stop = [] { return false; };
-    server_.Script({rest(TAG)});
-    EXPECT_EQ(0, Get(1));
-    EXPECT_TRUE(Asked(0, "Range: bytes=13616-\r\n"));
-    EXPECT_TRUE(OLD == Content());
-}
-
-TEST_F(HttpUtil, NameIsLookedUpFromTheSourceAddress) {
-    int port = 0;
-    const UniqueFd dns = loopback_socket(SOCK_DGRAM, &port);
-    ASSERT_EQ(0, setenv("DNS_CLIENT_SERVERS", ("127.0.0.1:" + std::to_string(port)).c_str(), 1));
-    std::string asker;
-    std::thread name_server([&] {
-        char packet[512] = "";
-        sockaddr_in from{};
-        auto* peer = reinterpret_cast<sockaddr*>(&from);
-        socklen_t size = sizeof(from);
-        (void)recvfrom(dns.get(), packet, sizeof(packet), 0, peer, &size);
-        asker = inet_ntoa(from.sin_addr);
-        // The question again (a name of 14 bytes) with one address, 127.0.0.1.
-        const std::string answer = std::string(packet, 2) +
-                                   std::string("\x81\x80\0\1\0\1\0\0\0\0", 10) +
-                                   std::string(packet + 12, 18) +
-                                   std::string("\xc0\x0c\0\1\0\1\0\0\0\x09\0\4\x7f\0\0\1", 16);
-        (void)sendto(dns.get(), answer.data(), answer.size(), 0, peer, size);
-    });
-    server_.Script({whole("new")});
-    const std::string url =
-        "http://updates.test" + server_.Url().substr(strlen("http://127.0.0.1"));
-    const http_util_tlv source{1, 4, inet_addr("127.0.0.5")};
-    EXPECT_EQ(0,
-              http_download_file_progress_tlv(&context_, url.c_str(), path_.c_str(), 0, &source));
-    name_server.join();
-    EXPECT_EQ("127.0.0.5", asker);
-    EXPECT_TRUE(Asked(0, "Host: updates.test:"));
-    (void)unsetenv("DNS_CLIENT_SERVERS");
 }
 
 TEST_F(HttpUtil, TlsServerNeedsATrustedCertificate) {
