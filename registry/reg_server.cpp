@@ -22,6 +22,7 @@
 #include "base/sync.h"
 #include "base/unique_fd.h"
 #include "frame/log.h"
+#include "frame/loop.h"
 #include "frame/paths.h"
 #include "registry/app_registry.h"
 #include "registry/packet_reader.h"
@@ -247,7 +248,8 @@ void waiting_connection_refuse(RegServer* server) {
 
 int reg_accept(tq_thread* event);
 
-bool accept_event_arm(RegServer* server) {
+bool accept_event_arm(void* argument) {
+    auto* server = static_cast<RegServer*>(argument);
     server->accept_event = tq_thread_add_read_withname(server->master, reg_accept, server,
                                                        server->sock.get(), "t-listen");
     if (server->accept_event != nullptr) return true;
@@ -262,7 +264,10 @@ int reg_accept(tq_thread* event) {
     }
     auto* server = static_cast<RegServer*>(TQ_THREAD_ARG(event));
     server->accept_event = nullptr;
-    if (!accept_event_arm(server)) return -1;
+    if (!accept_event_arm(server)) {
+        loop_owe(accept_event_arm, server);
+        return -1;
+    }
     UniqueFd sock(accept4(server->sock.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!sock.valid()) {
         const int error = errno;
