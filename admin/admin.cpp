@@ -97,6 +97,7 @@ int http_update_admin_timer_proc(tq_thread* /*task*/) {
         loop_owe(update_timer_arm, nullptr);
         return -1;
     }
+    resume_timer_catch_up();
     if (update_mode.load(std::memory_order_relaxed) == UPDATE_MODE_MANUAL) {
         http_client_debug_print(HTTPC_LOG_INFO, "http update mode is manual");
         return 0;

@@ -9,9 +9,11 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "base/file.h"
 
@@ -107,33 +109,47 @@ static bool is_plain_text(std::string_view text) {
 // gets them is set for each thread.
 [[gnu::format(printf, 2, 3)]] static void ignore_message(void*, const char*, ...) {}
 
-static xmlDocPtr parse(std::string_view text, const char* encoding, int options) {
+// 0, EBADMSG or ENOMEM. A document that was cut for want of memory passes for well-formed,
+// and one that did not get that far for damaged: the allocation's own error decides.
+static int parse(std::string_view text, const char* encoding, int options, XmlDoc* document) {
     // Once, and before any thread relies on the parser's global state.
     static const bool ready = (xmlInitParser(), true);
     if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
-    if (!ready || text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return nullptr;
+    if (!ready || text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return EBADMSG;
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
-    if (parser == nullptr) return nullptr;
+    if (parser == nullptr) return ENOMEM;
     parser->sax->internalSubset = refuse_doctype;
     parser->sax->startElementNs = count_namespaces;
     xmlSetGenericErrorFunc(nullptr, ignore_message);
-    return xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr,
-                             encoding, PARSE_OPTIONS | options);
+    errno = 0;
+    XmlDoc parsed(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()),
+                                    nullptr, encoding, PARSE_OPTIONS | options));
+    if (errno == ENOMEM || parser->errNo == XML_ERR_NO_MEMORY) return ENOMEM;
+    if (parsed == nullptr) return EBADMSG;
+    *document = std::move(parsed);
+    return 0;
 }
 
 xmlDocPtr xml_doc_read_mem(const char* text) {
-    if (text == nullptr) return nullptr;
-    return parse(text, "utf8", 0);
+    XmlDoc document;
+    if (text == nullptr || parse(text, "utf8", 0, &document) != 0) return nullptr;
+    return document.release();
 }
 
-xmlDocPtr xml_doc_read_file(const char* path) {
+int xml_doc_load(const char* path, XmlDoc* document) {
     // The file is read here, not by libxml2: its own reader would unpack compressed
     // files and report on standard error.
     // Others may write to its directory; what they put there is nobody's list.
     constexpr unsigned demands = FILE_NO_LINK | FILE_OURS | FILE_OURS_TO_CHANGE;
     FileBytes file;
-    if (path == nullptr || file_read(path, demands, FILE_SIZE_MAX, &file) != 0) return nullptr;
-    return parse(file.View(), nullptr, XML_PARSE_NOBLANKS);
+    const int error = file_read(path, demands, FILE_SIZE_MAX, &file);
+    return error != 0 ? error : parse(file.View(), nullptr, XML_PARSE_NOBLANKS, document);
+}
+
+xmlDocPtr xml_doc_read_file(const char* path) {
+    XmlDoc document;
+    if (path == nullptr || xml_doc_load(path, &document) != 0) return nullptr;
+    return document.release();
 }
 
 void xml_doc_free(xmlDocPtr document) {

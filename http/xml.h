@@ -26,6 +26,10 @@ struct XmlDocFree {
 };
 using XmlDoc = std::unique_ptr<xmlDoc, XmlDocFree>;
 
+// The same, saying why there is none: EBADMSG for what is no such document, else what
+// file_read (base/file.h) says, or ENOMEM.
+[[nodiscard]] int xml_doc_load(const char* path, XmlDoc* document);
+
 // Owns a text that libxml2 handed out.
 struct XmlTextFree {
     void operator()(xmlChar* text) const { xmlFree(text); }

@@ -32,50 +32,134 @@ char resume_file_path[PATH_SIZE] = "";
 // Only one new file at a time; taken before resume_lock.
 static Mutex s_write_lock;
 
+// The file is there and could not be read so far: the list lacks what it says.
+static bool s_unread GUARDED_BY(s_write_lock) = false;
+
+// What is no list costs itself and counts as none; anything else that kept it from being
+// read (memory, descriptors, the disk) says nothing about it.
+static bool could_not_read(int error) {
+    for (const int settled : {0, ENOENT, ENOTDIR, EBADMSG, EINVAL, EPERM, ELOOP, EFBIG}) {
+        if (error == settled) return false;
+    }
+    return true;
+}
+
+static bool is_shortage(int error) { return error == ENOMEM || error == EMFILE || error == ENFILE; }
+
 // A crash may come when room was short, the old file gone and the new one not yet in
-// its place.
-static void take_up_unfinished() {
+// its place; a power cut, before the new one was synced. 0, or why that can't be told.
+static int take_up_unfinished() {
+    if (access(resume_file_path, F_OK) == 0) return 0;
+    if (errno != ENOENT) return errno;
     char beside[PATH_SIZE + 8];
     size_t length = 0;
     (void)text_appendf(beside, sizeof(beside), &length, "%s.new", resume_file_path);
-    if (access(resume_file_path, F_OK) != 0) (void)rename(beside, resume_file_path);
+    XmlDoc document;
+    const int error = xml_doc_load(beside, &document);
+    if (error == ENOENT) return 0;
+    if (could_not_read(error)) return error;
+    if (xml_root_get(document.get()) != nullptr)
+        return rename(beside, resume_file_path) == 0 ? 0 : errno;
+    (void)unlink(beside);  // the next save does so, too
+    return 0;
+}
+
+static int load_apps(const char* path, ReadAppFn function);
+
+// 0, or why the list could not be read; it is then empty.
+static int load_locked() REQUIRES(s_write_lock) {
+    int error = take_up_unfinished();
+    if (error == 0) {
+        errno = 0;
+        if (http_client_file_size(resume_file_path) > 0) {
+            error = load_apps(resume_file_path, resume_read_app);
+        } else {
+            error = errno;  // 0: it is empty
+            http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->no exist", resume_file_path);
+        }
+    }
+    s_unread = could_not_read(error);
+    if (s_unread) resume_clear();
+    const MutexLock guard(resume_lock);
+    resume_changed = false;
+    return s_unread ? error : 0;
 }
 
 void resume_init() {
+    constexpr int tries = 3;
+    constexpr useconds_t pause_us = 100'000;
     resume_retry_count = RESUME_RETRY_MAX;
     resume_clear();
     http_client_data_path(RESUME_FILE, &resume_file_path);
-    take_up_unfinished();
-    if (http_client_file_size(resume_file_path) > 0) {
-        (void)read_apps(resume_file_path, resume_read_app);  // an empty list is fine too
-    } else {
-        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->no exist", resume_file_path);
+    const MutexLock writer(s_write_lock);
+    int error = load_locked();
+    for (int left = tries - 1; error != 0 && left > 0; --left) {
+        (void)usleep(pause_us);
+        error = load_locked();
     }
+    if (error == 0) return;
+    http_client_debug_dump("[%s %d]<-->[%s] read fail [%s], is tried again", __func__, __LINE__,
+                           resume_file_path, strerror(error));
+}
 
-    MutexLock guard(resume_lock);
-    resume_changed = false;
+bool resume_read_again() {
+    const MutexLock writer(s_write_lock);
+    return s_unread && load_locked() == 0;
+}
+
+bool resume_settle() {
+    const MutexLock writer(s_write_lock);
+    const int error = s_unread ? load_locked() : 0;
+    if (error == 0) return true;
+    if (is_shortage(error)) return false;
+    char aside[PATH_SIZE + 8];
+    size_t length = 0;
+    (void)text_appendf(aside, sizeof(aside), &length, "%s.unread", resume_file_path);
+    const bool kept = rename(resume_file_path, aside) == 0;
+    http_client_debug_dump("[%s %d]<-->[%s] read fail [%s], %s [%s]", __func__, __LINE__,
+                           resume_file_path, strerror(error),
+                           kept ? "is kept as" : "can't be kept as", aside);
+    s_unread = false;
+    return true;
 }
 
 // --- reading
 
-static int read_app(xmlNodePtr app, int, void* function) {
-    (void)(*static_cast<ReadAppFn*>(function))(app);  // a damaged app costs itself only
+namespace {
+struct Reading {
+    ReadAppFn function;
+    bool short_of_memory;
+};
+}  // namespace
+
+// A damaged app costs itself only.
+static int read_app(xmlNodePtr app, int, void* argument) {
+    auto* reading = static_cast<Reading*>(argument);
+    errno = 0;
+    if (reading->function(app) < 0 && errno == ENOMEM) reading->short_of_memory = true;
     return 0;
 }
 
-int read_apps(const char* path, ReadAppFn function) {
-    const XmlDoc document(xml_doc_read_file(path));
-    if (document == nullptr) {
+// 0, or why not all of it was read; EBADMSG: it is something else.
+static int load_apps(const char* path, ReadAppFn function) {
+    XmlDoc document;
+    const int error = xml_doc_load(path, &document);
+    if (error != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "read_apps-->[%s] read fail", path);
-        return -1;
+        return error;
     }
     xmlNodePtr root = xml_root_get(document.get());
     if (root == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "read_apps-->[%s] root node fail", path);
-        return -1;
+        return EBADMSG;
     }
-    xml_child_foreach(root, "app", static_cast<void*>(&function), read_app);
-    return 0;
+    Reading reading{function, false};
+    xml_child_foreach(root, "app", &reading, read_app);
+    return reading.short_of_memory ? ENOMEM : 0;
+}
+
+int read_apps(const char* path, ReadAppFn function) {
+    return load_apps(path, function) == 0 ? 0 : -1;
 }
 
 int resume_read_app(xmlNodePtr app) {
@@ -104,9 +188,9 @@ int resume_read_app(xmlNodePtr app) {
                                 RESUME_APP_MAX);
         return -1;
     }
-    if (resume_add(name, files.array, files.count, 0, false) == 0) return 0;
-    filename_unlink(files.array, files.count);
-    return -1;
+    // Without memory nothing is deleted either: which of the files were fetched for the app
+    // and which it has installed is not known.
+    return resume_add(name, files.array, files.count, 0, false);
 }
 
 // --- building the document
@@ -270,6 +354,11 @@ void resume_write() {
         return;
     }
     MutexLock writer(s_write_lock);
+    if (s_unread) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "[resume_write]<-->[%s] not read yet",
+                                resume_file_path);
+        return;
+    }
     if (!take_changed()) {
         http_client_debug_print(HTTPC_LOG_INFO, "[resume_write]<-->resume list not changed");
         return;

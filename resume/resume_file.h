@@ -5,8 +5,9 @@
 //
 // States are not stored: after a restart an app's first file counts as failed
 // and the others as not fetched.
-// Threads: resume_init before other threads start; resume_write on any thread,
-// one at a time; the others work on their arguments and the list.
+// Threads: resume_init before other threads start; resume_read_again, resume_settle and
+// resume_write on any thread, one at a time; the others work on their arguments and the
+// list.
 #pragma once
 
 #include <libxml/tree.h>
@@ -19,8 +20,18 @@ constexpr char RESUME_FILE[] = "/oam/http_client/http_recode.txt";  // below the
 extern char resume_file_path[PATH_SIZE];
 
 // Start-up: full retry budget, and the list as the file has it, last app first. A
-// file that is missing or damaged costs what can't be read.
+// file that is missing or damaged costs what can't be read. One that is there but could
+// not be read (memory, descriptors, the disk), after some tries, is left alone: the list
+// is empty, nothing is saved over the file, and it is read later.
 void resume_init();
+
+// Reads such a file. True when it was one, and is read now. For a timer; any thread.
+bool resume_read_again();
+
+// Before a run, which will change the list: reads such a file for the last time. One that
+// the disk does not give back is kept for people, beside itself as ".unread", which the
+// dump file tells. False when memory or descriptors are short: there must be no run then.
+[[nodiscard]] bool resume_settle();
 
 // Brings the file up to date if the list has changed. A crash leaves the old or
 // the new file. After a failure (logged) the old one is gone, the list counts as

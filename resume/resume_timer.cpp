@@ -11,9 +11,11 @@
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
+#include "frame/loop.h"
 #include "frame/report.h"
 #include "http/status.h"
 #include "registry/app_registry.h"
+#include "resume/resume_file.h"
 
 // The timer's loop. Admin thread.
 static tq_thread_master* s_loop = nullptr;
@@ -48,19 +50,30 @@ void resume_timer_init(tq_thread_master* loop) {
     set_timer(nullptr);
 }
 
+// Delay of the last timer that was asked for. Admin thread.
+static long s_delay_s = 0;
+
+static bool timer_arm(void* /*argument*/) {
+    if (resume_empty() || pending_timer() != nullptr) return true;
+    set_timer(tq_thread_add_timer(s_loop, resume_timer_proc, nullptr, s_delay_s));
+    return pending_timer() != nullptr;
+}
+
 void resume_timer_add(int seconds) {
     if (resume_empty()) {
         resume_retry_count = RESUME_RETRY_MAX;
         return;
     }
     if (pending_timer() != nullptr) return;
-    tq_thread* timer = tq_thread_add_timer(s_loop, resume_timer_proc, nullptr, seconds);
-    if (timer == nullptr) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "http update add timer fail");
-        http_client_debug_dump("http update resume add timer fail");
-        return;
-    }
-    set_timer(timer);
+    s_delay_s = seconds;
+    if (timer_arm(nullptr)) return;
+    http_client_debug_print(HTTPC_LOG_ERROR, "http update add timer fail");
+    http_client_debug_dump("http update resume add timer fail");
+    loop_owe(timer_arm, nullptr);
+}
+
+void resume_timer_catch_up() {
+    if (resume_read_again()) resume_timer_add(RESUME_START_DELAY_S);
 }
 
 // The registered ones of the listed apps.

@@ -23,6 +23,10 @@ void resume_timer_init(tq_thread_master* loop);
 // list is empty (which refills the budget). Admin thread.
 void resume_timer_add(int seconds);
 
+// A list that could not be read at start, and can now, gets its timer. Admin thread, every
+// minute.
+void resume_timer_catch_up();
+
 // The timer: one resume run. Admin thread.
 int resume_timer_proc(tq_thread* task);
 

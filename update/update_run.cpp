@@ -12,6 +12,7 @@
 #include "http/version_reply.h"
 #include "http/xml.h"
 #include "registry/app_registry.h"
+#include "resume/resume_file.h"
 #include "update/app_download.h"
 #include "update/progress.h"
 
@@ -48,7 +49,8 @@ UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, Update
                              unsigned selector) {
     if (app_set_is_empty(requested)) return UPDATE_NO_APPS;
     if (!update_state_claim()) return UPDATE_RUNNING;
-    const UpdateStatus status = servers_ask(requested, kind, report, selector);
+    const UpdateStatus status =
+        resume_settle() ? servers_ask(requested, kind, report, selector) : UPDATE_NO_MEMORY;
     mem_trim();
     update_state_release();
     return status;

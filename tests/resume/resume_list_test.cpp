@@ -122,11 +122,31 @@ TEST_F(ResumeTest, FileThatOthersCouldHaveWrittenIsNotBelieved) {
     ASSERT_EQ(symlink((dir_ / "moved").c_str(), path.c_str()), 0);
     resume_init();
     EXPECT_EQ(ResumeListed(), "");
-    // What a crash left half-way counts when it is all there is.
+    // What a crash left half-way counts when it is all there is, and whole.
     ASSERT_EQ(unlink(path.c_str()), 0);
+    dir_.Write(RESUME_FILE + std::string(".new"), Document("<app name='a"));
+    resume_init();
+    EXPECT_EQ(OnDisk({RESUME_FILE + std::string(".new")}), "");
     ASSERT_EQ(rename((dir_ / "moved").c_str(), (path + ".new").c_str()), 0);
     resume_init();
     EXPECT_EQ(ResumeListed(), "app(1) a=-1");
+}
+
+TEST_F(ResumeTest, FileThatCouldNotBeReadIsNeitherLostNorSavedOver) {
+    Touch({"a"});
+    ASSERT_EQ(Add("app", {"a"}, 0), 0);
+    resume_write();
+    {
+        const MemoryEndsAfter limit(0);
+        resume_init();
+        EXPECT_FALSE(resume_settle()) << "no run without the list";
+    }
+    EXPECT_EQ(ResumeListed() + OnDisk({"a"}), "a");
+    ASSERT_EQ(Add("other", {"b"}, 0), 0);
+    resume_write();
+    EXPECT_TRUE(resume_read_again());
+    EXPECT_EQ(ResumeListed(), "app(1) a=-1; other(1) b=-1");
+    EXPECT_FALSE(resume_read_again()) << "once is enough";
 }
 
 TEST_F(ResumeTest, EndOfAnEntrySparesWhatIsInUse) {

@@ -19,8 +19,8 @@ class MemoryEndsAfter {
 };
 
 void* mem_zalloc(int32_t size) {
-    if (s_allocations_left.fetch_sub(1) <= 0) return nullptr;
-    return calloc(1, static_cast<size_t>(size));
+    if (s_allocations_left.fetch_sub(1) <= 0) size = -1;
+    return calloc(1, static_cast<size_t>(size));  // fails with ENOMEM for a negative one
 }
 
 void mem_free(void* memory) { free(memory); }
