@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 
+#include "base/file.h"
 #include "frame/log.h"
 
 static constexpr int PATH_COMPONENTS_MAX = 10;
@@ -54,6 +55,18 @@ int http_client_path_check(const char* path) {
     return 0;
 }
 
+// 0, or an errno value. A directory that may not outlive a power cut is no place for what is
+// said to be safe on disk, so it goes again, and the next try makes and syncs it anew.
+static int make_directory(char (&path)[PATH_SIZE]) {
+    if (mkdir(path, 0777) != 0) return errno == EEXIST ? 0 : errno;
+    const size_t length = strlen(path);
+    if (path[length - 1] == '/') path[length - 1] = '\0';
+    const int error = file_sync_directory(path);
+    if (error == 0 || error == EACCES) return 0;  // one that we can't read is not ours to sync
+    (void)rmdir(path);
+    return error;
+}
+
 int http_client_make_path(const char* path) {
     if (path == nullptr || path[0] == '\0') {
         http_client_debug_print(HTTPC_LOG_ERROR, "dir is invalid");
@@ -70,10 +83,11 @@ int http_client_make_path(const char* path) {
         if (path[i] != '/' && i != length - 1) continue;
         char parent[PATH_SIZE] = {};
         memcpy(parent, path, i + 1);
-        const int result = mkdir(parent, 0777);
-        if (result != 0 && errno != EEXIST) {
-            http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->mkdir [%d %d %s]", parent, result,
-                                    errno, strerror(errno));
+        const int error = make_directory(parent);
+        if (error != 0) {
+            http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->mkdir [%d %d %s]", parent, -1, error,
+                                    strerror(error));
+            errno = error;
             return -1;
         }
     }

@@ -19,8 +19,9 @@ void http_client_data_path(const char* relative, char (*path)[PATH_SIZE]);
 // components; else -1.
 [[nodiscard]] int http_client_path_check(const char* path);
 
-// Creates the directory and its missing parents with mode 0777. 0 on success,
-// also when it exists; -1 leaves the parents made so far.
+// Creates the directory and its missing parents with mode 0777, so that they survive a
+// power cut. 0 on success, also when it exists; -1, with errno, leaves the parents made so
+// far.
 [[nodiscard]] int http_client_make_path(const char* path);
 
 // The same for relative below the data prefix.
