@@ -35,6 +35,7 @@ struct RegClient {
     int slot = -1;
     uid_t user = 0;
     uint64_t number = 0;               // of all connections; a lower one is older
+    std::optional<Deadline> grace;     // may go without registering until then
     tq_thread* read_event = nullptr;   // null while the callback runs
     tq_thread* watch_event = nullptr;  // pending while a packet is not whole
     tq_thread_master* master = nullptr;
@@ -55,6 +56,7 @@ struct RegServer {
     UniqueFd sock;
     tq_thread_master* master = nullptr;
     tq_thread* accept_event = nullptr;
+    int64_t grace_ms = 0;
     // Given up for a moment when the process has no descriptor left.
     UniqueFd reserve;
 };
@@ -172,8 +174,13 @@ ClientTable clients_copy() {
     return s_clients;
 }
 
+// It has had its time and has registered nothing.
+bool client_is_silent(const RegClient& client) {
+    return client.grace->LeftMs() == 0 && !reg_app_fd_in_use(client.sock.get());
+}
+
 // Whether there is a place among at most that many connections of the user, or of all
-// users: the oldest one that has registered nothing gives way for it.
+// users: the oldest silent one gives way for it.
 bool client_place_make(std::optional<uid_t> user, int most) {
     int count = 0;
     RegClient* oldest = nullptr;
@@ -181,7 +188,7 @@ bool client_place_make(std::optional<uid_t> user, int most) {
         if (client == nullptr || (user && client->user != *user)) continue;
         ++count;
         if (oldest != nullptr && oldest->number < client->number) continue;
-        if (!reg_app_fd_in_use(client->sock.get())) oldest = client;
+        if (client_is_silent(*client)) oldest = client;
     }
     if (count < most) return true;
     if (oldest == nullptr) {
@@ -223,6 +230,7 @@ int reg_client_add(tq_thread_master* master, UniqueFd sock) {
     client->slot = slot;
     client->user = user;
     client->number = ++s_accepted;
+    client->grace.emplace(s_server.grace_ms);
     client->master = master;
     const int enabled = 1;
     if (setsockopt(client->sock.get(), SOL_SOCKET, SO_OOBINLINE, &enabled, sizeof(enabled)) != 0) {
@@ -312,12 +320,13 @@ UniqueFd reg_listen_socket(const char* path, bool nonblocking) {
 
 }  // namespace
 
-int reg_server_install(tq_thread_master* master) {
+int reg_server_install(tq_thread_master* master, int64_t grace_ms) {
     if (master == nullptr) {
         http_client_debug_dump("master is empty");
         return -1;
     }
     s_server.master = master;
+    s_server.grace_ms = grace_ms;
     char path[PATH_SIZE];
     http_client_tmp_path(REG_SOCKET_PATH, &path);
     s_server.sock = reg_listen_socket(path, true);

@@ -6,9 +6,10 @@
 // to its last, and an answer has to go out at once: else the connection ends.
 //
 // Nobody can shut the apps out by connecting. Where there is no place left, the oldest
-// connection that has registered nothing gives way. A user other than the daemon's own
-// has no place left beside eight connections of his, too; apps of the daemon's user may
-// have all ten. A connection is refused only beside as many that have registered.
+// connection that has had its grace and has registered nothing gives way. A user other
+// than the daemon's own has no place left beside eight connections of his, too; apps of
+// the daemon's user may have all ten. Beside as many that have registered, or have only
+// just come, a connection is refused.
 //
 // Threads: everything runs on the main loop, except what other threads need to
 // send to an app: reg_client_hold and reg_client_disconnect_fd.
@@ -17,6 +18,7 @@
 // app_registry_lock is held, never the other way round.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "frame/platform/http_update_packets.h"
@@ -27,9 +29,13 @@ constexpr int REG_CLIENT_USER_MAX = 8;  // of one user, unless he is the daemon'
 constexpr int REG_PKT_MAX = HTTP_UPDATE_APP_PAYLOAD_MAX;
 constexpr char REG_SOCKET_PATH[] = HTTP_UPDATE_SOCKET_PATH;
 
+// For how long a connection keeps its place without registering, by the real clock. An
+// app registers with its first packet.
+constexpr int64_t REG_GRACE_MS = 10'000;
+
 // Listens at the socket path and serves it on the loop. -1 when that fails;
 // nothing is left behind and the caller may try again.
-[[nodiscard]] int reg_server_install(tq_thread_master* master);
+[[nodiscard]] int reg_server_install(tq_thread_master* master, int64_t grace_ms = REG_GRACE_MS);
 
 struct RegClient;
 struct RegClientRelease {

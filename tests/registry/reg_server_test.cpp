@@ -151,6 +151,16 @@ TEST_F(RegServer, SilentConnectionsGiveWayOldestFirst) {
     for (size_t n = 0; n < 4; ++n) EXPECT_EQ(Ended(silent[n]), n == 1 || n == 2) << n;
 }
 
+struct RegServerGrace : RegServer {
+    RegServerGrace() { grace_ms_ = REG_GRACE_MS; }
+};
+
+TEST_F(RegServerGrace, WhoHasJustComeKeepsHisPlace) {
+    for (int n = 0; n < REG_CLIENT_MAX; ++n) EXPECT_FALSE(Ended(Connect()));
+    EXPECT_TRUE(Ended(Connect()));
+    ExpectLog("client num is large than 10");
+}
+
 TEST_F(RegServer, OneUserLeavesRoomForOthers) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can";
     // The server is another user meanwhile, so the connection is a stranger's to it.

@@ -18,7 +18,7 @@ class RegistryServerTest : public DaemonTest {
   protected:
     void SetUp() override {
         loop_ = tq_thread_master_create();
-        ASSERT_EQ(reg_server_install(loop_), 0);
+        ASSERT_EQ(reg_server_install(loop_, grace_ms_), 0);
     }
     void TearDown() override {
         apps_.clear();
@@ -77,6 +77,7 @@ class RegistryServerTest : public DaemonTest {
         return reg_app_get(0, &entry) == 0 ? entry : AppEntry{-1, "", "", "", 0};
     }
 
+    int64_t grace_ms_ = 0;
     tq_thread_master* loop_ = nullptr;
     std::vector<UniqueFd> apps_;
 };
