@@ -40,6 +40,9 @@ static int64_t s_last_auto_update_s;
 // Whether the registration server is installed. Main thread.
 static bool s_reg_installed = false;
 
+// What else failed at start; null: nothing. Main thread.
+static AdminRetry s_again = nullptr;
+
 // --- daily update, on the admin thread
 
 static int day_second(int hour, int minute, int second) {
@@ -188,6 +191,8 @@ int http_update_admin_reg_install(tq_thread_master* master) {
     return 0;
 }
 
+void http_update_admin_retry(AdminRetry again) { s_again = again; }
+
 // --- public timer, on the main loop
 
 static void identity_retry() {
@@ -223,6 +228,7 @@ int http_update_admin_public_timer(tq_thread* task) {
                                     __LINE__);
         }
     }
+    if (s_again != nullptr && s_again(task->master)) s_again = nullptr;
     if (!public_timer_arm(task->master)) {
         http_client_debug_dump("[%s %d]<-->add public timer fail", __func__, __LINE__);
         loop_owe(public_timer_arm, task->master);

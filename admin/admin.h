@@ -23,6 +23,11 @@ void http_update_admin_init();
 // the public timer. Ends the process with code 1 when the timer can't be added.
 int http_update_admin_reg_install(tq_thread_master* master);
 
+// Main thread, start-up: what the public timer tries besides, every minute until it returns
+// true.
+using AdminRetry = bool (*)(tq_thread_master* master);
+void http_update_admin_retry(AdminRetry again);
+
 // The timers.
 int http_update_admin_timer_proc(tq_thread* task);
 int http_update_admin_public_timer(tq_thread* task);

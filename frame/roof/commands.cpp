@@ -13,8 +13,32 @@
 #include "update/update_commands.h"
 #include "update/update_reports.h"
 
+// What has been reached so far. Main thread.
+static bool s_terminal = false;
+static bool s_support = false;
+
+static bool terminal_connect(tq_thread_master* master) {
+    s_terminal = cli_client_init("http-client-cli-admin", master) >= 0;
+    return s_terminal;
+}
+
+static bool support_connect(tq_thread_master* master) {
+    s_support =
+        tech_reg_service_callback("oam#http_client", master, http_client_tech_callback) != -1;
+    return s_support;
+}
+
+// The second file is the apps' side: collected when present, never written here.
+static void dump_files_offer() {
+    for (const char* name : {DUMP_FILE, ".http_reg_client_dump"}) {
+        char path[PATH_SIZE];
+        working_path(process_tmp_dir, name, path);
+        (void)tech_module_reg_dump_file(path);
+    }
+}
+
 int http_update_admin_cli(tq_thread_master* master) {
-    if (cli_client_init("http-client-cli-admin", master) < 0) {
+    if (!terminal_connect(master)) {
         http_client_debug_dump("[%s %d]<-->cli client init fail", __func__, __LINE__);
         return -1;
     }
@@ -24,6 +48,18 @@ int http_update_admin_cli(tq_thread_master* master) {
         return -1;
     }
     return 0;
+}
+
+bool http_client_services_retry(tq_thread_master* master) {
+    if (!s_terminal && terminal_connect(master)) {
+        http_client_cli_register();
+        http_client_debug_print(HTTPC_LOG_INFO, "cli client init success");
+    }
+    if (!s_support && support_connect(master)) {
+        dump_files_offer();
+        http_client_debug_print(HTTPC_LOG_INFO, "tech init success");
+    }
+    return s_terminal && s_support;
 }
 
 void http_client_cli_register() {
@@ -41,16 +77,11 @@ int http_client_tech_init(tq_thread_master* master) {
         http_client_debug_dump("tech support init fail, master null");
         return -1;
     }
-    if (tech_reg_service_callback("oam#http_client", master, http_client_tech_callback) == -1) {
+    if (!support_connect(master)) {
         http_client_debug_dump("tech support init fail, reg callback failed");
         return -1;
     }
-    // The second file is the apps' side: collected when present, never written here.
-    for (const char* name : {DUMP_FILE, ".http_reg_client_dump"}) {
-        char path[PATH_SIZE];
-        working_path(process_tmp_dir, name, path);
-        (void)tech_module_reg_dump_file(path);
-    }
+    dump_files_offer();
     return 0;
 }
 

@@ -47,7 +47,10 @@ int main(int argc, char** argv) {
     resume_init();
     http_update_admin_init();
     (void)http_update_admin_reg_install(http_client_master);  // retried by the public timer
-    (void)http_update_admin_cli(http_client_master);          // reported; the daemon goes on
+    if (http_update_admin_cli(http_client_master) < 0 &&
+        !http_client_services_retry(http_client_master)) {
+        http_update_admin_retry(http_client_services_retry);
+    }
     http_client_dead_detection(http_client_master);
 
     (void)loop_run(http_client_master);
