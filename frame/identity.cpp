@@ -2,6 +2,7 @@
 // copy of the whole record.
 #include "frame/identity.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,11 +40,16 @@ static void field_set(char (DeviceIdentity::*field)[N], const char* text) {
     (void)text_copy(s_identity.*field, text);  // longer texts are cut to their field
 }
 
+static int device_file_open(const char* path) {
+    if (tqsys_open_device_file != nullptr) return tqsys_open_device_file(path);
+    return open(path, O_RDONLY | O_CLOEXEC);
+}
+
 // The file's first 31 bytes as they stand, a line end included. False, and an
 // empty text, when it can't be opened.
 static bool device_file_read(const char* path, char (&text)[32]) {
     memset(text, 0, sizeof(text));
-    const UniqueFd file(tqsys_open_device_file(path));
+    const UniqueFd file(device_file_open(path));
     if (!file.valid()) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->open fail [%s]", path, strerror(errno));
         return false;

@@ -3,6 +3,8 @@
 // with # are comments; the first line of a process counts.
 #include "frame/platform/cpurule.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -21,6 +23,12 @@ constexpr std::string_view BLANKS = " \t\r\n";
 struct FileCloser {
     void operator()(FILE* file) const { (void)fclose(file); }  // it was only read
 };
+
+// A device's own tqsys library may lack the call.
+int rule_file_open() {
+    if (tqsys_open_device_file != nullptr) return tqsys_open_device_file(RULE_FILE);
+    return open(RULE_FILE, O_RDONLY | O_CLOEXEC);
+}
 
 std::string_view next_word(std::string_view* rest) {
     rest->remove_prefix(std::min(rest->find_first_not_of(BLANKS), rest->size()));
@@ -59,7 +67,7 @@ bool parse_cpu_list(std::string_view list, cpu_set_t* cpus) {
 
 int get_cores_affinity(CpuAffinityRequest* request) {
     if (request == nullptr || request->process == nullptr) return -1;
-    UniqueFd fd(tqsys_open_device_file(RULE_FILE));
+    UniqueFd fd(rule_file_open());
     const std::unique_ptr<FILE, FileCloser> file(fd.valid() ? fdopen(fd.get(), "r") : nullptr);
     if (file == nullptr) return -1;
     (void)fd.release();  // the stream closes it

@@ -3,7 +3,7 @@
 import socket
 
 import pytest
-from lab import Probe
+from lab import BIN_DIR, Device, Probe, Scratch, wait_for
 
 
 @pytest.fixture
@@ -68,3 +68,15 @@ def test_service_manager_is_told_readiness_and_each_reset(probe: Probe) -> None:
     assert probe.run("health", NOTIFY_SOCKET="") == "good good good ", "nobody supervises"
     for name in ("/missing/socket", "relative/path", "@", "/" + "x" * 107):
         assert probe.run("health", NOTIFY_SOCKET=name) == "good bad bad ", name
+
+
+def test_daemon_does_without_the_optional_calls_of_a_devices_libraries(scratch: Scratch) -> None:
+    for name in ("libtqsys.so", "libclient_new.so"):
+        (scratch.root / name).symlink_to(BIN_DIR.parent / "lib/libgiven_calls.so")
+    device = Device(scratch)
+    scratch.spawn("daemon", [BIN_DIR / "http_client.elf", "-de"],
+                  env=device.environment(LD_LIBRARY_PATH=str(scratch.root)))
+    wait_for((device.work / ".http_update").exists)
+    for said in ("registration", "not founded", "haven't registered"):
+        wait_for(lambda: said in scratch.output("daemon"), said)
+    device.wait_log("[/proc/macaddr]<-->open fail [No such file or directory]")
