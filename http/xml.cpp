@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -36,6 +38,32 @@ static constexpr std::string_view ENCODINGS[] = {
 static constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
 
 static constexpr int PARSE_OPTIONS = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
+
+// Without memory libxml2 takes half a document for a whole one, loses texts, or ends by a
+// signal. So what it can't have, C++ is asked for, which finds room or ends the process
+// with a line (frame/memory_reserve.h).
+static void* xml_realloc(void* old, size_t size) {
+    void* memory = realloc(old, size);
+    while (memory == nullptr && size > 0) {
+        operator delete(operator new(size));
+        memory = realloc(old, size);
+    }
+    return memory;
+}
+
+static void* xml_malloc(size_t size) { return xml_realloc(nullptr, size); }
+
+static char* xml_strdup(const char* text) {
+    const size_t size = strlen(text) + 1;
+    return static_cast<char*>(memcpy(xml_malloc(size), text, size));
+}
+
+// Before main, so before any document and before any thread relies on the parser's state.
+[[maybe_unused]] static const bool s_is_ready = [] {
+    (void)xmlMemSetup(free, xml_malloc, xml_realloc, xml_strdup);  // fails for null only
+    xmlInitParser();
+    return true;
+}();
 
 namespace {
 struct ParserFree {
@@ -109,22 +137,16 @@ static bool is_plain_text(std::string_view text) {
 // gets them is set for each thread.
 [[gnu::format(printf, 2, 3)]] static void ignore_message(void*, const char*, ...) {}
 
-// 0, EBADMSG or ENOMEM. A document that was cut for want of memory passes for well-formed,
-// and one that did not get that far for damaged: the allocation's own error decides.
+// 0 or EBADMSG.
 static int parse(std::string_view text, const char* encoding, int options, XmlDoc* document) {
-    // Once, and before any thread relies on the parser's global state.
-    static const bool ready = (xmlInitParser(), true);
     if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
-    if (!ready || text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return EBADMSG;
+    if (text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return EBADMSG;
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
-    if (parser == nullptr) return ENOMEM;
     parser->sax->internalSubset = refuse_doctype;
     parser->sax->startElementNs = count_namespaces;
     xmlSetGenericErrorFunc(nullptr, ignore_message);
-    errno = 0;
     XmlDoc parsed(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()),
                                     nullptr, encoding, PARSE_OPTIONS | options));
-    if (errno == ENOMEM || parser->errNo == XML_ERR_NO_MEMORY) return ENOMEM;
     if (parsed == nullptr) return EBADMSG;
     *document = std::move(parsed);
     return 0;

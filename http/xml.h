@@ -27,7 +27,7 @@ struct XmlDocFree {
 using XmlDoc = std::unique_ptr<xmlDoc, XmlDocFree>;
 
 // The same, saying why there is none: EBADMSG for what is no such document, else what
-// file_read (base/file.h) says, or ENOMEM.
+// file_read (base/file.h) says.
 [[nodiscard]] int xml_doc_load(const char* path, XmlDoc* document);
 
 // Owns a text that libxml2 handed out.
