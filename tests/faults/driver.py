@@ -17,6 +17,7 @@ folder of programs. Ends with 1 when a promise was broken.
 from __future__ import annotations
 
 import argparse
+import ctypes
 import errno
 import functools
 import json
@@ -39,7 +40,10 @@ from device import BIN_DIR, EVER, KILL, ONCE, PROMISES, SCENES, SHIM, Device, pl
 from power import Disk  # noqa: E402
 
 KINDS = {"once": ONCE, "ever": EVER, "kill": KILL, "cut": KILL}
-OCCURRENCES = {"once": 2, "ever": 2, "kill": 2, "cut": 6}  # of a call path, the first
+OCCURRENCES = {"once": 2, "ever": 1, "kill": 2, "cut": 6}  # of a call path, the first
+# What only reads leaves the disk as the call before it did.
+READS = ("read", "pread", "access", "stat", "lstat", "fstat", "fstatat", "fstatvfs", "statvfs",
+         "fgetxattr", "lgetxattr", "fcntl")
 ALLOC, DESCRIPTOR, DISK, NETWORK, LOOP, THREAD, GROWTH, WAIT = (1 << n for n in range(8))
 GROUPS = {ALLOC: "ENOMEM", DESCRIPTOR: "EMFILE", DISK: "EIO", NETWORK: "ENOBUFS", LOOP: "ENOMEM",
           THREAD: "EAGAIN", GROWTH: "ENOSPC"}
@@ -78,7 +82,8 @@ def details(kind: str, call: str, groups: int) -> list[tuple[str, int]]:
         usual = next((word for bit, word in GROUPS.items() if groups & bit), "")
         words = [*ERRORS.get(call, usual).split(), *(["EINTR"] if groups & WAIT else [])]
     else:
-        words = ["SIGKILL"] if kind == "kill" else Disk.LOSSES if groups & DISK else []
+        changes = groups & DISK and call not in READS
+        words = ["SIGKILL"] if kind == "kill" else Disk.LOSSES if changes else []
     return [(word, 0) for word in words]
 
 
@@ -87,6 +92,7 @@ def details(kind: str, call: str, groups: int) -> list[tuple[str, int]]:
 def begin() -> None:
     global device
     device = Device()
+    ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG: not without the parent
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     util.Finalize(None, device.close, exitpriority=10)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))

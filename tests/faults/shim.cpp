@@ -40,17 +40,9 @@ constexpr int FRAMES = 24;
 constexpr uint64_t ENTRIES = 1 << 15;
 constexpr int SHORT = -1;  // in place of an error's number: half of the bytes
 
-enum Group : uint32_t {
-    NONE = 0,
-    ALLOC = 1,
-    DESCRIPTOR = 2,
-    DISK = 4,
-    NETWORK = 8,
-    LOOP = 16,
-    THREAD = 32,
-    GROWTH = 64,  // what a full disk refuses
-    WAIT = 128,   // what a signal interrupts
-};
+// Groups of calls. GROWTH is what a full disk refuses, WAIT what a signal interrupts.
+constexpr uint32_t ALLOC = 1, DESCRIPTOR = 2, DISK = 4, NETWORK = 8, LOOP = 16;
+constexpr uint32_t THREAD = 32, GROWTH = 64, WAIT = 128;
 enum Kind : uint32_t { COUNT, ONCE, FOR_EVER, KILL };
 
 struct Entry {
@@ -166,7 +158,7 @@ uint32_t groups_on(long fd, uint32_t of_file, long flags = 0) {
     if (S_ISREG(status.st_mode)) return of_file;
     if (!S_ISSOCK(status.st_mode) && !S_ISFIFO(status.st_mode)) return 0;
     const bool waits = (flags & MSG_DONTWAIT) == 0 && (fcntl(int(fd), F_GETFL) & O_NONBLOCK) == 0;
-    return NETWORK | (waits ? WAIT : NONE);
+    return NETWORK | (waits ? WAIT : 0);
 }
 
 // ---- the journal; called with t_own set
@@ -292,14 +284,14 @@ CALL(DISK | GROWTH, ftruncate) CALL(DISK | GROWTH, fsetxattr) CALL(DISK | GROWTH
 CALL(DISK, access) CALL(DISK, fstatat) CALL(DISK, fstatvfs) CALL(DISK, lgetxattr)
 CALL(DISK, lremovexattr) CALL(DISK, fgetxattr) CALL(DISK, fremovexattr) CALL(DISK, stat)
 CALL(DISK, lstat) CALL(DISK, fstat) CALL(DISK, statvfs) CALL(DISK, fchmod) CALL(DISK, chmod)
-CALL(b == F_SETLK ? DISK : b == F_DUPFD_CLOEXEC ? DESCRIPTOR : NONE, fcntl)
+CALL(b == F_SETLK ? DISK : b == F_DUPFD_CLOEXEC ? DESCRIPTOR : 0, fcntl)
 CALL(DESCRIPTOR, fopen) CALL(DESCRIPTOR, socket) CALL(DESCRIPTOR, socketpair)
 CALL(DESCRIPTOR, epoll_create1) CALL(DESCRIPTOR, eventfd) CALL(DESCRIPTOR, pipe2)
 CALL(DESCRIPTOR, timerfd_create) CALL(DESCRIPTOR | groups_on(a, 0), accept4)
 CALL(NETWORK, bind) CALL(NETWORK, listen) CALL(NETWORK, getsockname) CALL(NETWORK, setsockopt)
 CALL(groups_on(a, 0), connect) CALL(groups_on(a, 0, d), send) CALL(groups_on(a, 0, d), sendto)
 CALL(groups_on(a, 0, c), sendmsg) CALL(groups_on(a, 0, d), recv) CALL(groups_on(a, 0, c), recvmsg)
-CALL(b == EPOLL_CTL_ADD ? LOOP : NONE, epoll_ctl)
+CALL(b == EPOLL_CTL_ADD ? LOOP : 0, epoll_ctl)
 CALL(WAIT, epoll_wait) CALL(WAIT, poll) CALL(WAIT, select)
 CALL(THREAD, pthread_create) CALL(THREAD, posix_spawn)
 // clang-format on
