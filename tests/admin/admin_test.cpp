@@ -101,15 +101,6 @@ TEST_F(Admin, RunsWaitForAppsOtherRunsAndAnHour) {
     EXPECT_HAS(Minute(), "update from server 127.0.0.1: ");
 }
 
-TEST_F(Admin, TimerThatCouldNotBeArmedIsTriedAgain) {
-    tq_thread task{loop_, nullptr, nullptr, -1, ""};
-    fakes::FailTimers(true);
-    EXPECT_EQ(http_update_admin_timer_proc(&task), -1);
-    fakes::FailTimers(false);
-    loop_settle();
-    EXPECT_EQ(fakes::Timers(loop_), std::vector<long>{60});
-}
-
 TEST_F(Admin, WatchdogIsFedOnlyWhileTheOtherLoopTurns) {
     s_monotonic = 1000;
     std::thread(loop_watch).join();

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <thread>
 
-#include "tests/support/resource_limit.h"
 #include "tests/support/temp_dir.h"
 
 TEST(File, OpensOnlyWhatIsDemanded) {
@@ -79,12 +78,6 @@ TEST(File, ReplacementIsWholeOrTheOldFileStays) {
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
 
-    (void)signal(SIGXFSZ, SIG_IGN);
-    {
-        const ResourceLimit<RLIMIT_FSIZE> small(40);
-        EXPECT_EQ(file_replace(path.c_str(), std::string(41, 'x'), 0640), EFBIG);
-    }
-    EXPECT_EQ(dir.Read("file"), "new");
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
     EXPECT_EQ(file_replace((dir / "none/file").c_str(), "new", 0640), ENOENT);
 }

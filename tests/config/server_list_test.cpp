@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "config/settings.h"
-#include "tests/support/failing_alloc.h"
 
 namespace {
 
@@ -59,21 +58,6 @@ TEST_F(ServerList, ChangesAnswerForTheirList) {
         EXPECT_EQ(Copy(SERVERS_BOTH), row.after);
         EXPECT_EQ(Copy(SERVERS_SECOND) + Copy(SERVERS_FIRST), row.after);
     }
-}
-
-TEST_F(ServerList, ShortMemoryLosesNothing) {
-    for (const bool second : {false, true}) {
-        ASSERT_EQ(hu_serv_config_add("s", 1, "/u", second), HU_SERV_OK);
-        const MemoryEndsAfter now(0);
-        EXPECT_EQ(hu_serv_config_add("new", 1, "/u", second), HU_SERV_NO_MEMORY);
-    }
-    for (int allocations = 0; allocations < 2; ++allocations) {
-        const MemoryEndsAfter end(allocations);
-        hu_serv_list copy;
-        EXPECT_EQ(hu_serv_list_copy(&copy, SERVERS_BOTH), -1) << allocations;
-        EXPECT_TRUE(hu_serv_list_empty(&copy)) << allocations;
-    }
-    EXPECT_EQ(Copy(SERVERS_BOTH), "s:1/u s:1/u ");
 }
 
 // What a run takes while the operator configures is whole.

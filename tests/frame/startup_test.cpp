@@ -67,15 +67,6 @@ TEST_F(Startup, MakePathCreatesParentsWithinLimits) {
     EXPECT_EQ(http_client_path_check(("/" + std::string(127, 'x')).c_str()), -1);
 }
 
-TEST_F(Startup, TemporaryDirectoryIsEssentialDataDirectoryIsNot) {
-    dir_.Write("file", "");
-    UsePrefixes(dir_.path(), dir_ / "file");
-    http_client_vsd_make_dir();
-    ExpectDump("[http_client_vsd_make_dir ");
-    UsePrefixes(dir_ / "file", dir_ / "data");
-    EXPECT_EXIT_CODE(http_client_vsd_make_dir(), 1);
-}
-
 TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
     dir_.Write("proc/setmac/SerialNO", "S12\n");
     dir_.Write("proc/setmac/projectid", std::string(40, 'p'));

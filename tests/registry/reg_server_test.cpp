@@ -3,8 +3,6 @@
 #include <poll.h>
 
 #include "tests/registry/registry_fixture.h"
-#include "tests/support/failing_alloc.h"
-#include "tests/support/resource_limit.h"
 
 static int s_waits;  // of this process for a socket
 
@@ -62,10 +60,6 @@ TEST_F(RegServer, LastDeregistrationEndsTheConnection) {
 TEST_F(RegServer, NamesAndTableHaveBounds) {
     const std::string longest(31, 'x');
     const int app = Connect();
-    {
-        const MemoryEndsAfter now(0);
-        EXPECT_EQ(reg_app_add(app, "alpha", "1", 0), REG_NO_MEMORY);
-    }
     for (const std::string name : {"alpha", longest.c_str(), "beta"}) Register(app, name);
     AppSet set{};
     const std::string names = " \t alpha \v\f gamma\r\n" + longest + " Beta bet ";
@@ -179,20 +173,6 @@ TEST_F(RegServer, OneUserLeavesRoomForOthers) {
     ExpectLog("client num is large than 8");
     for (const char* name : {"alpha", "beta"}) EXPECT_EQ(Register(Connect(), name), REG_OK);
     EXPECT_TRUE(Ended(Connect()));
-}
-
-// Otherwise the connection waits for ever and the loop spins on it.
-TEST_F(RegServer, RefusesConnectionsWithoutDescriptors) {
-    const int refused = Dial();
-    {
-        const ResourceLimit<RLIMIT_NOFILE> low(static_cast<rlim_t>(refused) + 8);
-        std::vector<UniqueFd> eaten;
-        while (eaten.empty() || eaten.back().valid()) eaten.emplace_back(dup(refused));
-        EXPECT_EQ(fakes::RunReadable(loop_), 1);
-        EXPECT_EQ(fakes::RunReadable(loop_), 0);
-    }
-    EXPECT_TRUE(Ended(refused));
-    EXPECT_EQ(Register(Connect(), "alpha"), REG_OK);
 }
 
 }  // namespace

@@ -2,10 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-
 #include "tests/resume/resume_fixture.h"
-#include "tests/support/failing_alloc.h"
 #include "tests/support/resource_limit.h"
 
 static std::string Document(const std::string& apps) {
@@ -32,21 +29,6 @@ TEST_F(ResumeTest, DeletesStaleFetchedFilesOnly) {
     Paths kept(dir_.path(), {"a"});
     resume_free_app("app", kept.array.data(), 1);
     EXPECT_EQ(OnDisk({"a", "d", "e"}), "ade");
-    EXPECT_EQ(ResumeListed(), "");
-}
-
-TEST_F(ResumeTest, ShortMemoryNeverLeavesHalfAnEntry) {
-    for (int allocations = 0; allocations < 4; ++allocations) {
-        const MemoryEndsAfter limit(allocations);
-        EXPECT_EQ(Add("app", {"a", "b", "c"}, 0), -1);
-        EXPECT_TRUE(resume_empty());
-    }
-    Touch({"a", "b", "c"});
-    ASSERT_EQ(Add("app", {"a", "b", "c"}, 1), 0);
-    int32_t count = 0;
-    const MemoryEndsAfter limit(2);
-    EXPECT_EQ(resume_get("app", &count), nullptr);
-    EXPECT_EQ(OnDisk({"a", "b", "c"}), "c");
     EXPECT_EQ(ResumeListed(), "");
 }
 
@@ -86,27 +68,6 @@ TEST_F(ResumeTest, DamagedFileCostsItsDamagedEntriesOnly) {
     }
 }
 
-TEST_F(ResumeTest, FailedSaveLeavesNoFileAndIsTriedAgain) {
-    const std::string file = RESUME_FILE + 1;
-    ASSERT_EQ(Add("app", {"a"}, 0), 0);
-    resume_write();
-    ASSERT_EQ(Add("app2", {"b"}, 0), 0);
-    (void)signal(SIGXFSZ, SIG_IGN);
-    const std::string newest = Document(App("app2", 1, {dir_ / "b"}));
-    for (const auto& [room, kept] : {std::pair{newest.size(), newest}, {40, ""}}) {
-        const ResourceLimit<RLIMIT_FSIZE> small(room);
-        resume_write();
-        EXPECT_FALSE(resume_is_saved());
-        EXPECT_EQ(dir_.Read(file), kept);
-    }
-    EXPECT_EQ(OnDisk({file, file + ".new"}), "");
-    ExpectLog("write_apps-->[" + (dir_ / file) + "] write fail [File too large]");
-
-    resume_write();
-    resume_init();
-    EXPECT_EQ(ResumeListed(), "app(1) a=-1; app2(1) b=-1");
-}
-
 // Who may write to the data directory may have no file deleted by way of the list.
 TEST_F(ResumeTest, FileThatOthersCouldHaveWrittenIsNotBelieved) {
     const std::string path = dir_ / (RESUME_FILE + 1);
@@ -137,7 +98,7 @@ TEST_F(ResumeTest, FileThatCouldNotBeReadIsNeitherLostNorSavedOver) {
     ASSERT_EQ(Add("app", {"a"}, 0), 0);
     resume_write();
     {
-        const MemoryEndsAfter limit(0);
+        const ResourceLimit<RLIMIT_NOFILE> limit(0);
         resume_init();
         EXPECT_FALSE(resume_settle()) << "no run without the list";
     }

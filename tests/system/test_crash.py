@@ -8,25 +8,6 @@ import pytest
 from lab import BIN_DIR, Device, LabServer, Scratch, private_mounts, wait_for
 
 
-def test_kill_in_the_middle_of_a_download(device: Device, server: LabServer) -> None:
-    made = server.release("alpha", "2.0", {"a.bin": 1000, "b.bin": 2_000_000})
-    device.app("alpha")
-    server.fault(path="*/b.bin", stall_after=1_000_000)
-    update = device.begin("http update all")
-    server.wait_stalled("b.bin", 1_000_000)
-    device.kill()
-    update.finish(2)  # the operator is told
-    server.heal()
-
-    device.start()
-    device.use(server)
-    assert device.versions() == {} and "state: free" in device.cli("http update display-progress")
-    app = device.app("alpha")
-    assert device.cli("http update all").endswith("alpha: download and notify successfully.\n")
-    assert device.disk("alpha") == made and server.asked("b.bin")[-1]["range"] is None
-    wait_for(lambda: app.requests)
-
-
 def test_second_instance_leaves_the_first_alone(device: Device) -> None:
     lock = (device.work / "http_client.running").read_bytes()
     assert lock == f"{device.daemon.pid}\0".encode()
