@@ -445,6 +445,7 @@ class ClockShift:
 
     def __init__(self, path: Path) -> None:
         self.path = path
+        path.write_bytes(bytes(40))
         self.used = False
         # A name for LD_PRELOAD, which takes a blank in a path for its end.
         self.library = path.with_suffix(".so")
@@ -453,11 +454,26 @@ class ClockShift:
 
     def set(self, wall: int, monotonic: int) -> None:
         self.wall, self.monotonic = wall, monotonic
-        with self.path.open("r+b" if self.path.exists() else "w+b") as file:
+        with self.path.open("r+b") as file:
             file.write(struct.pack("qq", wall, monotonic))
 
     def pass_time(self, seconds: int) -> None:
         self.set(self.wall + seconds, self.monotonic + seconds)
+
+    def follow(self) -> None:
+        """Has the event loops notice within 1 ms what a shift makes due."""
+        with self.path.open("r+b") as file:
+            file.write(struct.pack("qqq", self.wall, self.monotonic, 1_000_000))
+
+    def settle(self) -> None:
+        """Waits until both loops have done all that is due."""
+        def turns() -> tuple[int, ...]:
+            return struct.unpack_from("qq", self.path.read_bytes(), 24)
+
+        before, end = turns(), time.monotonic() + DEADLINE
+        while any(now < then + 2 for now, then in zip(turns(), before, strict=True)):
+            assert time.monotonic() < end, "an event loop does not turn"
+            time.sleep(0.0005)
 
 
 def private_mounts() -> bool:

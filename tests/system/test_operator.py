@@ -1,5 +1,6 @@
 """What the operator and technical support see: reports whole, at their limits."""
 
+import re
 import tarfile
 
 from lab import Device, LabServer, wait_for
@@ -71,8 +72,20 @@ def test_debug_switches(device: Device) -> None:
     device.wait_log("[alpha] reg add")
 
 
-def test_support_bundle(device: Device) -> None:
+def test_support_bundle(device: Device, server: LabServer) -> None:
     device.app("alpha")
+    device.configure("http update time daily 03:05")
+    assert re.sub(r"(?m)^\d+ +(?=\d)", "FD ", device.cli("show http-update test")) == (
+        "update mode:    auto-update\n"
+        f"update server:  127.0.0.1\nupdate port:    {server.port}\n"
+        "update uri:     /qb/11.x/update.asp\n"
+        "update time:    03:05\n"
+        "pro SerialNo:   SN0001\npro Name:       EG3210\n"
+        "software:       LAB_EG3210 Release(1.0)\nhardware:       1.00\n"
+        "mac:            00:11:22:33:44:55\nupdate source_ip:  0.0.0.0\n"
+        "app-id     app-name      version            status\n"
+        "------ --------------- -------------------- ------\n"
+        "FD 0      alpha           1.0                  free  \n")
     bundle = device.root / "support.tar.gz"
     device.cli(options=("--tech-support", str(bundle)))
     with tarfile.open(bundle) as tar:
