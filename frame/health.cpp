@@ -51,7 +51,7 @@ void http_client_dead_detection(tq_thread_master* master) {
 
 int http_client_feed_dog(tq_thread* task) {
     if (!loop_turns()) {
-        http_client_debug_dump("[%s %d]: the admin loop does not turn, no notification.", __func__,
+        http_client_debug_dump("[%s %d]: the admin loop or a run does not go on.", __func__,
                                __LINE__);
     } else if (ham_client_reset_thread_notify(getpid(), gettid(), HAM_TIMEOUT_S,
                                               HAM_TIMEOUT_ACTION) < 0) {

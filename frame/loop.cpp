@@ -30,10 +30,13 @@ struct Owed {
 
 static thread_local Owed t_owed[OWED_MAX];
 static thread_local size_t t_owed_count = 0;
-static thread_local bool t_watched = false;
 
-// Monotonic; zero: no loop is watched.
-static std::atomic<int64_t> s_turned_s{0};
+// When each was last heard of, monotonic; zero: there is none.
+static std::atomic<int64_t> s_loop_turned_s{0};
+static std::atomic<int64_t> s_run_turned_s{0};
+
+// Which of them the thread tells of, or null.
+static thread_local std::atomic<int64_t>* t_turned_s = nullptr;
 
 bool loop_run(tq_thread_master* master) {
     bool has_run = false;
@@ -72,15 +75,28 @@ void loop_settle() {
 }
 
 void loop_watch() {
-    t_watched = true;
+    t_turned_s = &s_loop_turned_s;
     loop_turned();
 }
 
-void loop_turned() {
-    if (t_watched) s_turned_s.store(monotonic_s(), std::memory_order_relaxed);
+LoopRunWatch::LoopRunWatch() : own_loop_(t_turned_s != nullptr) {
+    if (!own_loop_) t_turned_s = &s_run_turned_s;
+    loop_turned();
 }
 
-bool loop_turns() {
-    const int64_t turned_s = s_turned_s.load(std::memory_order_relaxed);
+LoopRunWatch::~LoopRunWatch() {
+    if (own_loop_) return;
+    t_turned_s = nullptr;
+    s_run_turned_s.store(0, std::memory_order_relaxed);
+}
+
+void loop_turned() {
+    if (t_turned_s != nullptr) t_turned_s->store(monotonic_s(), std::memory_order_relaxed);
+}
+
+static bool is_recent(const std::atomic<int64_t>& stamp_s) {
+    const int64_t turned_s = stamp_s.load(std::memory_order_relaxed);
     return turned_s == 0 || monotonic_s() - turned_s <= SILENCE_MAX_S;
 }
+
+bool loop_turns() { return is_recent(s_loop_turned_s) && is_recent(s_run_turned_s); }

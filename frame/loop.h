@@ -21,13 +21,26 @@ void loop_owe(LoopArm arm, void* argument);
 // The part of loop_run that does so.
 void loop_settle();
 
-// The calling thread's loop counts from now on. One thread, the one that makes the runs;
-// the main loop feeds the watchdog and needs no other witness.
+// The calling thread's loop counts from now on. One thread, the admin thread; the main loop
+// feeds the watchdog and needs no other witness.
 void loop_watch();
 
-// The loop turns, or the run that holds it goes on: for whatever waits during a run. Any
-// thread; only that of loop_watch counts.
+// As long as it lives, so does the update run, of which there is one at a time, on whatever
+// thread: one that never ended would keep all others out.
+class LoopRunWatch {
+  public:
+    LoopRunWatch();
+    ~LoopRunWatch();
+    LoopRunWatch(const LoopRunWatch&) = delete;
+    LoopRunWatch& operator=(const LoopRunWatch&) = delete;
+
+  private:
+    bool own_loop_;  // the thread counts anyway
+};
+
+// The loop turns, the run goes on: for whatever waits during a run. Any thread; those that
+// are not watched don't count.
 void loop_turned();
 
-// False when that thread was last heard of too long ago. Any thread.
+// False when a watched thread was last heard of too long ago. Any thread.
 [[nodiscard]] bool loop_turns();

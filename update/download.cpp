@@ -53,6 +53,7 @@ int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
 }
 
 int down_progress_show(DownloadCtx* context, int32_t count) {
+    loop_turned();
     if (context == nullptr) return -1;
     auto* pass = static_cast<DownloadPass*>(context->user);
     if (pass->first_call) {

@@ -8,6 +8,7 @@
 #include "buffer/memory.h"
 #include "config/server_list.h"
 #include "frame/log.h"
+#include "frame/loop.h"
 #include "frame/platform/client_new.h"
 #include "http/version_reply.h"
 #include "http/xml.h"
@@ -49,6 +50,7 @@ UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, Update
                              unsigned selector) {
     if (app_set_is_empty(requested)) return UPDATE_NO_APPS;
     if (!update_state_claim()) return UPDATE_RUNNING;
+    const LoopRunWatch watch;
     const UpdateStatus status =
         resume_settle() ? servers_ask(requested, kind, report, selector) : UPDATE_NO_MEMORY;
     mem_trim();
