@@ -151,7 +151,7 @@ int fault(const char* call, uint32_t groups) {
 // What can happen to a call on this descriptor; flags are those of send and recv. A disk
 // does not interrupt, an event or timer descriptor does not fail.
 uint32_t groups_on(long fd, uint32_t of_file, long flags = 0) {
-    if (!is_watched()) return 0;
+    if (!is_watched() || fd == STDERR_FILENO) return 0;  // a pipe, on a device
     const Own own;
     struct stat status {};
     (void)fstat(int(fd), &status);
