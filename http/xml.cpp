@@ -4,8 +4,10 @@
 #include "http/xml.h"
 
 #include <libxml/SAX2.h>
+#include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
+#include <libxml/threads.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -64,6 +66,14 @@ static char* xml_strdup(const char* text) {
     xmlInitParser();
     return true;
 }();
+
+// Every other thread has a state in libxml2, which it makes where it is first needed, not
+// with the functions above, and does not look whether it is there.
+static void make_thread_state() {
+    while (xmlIsMainThread() == 0 && xmlGetGlobalState() == nullptr) {
+        operator delete(operator new(sizeof(xmlGlobalState)));
+    }
+}
 
 namespace {
 struct ParserFree {
@@ -141,6 +151,7 @@ static bool is_plain_text(std::string_view text) {
 static int parse(std::string_view text, const char* encoding, int options, XmlDoc* document) {
     if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
     if (text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return EBADMSG;
+    make_thread_state();
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
     parser->sax->internalSubset = refuse_doctype;
     parser->sax->startElementNs = count_namespaces;
@@ -172,6 +183,11 @@ xmlDocPtr xml_doc_read_file(const char* path) {
     XmlDoc document;
     if (path == nullptr || xml_doc_load(path, &document) != 0) return nullptr;
     return document.release();
+}
+
+XmlDoc xml_doc_new() {
+    make_thread_state();
+    return XmlDoc(xmlNewDoc(xml_text("1.0")));
 }
 
 void xml_doc_free(xmlDocPtr document) {

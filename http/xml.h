@@ -30,6 +30,9 @@ using XmlDoc = std::unique_ptr<xmlDoc, XmlDocFree>;
 // file_read (base/file.h) says.
 [[nodiscard]] int xml_doc_load(const char* path, XmlDoc* document);
 
+// A document without elements, to be filled on this thread.
+[[nodiscard]] XmlDoc xml_doc_new();
+
 // Owns a text that libxml2 handed out.
 struct XmlTextFree {
     void operator()(xmlChar* text) const { xmlFree(text); }

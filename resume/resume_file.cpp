@@ -314,7 +314,7 @@ static int save(const char* path, xmlDocPtr document) {
 }
 
 int write_apps(const char* path, WriteAppsFn function) {
-    const XmlDoc document(xmlNewDoc(xml_text("1.0")));
+    const XmlDoc document = xml_doc_new();
     if (document == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "write_apps-->[%s] xmlNewDoc fail", path);
         return -1;
