@@ -60,16 +60,15 @@ static char* xml_strdup(const char* text) {
     return static_cast<char*>(memcpy(xml_malloc(size), text, size));
 }
 
-// Before main, so before any document and before any thread relies on the parser's state.
-[[maybe_unused]] static const bool s_is_ready = [] {
-    (void)xmlMemSetup(free, xml_malloc, xml_realloc, xml_strdup);  // fails for null only
-    xmlInitParser();
-    return true;
-}();
+// Before main, and so before libxml2 has anything. It fails for null only.
+[[maybe_unused]] static const int s_memory_setup =
+    xmlMemSetup(free, xml_malloc, xml_realloc, xml_strdup);
 
-// Every other thread has a state in libxml2, which it makes where it is first needed, not
-// with the functions above, and does not look whether it is there.
-static void make_thread_state() {
+// Every thread but the first has a state in libxml2, which it makes where it is first
+// needed, not with the functions above, and does not look whether it is there.
+static void make_ready() {
+    // Once, and before any thread relies on the parser's global state.
+    [[maybe_unused]] static const bool is_ready = (xmlInitParser(), true);
     while (xmlIsMainThread() == 0 && xmlGetGlobalState() == nullptr) {
         operator delete(operator new(sizeof(xmlGlobalState)));
     }
@@ -151,7 +150,7 @@ static bool is_plain_text(std::string_view text) {
 static int parse(std::string_view text, const char* encoding, int options, XmlDoc* document) {
     if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
     if (text.size() > INT32_MAX || !is_plain_text(text) || is_flood(text)) return EBADMSG;
-    make_thread_state();
+    make_ready();
     const std::unique_ptr<xmlParserCtxt, ParserFree> parser(xmlNewParserCtxt());
     parser->sax->internalSubset = refuse_doctype;
     parser->sax->startElementNs = count_namespaces;
@@ -186,7 +185,7 @@ xmlDocPtr xml_doc_read_file(const char* path) {
 }
 
 XmlDoc xml_doc_new() {
-    make_thread_state();
+    make_ready();
     return XmlDoc(xmlNewDoc(xml_text("1.0")));
 }
 
