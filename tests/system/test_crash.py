@@ -19,6 +19,15 @@ def test_second_instance_leaves_the_first_alone(device: Device) -> None:
     assert device.versions() == {}
 
 
+def test_what_it_makes_is_open_to_all(device: Device, server: LabServer) -> None:
+    server.release("alpha", "2.0", {"a": 1})
+    device.app("alpha")
+    device.cli("http update all")
+    folders = (device.work, device.resume_file.parent, device.work / ".http_update",
+               Path(device.saved("alpha")), Path(device.saved("alpha")) / "a")
+    assert [oct(path.stat().st_mode & 0o777) for path in folders] == ["0o777"] * 4 + ["0o644"]
+
+
 def test_wrong_options_end_the_start(scratch: Scratch) -> None:
     device = Device(scratch)
     for options in (["-dx"], ["word"], ["-d", "a"]):
