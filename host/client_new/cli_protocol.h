@@ -6,7 +6,13 @@
 // with FRAME_END, and again once for every FRAME_COMMAND. Between a command and
 // its end come the command's output and refusals, in the order in which they
 // were made. FRAME_HELP and FRAME_COMPLETE get one FRAME_REPLY each. FRAME_BYE
-// says why the daemon closes the connection.
+// says why the daemon closes the connection. FRAME_PING asks for a sign of life: the
+// daemon's loop answers at once with FRAME_PONG, also while a command runs. A program
+// pings only a daemon that says END_ANSWERS_PING.
+//
+// Daemon and program may be of different releases: a frame of a type that one side
+// doesn't know is skipped, what follows the known part of a payload is ignored, and
+// what is new is offered by a bit that older releases leave 0.
 // Threads: any; works on its arguments only.
 #pragma once
 
@@ -14,8 +20,10 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/working_dir.h"
+#include "host/client_new/growing_bytes.h"
 
 namespace client_new {
 
@@ -31,12 +39,14 @@ enum FrameType : uint16_t {
     FRAME_KEY = 3,       // keys typed for the command that runs
     FRAME_HELP = 4,      // the line up to the cursor
     FRAME_COMPLETE = 5,  // the line up to the cursor
+    FRAME_PING = 6,      // empty
     // Daemon to program.
     FRAME_OUTPUT = 16,   // for standard output, as it stands
     FRAME_REFUSAL = 17,  // for standard error, as it stands
     FRAME_END = 18,      // EndPayload
     FRAME_REPLY = 19,    // help to show, or the words that complete, one a line
     FRAME_BYE = 20,      // why the session ends
+    FRAME_PONG = 21,     // empty
 };
 
 struct FrameHeader {
@@ -56,23 +66,31 @@ static_assert(sizeof(OpenPayload) == 8);
 enum class Mode : uint8_t { kExec = 0, kConfig = 1 };
 constexpr uint8_t END_ACCEPTED = 0;
 constexpr uint8_t END_REFUSED = 1;
+constexpr uint8_t END_ANSWERS_PING = 1;
 struct EndPayload {
     uint8_t status;  // END_
     Mode mode;       // of the next command
     uint8_t leave;   // 1: the session is over
-    uint8_t reserved;
+    uint8_t offers;  // END_ bits, the same in every one
 };
 static_assert(sizeof(EndPayload) == 4);
 
-inline void frame_append(std::string* queue, FrameType type, std::string_view payload) {
+// False: memory is short, and nothing was added.
+[[nodiscard]] inline bool frame_append(GrowingBytes* queue, FrameType type,
+                                       std::string_view payload) {
     const FrameHeader header{type, 0, static_cast<uint32_t>(payload.size())};
-    queue->append(reinterpret_cast<const char*>(&header), sizeof(header));
-    queue->append(payload);
+    const size_t before = queue->size();
+    if (queue->Append({reinterpret_cast<const char*>(&header), sizeof(header)}) &&
+        queue->Append(payload)) {
+        return true;
+    }
+    queue->Cut(before);
+    return false;
 }
 
 struct Frame {
     FrameType type;
-    std::string payload;
+    std::string_view payload;  // valid until the next call of its reader
 };
 
 // Puts received bytes together again.
@@ -80,26 +98,34 @@ class FrameReader {
   public:
     explicit FrameReader(size_t payload_max) : payload_max_(payload_max) {}
 
-    void Add(std::string_view bytes) { bytes_.append(bytes); }
+    // False: memory is short.
+    [[nodiscard]] bool Add(std::string_view bytes) {
+        DropTaken();
+        return bytes_.Append(bytes);
+    }
 
     enum class Result { kFrame, kIncomplete, kTooLong };
     // Takes the next whole frame out. kTooLong: no frame of this stream can be
     // trusted any more.
     Result Next(Frame* frame) {
+        DropTaken();
         FrameHeader header{};
         if (bytes_.size() < sizeof(header)) return Result::kIncomplete;
-        memcpy(&header, bytes_.data(), sizeof(header));
+        memcpy(&header, bytes_.View().data(), sizeof(header));
         if (header.length > payload_max_) return Result::kTooLong;
         if (bytes_.size() - sizeof(header) < header.length) return Result::kIncomplete;
         frame->type = FrameType{header.type};
-        frame->payload.assign(bytes_, sizeof(header), header.length);
-        bytes_.erase(0, sizeof(header) + header.length);
+        frame->payload = bytes_.View().substr(sizeof(header), header.length);
+        taken_ = sizeof(header) + header.length;
         return Result::kFrame;
     }
 
   private:
+    void DropTaken() { bytes_.DropFront(std::exchange(taken_, 0)); }
+
     size_t payload_max_;
-    std::string bytes_;
+    size_t taken_ = 0;  // of the frame given out last
+    GrowingBytes bytes_;
 };
 
 inline std::string cli_socket_path() {

@@ -81,9 +81,10 @@ Command* find_caller_locked() REQUIRES(cli_lock) {
 
 void end_session_line_locked(Session* session, bool refused) REQUIRES(cli_lock) {
     session->busy = false;
+    session->active_ms = monotonic_ms();
     session->keys.clear();  // typed for this command only
     const EndPayload end{refused ? END_REFUSED : END_ACCEPTED, session->mode,
-                         static_cast<uint8_t>(session->leave ? 1 : 0), 0};
+                         static_cast<uint8_t>(session->leave ? 1 : 0), END_ANSWERS_PING};
     session_send_locked(session, FRAME_END, {reinterpret_cast<const char*>(&end), sizeof(end)});
 }
 

@@ -19,7 +19,8 @@
 namespace client_new {
 
 // Makes the calling thread the main loop's. wake_fd: an eventfd that is written
-// when the main loop has something to send or a session can go on.
+// when the main loop has something to send or a session can go on; -1: there are no
+// sessions yet.
 void command_init(int wake_fd);
 
 // Runs the handler for a session that is not busy. When it returns, the command

@@ -13,8 +13,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/local_socket.h"
 #include "frame/platform/syslog_new.h"
 #include "host/client_new/command.h"
@@ -31,11 +34,14 @@ constexpr size_t SESSIONS_MAX = 16;
 constexpr size_t WAITING_LINES_MAX = 16;
 constexpr int LISTEN_BACKLOG = 16;
 constexpr long ACCEPT_RETRY_S = 1;
+constexpr int ARM_TRIES_MAX = 50;
+constexpr useconds_t ARM_PAUSE_US = 100000;
 constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
 
 tq_thread_master* s_master = nullptr;
 UniqueFd s_listener;
 UniqueFd s_wake;
+tq_thread* s_listen_task = nullptr;
 bool s_commands_taken = false;
 std::vector<std::shared_ptr<Session>> s_sessions;
 
@@ -55,8 +61,11 @@ bool arm_wake() {
 }
 
 bool arm_listener() {
-    return tq_thread_add_read_withname(s_master, accept_ready, nullptr, s_listener.get(),
-                                       "cli-listen") != nullptr;
+    if (s_listen_task == nullptr) {
+        s_listen_task = tq_thread_add_read_withname(s_master, accept_ready, nullptr,
+                                                    s_listener.get(), "cli-listen");
+    }
+    return s_listen_task != nullptr;
 }
 
 bool is_gone(Session* session) {
@@ -152,7 +161,7 @@ void serve_session(const std::shared_ptr<Session>& session) {
 
 void open_session(Session* session, std::string_view payload) {
     OpenPayload open{};
-    if (session->opened || payload.size() != sizeof(open)) {
+    if (session->opened || payload.size() < sizeof(open)) {
         end_session(session, "malformed request");
         return;
     }
@@ -173,9 +182,9 @@ void add_keys(Session* session, std::string_view keys) {
     for (const char key : keys) session_add_key_locked(session, static_cast<unsigned char>(key));
 }
 
-void reply(Session* session, std::string_view text) {
+void send_frame(Session* session, FrameType type, std::string_view payload) {
     const MutexLock guard(cli_lock);
-    session_send_locked(session, FRAME_REPLY, text);
+    session_send_locked(session, type, payload);
 }
 
 std::string completions(const Grammar& grammar, std::string_view line) {
@@ -192,11 +201,18 @@ Mode mode_of(Session* session) {
     return session->mode;
 }
 
+void note_activity(Session* session) {
+    const MutexLock guard(cli_lock);
+    session->active_ms = monotonic_ms();
+}
+
 void take_frame(Session* session, const Frame& frame) {
     if (!session->opened && frame.type != FRAME_OPEN) {
         end_session(session, "malformed request");
         return;
     }
+    if (frame.type != FRAME_PING) note_activity(session);
+    // Other types are of a later release: skipped.
     switch (frame.type) {
         case FRAME_OPEN:
             open_session(session, frame.payload);
@@ -206,25 +222,30 @@ void take_frame(Session* session, const Frame& frame) {
                 end_session(session, "too many commands at once");
                 return;
             }
-            session->waiting_lines.push_back(frame.payload);
+            session->waiting_lines.emplace_back(frame.payload);
             return;
         case FRAME_KEY:
             add_keys(session, frame.payload);
             return;
         case FRAME_HELP:
-            reply(session, match_help(modes_grammar(mode_of(session)), frame.payload));
+            send_frame(session, FRAME_REPLY,
+                       match_help(modes_grammar(mode_of(session)), frame.payload));
             return;
         case FRAME_COMPLETE:
-            reply(session, completions(modes_grammar(mode_of(session)), frame.payload));
+            send_frame(session, FRAME_REPLY,
+                       completions(modes_grammar(mode_of(session)), frame.payload));
+            return;
+        case FRAME_PING:  // no sign of a person
+            send_frame(session, FRAME_PONG, "");
             return;
         case FRAME_OUTPUT:
         case FRAME_REFUSAL:
         case FRAME_END:
         case FRAME_REPLY:
         case FRAME_BYE:
-            break;
+        case FRAME_PONG:
+            return;
     }
-    end_session(session, "malformed request");
 }
 
 void take_frames(Session* session) {
@@ -246,7 +267,10 @@ void receive(Session* session) {
     char bytes[4096];
     const ssize_t count = recv(session->socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
     if (count > 0) {
-        session->input.Add({bytes, static_cast<size_t>(count)});
+        if (!session->input.Add({bytes, static_cast<size_t>(count)})) {
+            drop_session(session);
+            return;
+        }
         take_frames(session);
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
         drop_session(session);
@@ -277,7 +301,7 @@ int session_writable(tq_thread* task) {
 }
 
 int wake_ready(tq_thread*) {
-    if (!arm_wake()) log_error("cli-wake");
+    service_must("cli-wake", arm_wake);
     eventfd_t count = 0;
     (void)eventfd_read(s_wake.get(), &count);  // non-blocking; nothing to read is fine
     const std::vector<std::shared_ptr<Session>> sessions = s_sessions;
@@ -286,33 +310,49 @@ int wake_ready(tq_thread*) {
 }
 
 int accept_retry(tq_thread*) {
-    if (!arm_listener()) log_error("cli-listen");
+    service_must("cli-listen", arm_listener);
     return 0;
 }
 
-// When descriptors or memory are short the listener would stay readable: look
-// again a little later instead of spinning.
-void accept_later() {
-    log_error("accept");
-    if (tq_thread_add_timer_withname(s_master, accept_retry, nullptr, ACCEPT_RETRY_S,
-                                     "cli-accept") == nullptr) {
-        log_error("cli-accept");
+bool arm_accept_retry() {
+    return tq_thread_add_timer_withname(s_master, accept_retry, nullptr, ACCEPT_RETRY_S,
+                                        "cli-accept") != nullptr;
+}
+
+// A place for one more session: the terminal that was idle for longest gives way.
+// False: all of them run commands.
+bool make_room() {
+    if (s_sessions.size() < SESSIONS_MAX) return true;
+    std::shared_ptr<Session> idlest;
+    int64_t since_ms = INT64_MAX;
+    for (const auto& session : s_sessions) {
+        const MutexLock guard(cli_lock);
+        if (session->busy || session->active_ms >= since_ms) continue;
+        idlest = session;
+        since_ms = session->active_ms;
     }
+    if (idlest == nullptr) return false;
+    end_session(idlest.get(), "idle for longest, and another terminal needs the place");
+    remove_session(idlest);
+    return true;
 }
 
 int accept_ready(tq_thread*) {
+    s_listen_task = nullptr;
     UniqueFd socket(accept4(s_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    // The listener would stay readable: look again a little later instead of spinning.
     const bool short_of_means = !socket.valid() && (errno == EMFILE || errno == ENFILE ||
                                                     errno == ENOMEM || errno == ENOBUFS);
     if (short_of_means) {
-        accept_later();
+        log_error("accept");
+        service_must("cli-accept", arm_accept_retry);
         return -1;
     }
-    if (!arm_listener()) log_error("cli-listen");
+    service_must("cli-listen", arm_listener);
     if (!socket.valid()) return -1;
     auto session = std::make_shared<Session>();
     session->socket = std::move(socket);
-    if (s_sessions.size() >= SESSIONS_MAX) {
+    if (!make_room()) {
         end_session(session.get(), "too many sessions are open");
         return 0;
     }
@@ -323,7 +363,18 @@ int accept_ready(tq_thread*) {
 
 }  // namespace
 
+void service_must(const char* name, bool (*arm)()) {
+    for (int left = ARM_TRIES_MAX; !arm(); usleep(ARM_PAUSE_US)) {
+        if (--left > 0) continue;
+        log_error(name);
+        (void)fprintf(stderr, "%s: can't be armed, the process ends\n", name);
+        _exit(EXIT_FAILURE);
+    }
+}
+
 bool service_listen(tq_thread_master* master, const std::string& path) {
+    if (s_listener.valid()) return true;
+    command_init(-1);
     UniqueFd listener;
     UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     int error = wake.valid() ? 0 : errno;
@@ -334,19 +385,22 @@ bool service_listen(tq_thread_master* master, const std::string& path) {
         return false;
     }
     s_master = master;
-    s_listener = std::move(listener);
     s_wake = std::move(wake);
-    command_init(s_wake.get());
-    if (arm_wake()) return true;
+    if (arm_wake()) {
+        command_init(s_wake.get());
+        s_listener = std::move(listener);
+        return true;
+    }
     log_error("cli-wake");
     (void)unlink(path.c_str());
-    s_listener.reset();
     return false;
 }
 
 bool service_start() {
+    if (!s_listener.valid()) return false;
     s_commands_taken = true;
-    return arm_listener();
+    service_must("cli-listen", arm_listener);
+    return true;
 }
 
 }  // namespace client_new

@@ -26,14 +26,21 @@ constexpr size_t QUEUE_MAX_BYTES = 1048576;
 constexpr size_t KEYS_MAX = 64;
 constexpr int64_t ROOM_WAIT_MS = 5000;
 
+// False: the session is gone, because memory was short.
+bool queue_frame_locked(Session* session, FrameType type, std::string_view payload)
+    REQUIRES(cli_lock) {
+    const bool queued = frame_append(&session->queue, type, payload);
+    if (!queued) session_drop_locked(session);
+    return queued;
+}
+
 void frame_text_locked(Session* session) REQUIRES(cli_lock) {
-    std::string_view text = session->text;
-    while (!text.empty()) {
+    const GrowingBytes taken = std::move(session->text);
+    for (std::string_view text = taken.View(); !text.empty();) {
         const std::string_view part = text.substr(0, REPLY_PAYLOAD_MAX);
-        frame_append(&session->queue, FRAME_OUTPUT, part);
+        if (!queue_frame_locked(session, FRAME_OUTPUT, part)) return;
         text.remove_prefix(part.size());
     }
-    session->text.clear();
 }
 
 // True: the terminal is gone, or read enough.
@@ -47,15 +54,20 @@ bool has_room(Session* session) EXCLUDES(cli_lock) {
 
 void session_print_locked(Session* session, std::string_view text) {
     if (session->gone) return;
-    session->text.append(text);
+    if (!session->text.Append(text)) {
+        session_drop_locked(session);
+        return;
+    }
     if (session->text.size() >= FLUSH_BYTES) session_flush_locked(session);
 }
 
 void session_send_locked(Session* session, FrameType type, std::string_view payload) {
     if (session->gone) return;
     frame_text_locked(session);
-    frame_append(&session->queue, type, payload.substr(0, REPLY_PAYLOAD_MAX));
-    session_flush_locked(session);
+    if (session->gone) return;
+    if (queue_frame_locked(session, type, payload.substr(0, REPLY_PAYLOAD_MAX))) {
+        session_flush_locked(session);
+    }
 }
 
 void session_flush_locked(Session* session) {
@@ -63,8 +75,9 @@ void session_flush_locked(Session* session) {
     frame_text_locked(session);
     size_t sent = 0;
     while (sent < session->queue.size()) {
-        const ssize_t count = send(session->socket.get(), session->queue.data() + sent,
-                                   session->queue.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const std::string_view rest = session->queue.View().substr(sent);
+        const ssize_t count =
+            send(session->socket.get(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno != EAGAIN) {
             session_drop_locked(session);
@@ -73,7 +86,7 @@ void session_flush_locked(Session* session) {
         if (count < 0) break;
         sent += static_cast<size_t>(count);
     }
-    session->queue.erase(0, sent);
+    session->queue.DropFront(sent);
     if (session->queue.size() > QUEUE_MAX_BYTES) session_drop_locked(session);
 }
 
@@ -83,8 +96,8 @@ bool session_has_unsent_locked(const Session* session) {
 
 void session_drop_locked(Session* session) {
     session->gone = true;
-    session->text = std::string();
-    session->queue = std::string();
+    session->text.Clear();
+    session->queue.Clear();
     (void)shutdown(session->socket.get(), SHUT_RDWR);  // fails when the peer is gone already
 }
 

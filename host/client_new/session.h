@@ -12,10 +12,12 @@
 #include <string>
 #include <string_view>
 
+#include "base/clock.h"
 #include "base/sync.h"
 #include "base/unique_fd.h"
 #include "frame/platform/tq_thread.h"
 #include "host/client_new/cli_protocol.h"
+#include "host/client_new/growing_bytes.h"
 
 namespace client_new {
 
@@ -38,12 +40,15 @@ struct Session {
     Mode mode GUARDED_BY(cli_lock) = Mode::kExec;
     bool leave GUARDED_BY(cli_lock) = false;  // the session ends with its command
     bool gone GUARDED_BY(cli_lock) = false;   // what is sent now is dropped
-    std::string text GUARDED_BY(cli_lock);    // output not yet in a frame
-    std::string queue GUARDED_BY(cli_lock);   // frames not yet sent
+    // When it came, typed or saw a command end; monotonic.
+    int64_t active_ms GUARDED_BY(cli_lock) = monotonic_ms();
+    GrowingBytes text GUARDED_BY(cli_lock);   // output not yet in a frame
+    GrowingBytes queue GUARDED_BY(cli_lock);  // frames not yet sent
     std::deque<int> keys GUARDED_BY(cli_lock);
 };
 
-// Adds output; sends when about 8 KiB have gathered.
+// Adds output; sends when about 8 KiB have gathered. Here and below: a session for which
+// memory is short is dropped.
 void session_print_locked(Session* session, std::string_view text) REQUIRES(cli_lock);
 
 // Adds a frame behind all output made so far, and sends.

@@ -10,8 +10,8 @@ import time
 import pytest
 from lab import DEADLINE, Device, Sample, wait_for
 
-OPEN, COMMAND, KEY, HELP, COMPLETE = 1, 2, 3, 4, 5
-REFUSAL, END, BYE = 17, 18, 20
+OPEN, COMMAND, KEY, HELP, COMPLETE, PING = 1, 2, 3, 4, 5, 6
+REFUSAL, END, BYE, PONG = 17, 18, 20, 21
 RECORD = "[] no=0 context=0 debug=0 []\n"  # of "show record"
 
 
@@ -203,7 +203,7 @@ def test_malformed_peer_costs_only_itself(sample: Sample) -> None:
     sample.start()
     for opens, kind, payload, length, answer in [
         (False, COMMAND, b"write", None, "malformed"), (False, OPEN, b"releases", None, "releases"),
-        (True, COMMAND, b"", 0xffffffff, "malformed"), (True, 77, b"", None, "malformed"),
+        (True, COMMAND, b"", 0xffffffff, "malformed"),
     ]:
         terminal = Terminal(sample, opens)
         terminal.send(kind, payload, length)
@@ -214,8 +214,28 @@ def test_malformed_peer_costs_only_itself(sample: Sample) -> None:
     assert "[too many commands at once]" in hurried.finish()
     # Answers that nobody reads must not pile up without bound.
     assert not all(deaf.send(HELP) for _ in range(100_000))
-    many = [Terminal(sample, opens=False) for _ in range(20)]
-    assert [terminal.open() for terminal in many].count("[too many sessions are open]") >= 4
-    many.clear()
-    wait_for(lambda: Terminal(sample, opens=False).open() == "")
-    assert Terminal(sample).run("show record") == RECORD
+    later = Terminal(sample)
+    later.send(77, b"of a later release")
+    assert later.run("show record") == RECORD
+
+
+def test_idlest_terminal_gives_way(sample: Sample) -> None:
+    sample.start()
+    many = [Terminal(sample) for _ in range(16)]
+    for held in many[:2]:
+        held.start("work hold")
+        assert held.next()[1] == "holding\n"
+    many[2].send(PING)
+    assert many[2].next()[0] == PONG, "which no person has typed"
+    many[3].ask(HELP, "")
+    for idlest in (many[2], many[4]):
+        many.append(Terminal(sample))
+        assert idlest.finish() == "[idle for longest, and another terminal needs the place]"
+        many.remove(idlest)
+    for held in many[2:]:
+        held.start("work hold")
+        assert held.next()[1] == "holding\n"
+    assert Terminal(sample, opens=False).open() == "[too many sessions are open]"
+    for held in many:
+        held.send(KEY, b"\x03")
+        assert held.finish() == "stopped\n"

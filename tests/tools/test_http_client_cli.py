@@ -2,8 +2,11 @@
 
 import os
 import shlex
+import signal
+import socket
 import socketserver
 import stat
+import struct
 import subprocess
 import tarfile
 import threading
@@ -83,6 +86,29 @@ def test_terminal_until_the_daemon_dies(daemon):
         child.expect_exact(shown)
     child.close()
     assert child.exitstatus == 2
+
+
+def test_silence_is_allowed_to_commands_not_to_the_daemon(daemon):
+    def begin(directory):
+        return subprocess.Popen([CLI, "-c", "work hold"], text=True, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, env={**daemon.environment,
+                                                             "TMPDIR": str(directory)})
+    patient = begin(daemon.scratch.root)
+    assert patient.stdout.read(8) == "holding\n"
+    stopped = daemon.scratch.root / "s/oam/http_client"
+    stopped.mkdir(parents=True)
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(str(stopped / ".http_client_cli"))
+        server.listen()
+        waiting = begin(daemon.scratch.root / "s")
+        with server.accept()[0] as connection:
+            connection.sendall(struct.pack("HHI4B", 18, 0, 4, 0, 0, 0, 1))  # opened; knows pings
+            assert waiting.communicate(timeout=DEADLINE) == (
+                "", "http_client_cli: the daemon does not answer\n")
+    assert waiting.returncode == 2
+    patient.send_signal(signal.SIGINT)
+    assert patient.communicate(timeout=DEADLINE) == ("stopped\n", "")
+    assert patient.returncode == 0
 
 
 class Support(socketserver.StreamRequestHandler):

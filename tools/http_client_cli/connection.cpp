@@ -1,6 +1,10 @@
 // Frames, signals and the life of one command. Signals are read from a descriptor, so that
 // one poll waits for the daemon, the keyboard and them. While a command runs, Ctrl+C is
 // sent to it as a key, and it decides what that means.
+//
+// A daemon that is stopped, or whose loop is held, must not hold a script for ever. So
+// while an answer is waited for it is pinged, and it owes that answer within the limit; a
+// daemon of an older release, which knows no ping, owes only what it gives at once.
 #include "connection.h"
 
 #include <poll.h>
@@ -8,20 +12,26 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 
+#include "base/clock.h"
 #include "base/file.h"
 #include "base/local_socket.h"
 
 using client_new::Frame;
 using client_new::FrameReader;
 using client_new::FrameType;
+using client_new::GrowingBytes;
 
 namespace {
 
 constexpr std::string_view KEY_INTERRUPT = "\x03";
+constexpr int ANSWER_LIMIT_S = 10;
+constexpr int64_t ANSWER_LIMIT_MS = ANSWER_LIMIT_S * 1000;
+constexpr int64_t QUIET_MS = 2000;  // before a ping
 
 bool open_signals(Connection* connection) {
     sigset_t set;
@@ -33,23 +43,39 @@ bool open_signals(Connection* connection) {
     return connection->signals.valid() && sigprocmask(SIG_BLOCK, &set, nullptr) == 0;
 }
 
-// A failure shows in the next read, after what the daemon said before.
+Event connection_lost(Connection* connection, std::string_view reason) {
+    connection->lost = reason;
+    return Event::kLost;
+}
+
+Event daemon_silent(Connection* connection) {
+    (void)shutdown(connection->socket.get(), SHUT_RDWR);  // a frame may be half sent
+    return connection_lost(connection, "the daemon does not answer");
+}
+
+// A failure shows in the next read, after what the daemon said before; but one of a
+// daemon that takes nothing is final.
 void send_frame(Connection* connection, FrameType type, std::string_view payload) {
-    std::string bytes;
-    client_new::frame_append(&bytes, type, payload);
-    std::string_view rest = bytes;
+    GrowingBytes bytes;
+    if (!client_new::frame_append(&bytes, type, payload)) {
+        (void)connection_lost(connection, strerror(ENOMEM));
+        return;
+    }
+    std::string_view rest = bytes.View();
     while (!rest.empty()) {
         const ssize_t count =
             send(connection->socket.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) (void)daemon_silent(connection);
         if (count < 0) return;
         rest.remove_prefix(static_cast<size_t>(count));
     }
 }
 
-Event connection_lost(Connection* connection, std::string_view reason) {
-    connection->lost = reason;
-    return Event::kLost;
+// A question that the daemon answers at once, whatever runs.
+void ask_frame(Connection* connection, FrameType type, std::string_view payload) {
+    send_frame(connection, type, payload);
+    connection->asked_ms = monotonic_ms();
 }
 
 // True when *event is to be told.
@@ -76,17 +102,30 @@ bool take_frame(Connection* connection, Frame* frame, Event* event) {
     return true;
 }
 
+// How long to wait for the daemon; -1: for ever.
+int wait_ms(const Connection& connection, bool for_command) {
+    if (connection.asked_ms != 0) {
+        const int64_t left_ms = connection.asked_ms + ANSWER_LIMIT_MS - monotonic_ms();
+        return static_cast<int>(std::max(left_ms, int64_t{0}));
+    }
+    return for_command && connection.answers_ping ? QUIET_MS : -1;
+}
+
 // False: the daemon is gone.
 bool receive(Connection* connection) {
     char bytes[16384];
     const ssize_t count = recv(connection->socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
-    if (count > 0) connection->reader.Add({bytes, static_cast<size_t>(count)});
-    return count > 0 || (count < 0 && (errno == EINTR || errno == EAGAIN));
+    if (count > 0) {
+        connection->asked_ms = 0;
+        return connection->reader.Add({bytes, static_cast<size_t>(count)});
+    }
+    return count < 0 && (errno == EINTR || errno == EAGAIN);
 }
 
 void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
     client_new::EndPayload end{};
-    if (frame.payload.size() == sizeof(end)) memcpy(&end, frame.payload.data(), sizeof(end));
+    if (frame.payload.size() >= sizeof(end)) memcpy(&end, frame.payload.data(), sizeof(end));
+    connection->answers_ping = (end.offers & client_new::END_ANSWERS_PING) != 0;
     connection->mode = end.mode;
     connection->left = end.leave != 0;
     *outcome = end.status == client_new::END_ACCEPTED ? Outcome::kAccepted : Outcome::kRefused;
@@ -130,7 +169,7 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
 
 bool connection_open(Connection* connection, bool second_list) {
     const std::string path = client_new::cli_socket_path();
-    errno = local_connect(path.c_str(), 0, &connection->socket);
+    errno = local_connect(path.c_str(), ANSWER_LIMIT_S, &connection->socket);
     if (errno != 0 || !open_signals(connection)) {
         (void)fprintf(stderr, "http_client_cli: no daemon at %s: %s\n", path.c_str(),
                       strerror(errno));
@@ -138,19 +177,26 @@ bool connection_open(Connection* connection, bool second_list) {
     }
     const client_new::OpenPayload open{client_new::PROTOCOL_VERSION,
                                        second_list ? client_new::OPEN_SECOND_LIST : 0};
-    send_frame(connection, client_new::FRAME_OPEN,
-               {reinterpret_cast<const char*>(&open), sizeof(open)});
+    ask_frame(connection, client_new::FRAME_OPEN,
+              {reinterpret_cast<const char*>(&open), sizeof(open)});
     return finish_command(connection, false) == Outcome::kAccepted;
 }
 
 Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
     for (;;) {
         Event event{};
+        if (!connection->lost.empty()) return Event::kLost;
         if (take_frame(connection, frame, &event)) return event;
         pollfd waiting[] = {{connection->signals.get(), POLLIN, 0},
                             {connection->socket.get(), POLLIN, 0},
                             {STDIN_FILENO, POLLIN, 0}};
-        if (poll(waiting, input_too ? 3 : 2, -1) < 0) continue;
+        const int ready = poll(waiting, input_too ? 3 : 2, wait_ms(*connection, !input_too));
+        if (ready < 0) continue;
+        if (ready == 0) {
+            if (connection->asked_ms != 0) return daemon_silent(connection);
+            ask_frame(connection, client_new::FRAME_PING, "");
+            continue;
+        }
         if (waiting[0].revents != 0 && take_signal(connection, &event)) return event;
         if (waiting[1].revents != 0) {
             if (!receive(connection)) {
@@ -175,13 +221,13 @@ Outcome connection_run(Connection* connection, std::string_view line) {
 bool connection_ask(Connection* connection, FrameType type, std::string_view line,
                     std::string* reply) {
     if (line.size() > client_new::LINE_LENGTH_MAX) return true;  // there is no such command
-    send_frame(connection, type, line);
+    ask_frame(connection, type, line);
     for (;;) {
         Frame frame{};
         const Event event = connection_wait(connection, false, &frame);
         if (event == Event::kLost || event == Event::kQuit) return false;
         if (event != Event::kFrame || frame.type != client_new::FRAME_REPLY) continue;
-        *reply = std::move(frame.payload);
+        *reply = frame.payload;
         return true;
     }
 }

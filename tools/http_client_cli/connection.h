@@ -27,12 +27,17 @@ struct Connection {
     UniqueFd signals;
     client_new::FrameReader reader{client_new::REPLY_PAYLOAD_MAX};
     client_new::Mode mode = client_new::Mode::kExec;
+    bool answers_ping = false;
+    int64_t asked_ms = 0;      // since when the daemon owes an answer, monotonic; 0: it does not
     bool left = false;         // the session ended by a command
     std::string lost;          // why the daemon closed the session, for standard error
     bool output_lost = false;  // a command's output could not be written; said so
 };
 
 enum class Outcome { kAccepted, kRefused, kQuit, kLost };
+
+// Here and below: a daemon that shows no sign of life for ten seconds counts as gone. A
+// command may be silent for as long as it likes, where the daemon answers pings.
 
 // Opens a session. False: there is no daemon, said so on standard error; or it
 // does not want us.

@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int REPORTS = 2;
-constexpr int ANSWER_WAIT_MS = 30000;
+constexpr int ANSWER_LIMIT_S = 10;
 constexpr size_t ANSWER_MAX_BYTES = 16777216;
 constexpr size_t DUMP_MAX_BYTES = 16777216;
 constexpr size_t MEMBER_NAME_MAX = 100;
@@ -39,7 +39,7 @@ void print_error(const std::string& what, const char* reason) {
 bool receive_all(int fd, std::string* answer) {
     for (;;) {
         pollfd waiting{fd, POLLIN, 0};
-        const int ready = poll(&waiting, 1, ANSWER_WAIT_MS);
+        const int ready = poll(&waiting, 1, ANSWER_LIMIT_S * 1000);
         if (ready < 0 && errno == EINTR) continue;
         if (ready == 0) errno = ETIMEDOUT;
         if (ready <= 0) return false;
@@ -59,7 +59,7 @@ bool receive_all(int fd, std::string* answer) {
 bool ask(const std::string& request, std::string* answer) {
     const std::string path = tech_support_socket_path();
     UniqueFd connection;
-    errno = local_connect(path.c_str(), 0, &connection);
+    errno = local_connect(path.c_str(), ANSWER_LIMIT_S, &connection);
     if (errno == 0 &&
         send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
             static_cast<ssize_t>(request.size()) &&
