@@ -73,6 +73,9 @@ void server_handle(cli_record* record) {
     const int result = change(record->string1, static_cast<uint32_t>(record->value1),
                               record->string2, record->context != 0);
     if (result != HU_SERV_OK) cli_printf("%% %s\r\n\r\n", hu_serv_errstr(result));
+    if (result == HU_SERV_NO_MEMORY && cli_command_outcome != nullptr) {
+        cli_command_outcome(record, CLI_OUTCOME_NO_MEMORY);
+    }
 }
 
 void time_handle(cli_record* record) {

@@ -152,15 +152,31 @@ constexpr cli_node append_point_action(const cli_node* next) {
 extern "C" {
 
 // Connects to the command-line service and serves it on the loop. Negative:
-// failure.
+// failure; it may be called again, at any time, until it succeeds (and after that
+// it changes nothing).
 int cli_client_init(const char* client, tq_thread_master* master);
 
-// Offers a tree in a mode. Negative: failure.
+// Offers a tree in a mode; once, however often it is called. Negative: failure.
 int cli_add_command(int mode, const cli_node* root, const char* name);
 
 // All trees are there: start-up configuration is replayed, then commands are
-// taken.
+// taken. Negative: they can't be taken.
 int cli_client_ready(void);
+
+// Optional: a library may lack it. Replays the start-up configuration without
+// cli_client_init, for a daemon whose service can't be had yet; to be called after
+// the trees of configuration mode were added. cli_client_ready does it, too, and
+// once is enough: what was replayed is not replayed again.
+#define CLI_CONFIG_READ 0     // or there is none
+#define CLI_CONFIG_UNREAD -1  // it could not be read: to be called again in a minute
+__attribute__((weak)) int cli_config_replay(void);
+
+// Optional: a library may lack it. How the command went whose handler runs, where
+// its words alone don't tell.
+#define CLI_OUTCOME_NO_MEMORY \
+    1  // changed nothing, for memory was short: counts as
+       // refused, and a replayed line is replayed again
+__attribute__((weak)) void cli_command_outcome(cli_record* record, int outcome);
 
 // The platform's global debug switch: callback with 1 everything on, 2
 // everything off, 3 print the status on the terminal.

@@ -32,6 +32,7 @@ struct Command {
     bool handler_running;
     bool ended;  // by its thread; final, even before the thread was named
     bool refused;
+    bool no_memory;
 };
 
 std::vector<std::unique_ptr<Command>> s_commands GUARDED_BY(cli_lock);
@@ -191,17 +192,20 @@ void command_skip(const std::shared_ptr<Session>& session, std::string_view refu
     end_session_line_locked(session.get(), !refusal.empty());
 }
 
-std::string command_run_silent(const Match& match) {
+SilentOutcome command_run_silent(const Match& match) {
+    Command* outer = nullptr;
     Command* command = nullptr;
     {
         const MutexLock guard(cli_lock);
+        outer = s_current;
         command = add_locked(match, nullptr);
     }
     match.handler(&command->record);
     const MutexLock guard(cli_lock);
-    std::string captured = std::move(command->captured);
+    SilentOutcome outcome{std::move(command->captured), command->no_memory};
     handler_returned_locked(command);
-    return captured;
+    s_current = outer;
+    return outcome;
 }
 
 std::shared_ptr<Session> command_session() {
@@ -251,6 +255,14 @@ void cli_printf_cdb(cli_record* record, const char* format, ...) {
     Command* command = find_record_locked(record);
     if (command == nullptr) command = find_caller_locked();
     if (command != nullptr) refuse_locked(command, text);
+}
+
+void cli_command_outcome(cli_record* record, int outcome) {
+    const MutexLock guard(cli_lock);
+    Command* command = find_record_locked(record);
+    if (command == nullptr || outcome != CLI_OUTCOME_NO_MEMORY) return;
+    command->refused = true;
+    command->no_memory = true;
 }
 
 void cli_flush(void) {

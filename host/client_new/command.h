@@ -32,9 +32,12 @@ void command_run(const std::shared_ptr<Session>& session, const Match& match);
 void command_skip(const std::shared_ptr<Session>& session, std::string_view refusal)
     EXCLUDES(cli_lock);
 
-// Runs the handler without a terminal. Returns what it refused or printed (cut
-// to some hundred bytes), empty when it was silent.
-std::string command_run_silent(const Match& match);
+struct SilentOutcome {
+    std::string said;  // refused or printed, cut to some hundred bytes
+    bool no_memory;    // nothing was changed, for memory was short
+};
+// Runs the handler without a terminal; also from within the handler of a command.
+SilentOutcome command_run_silent(const Match& match);
 
 // The session of the handler that runs, or null.
 std::shared_ptr<Session> command_session();

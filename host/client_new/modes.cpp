@@ -4,11 +4,13 @@
 // alternatives.
 #include "host/client_new/modes.h"
 
+#include <algorithm>
 #include <deque>
 #include <vector>
 
 #include "host/client_new/command.h"
 #include "host/client_new/running_config.h"
+#include "host/client_new/startup_config.h"
 
 namespace client_new {
 
@@ -35,7 +37,15 @@ void set_mode(Mode mode) {
     session->mode = mode;
 }
 
-void enter_configuration(cli_record*) { set_mode(Mode::kConfig); }
+// What is set before the saved configuration was read would be lost when it is.
+void enter_configuration(cli_record*) {
+    const std::string reason = modes_replay();
+    if (reason.empty()) {
+        set_mode(Mode::kConfig);
+    } else {
+        command_refuse("% The saved configuration can't be read yet: " + reason + "\n");
+    }
+}
 void leave_configuration(cli_record*) { set_mode(Mode::kExec); }
 
 void leave_session(cli_record*) {
@@ -50,11 +60,10 @@ void show_running_config(cli_record*) {
 }
 
 void write_startup_config(cli_record*) {
-    const std::string path = startup_config_path();
-    const std::string text =
-        "! Start-up configuration, saved by \"write\"\n" + running_config_text(s_config_trees);
-    const std::string reason = startup_config_save(path, text);
-    if (!reason.empty()) command_refuse("% Not saved: " + path + ": " + reason + "\n");
+    (void)modes_replay();  // its failure is the saving's, too
+    const std::string reason = startup_config_save(
+        "! Start-up configuration, saved by \"write\"\n" + running_config_text(s_config_trees));
+    if (!reason.empty()) command_refuse("% Not saved: " + reason + "\n");
 }
 
 void switch_all_debugging(int action) {
@@ -95,6 +104,11 @@ std::vector<const cli_node*> operator+(std::vector<const cli_node*> left,
     return left;
 }
 
+template <typename T>
+void add_once(std::vector<T>* list, T what) {
+    if (std::ranges::find(*list, what) == list->end()) list->push_back(what);
+}
+
 }  // namespace
 
 bool modes_add_tree(int mode, const cli_node* root) {
@@ -104,13 +118,14 @@ bool modes_add_tree(int mode, const cli_node* root) {
                                           : mode == CLI_MODE_CONFIG ? &s_config_trees
                                                                     : nullptr;
     if (trees == nullptr || root == nullptr) return false;
-    trees->push_back(root);
+    add_once(trees, root);
     return true;
 }
 
-void modes_add_debug_switch(DebugSwitch debug_switch) { s_debug_switches.push_back(debug_switch); }
+void modes_add_debug_switch(DebugSwitch debug_switch) { add_once(&s_debug_switches, debug_switch); }
 
 void modes_build() {
+    if (s_exec.root != nullptr) return;
     const std::vector<const cli_node*> common = {
         keyword("show", "Show state and configuration",
                 choice(std::vector{command("debugging", "What is debugged", show_debugging),
@@ -136,11 +151,16 @@ void modes_build() {
                std::vector{command("end", "Leave configuration mode", leave_configuration),
                            command("exit", "Leave configuration mode", leave_configuration)}),
         no, nullptr};
-    s_startup = {choice(s_config_trees + std::vector{no}), no, nullptr};
 }
 
 const Grammar& modes_grammar(Mode mode) { return mode == Mode::kConfig ? s_config : s_exec; }
 
-void modes_replay() { startup_config_replay(startup_config_path(), s_startup); }
+std::string modes_replay() {
+    if (s_startup.root == nullptr) {
+        const cli_node* no = keyword("no", "", choice(s_config_trees));
+        s_startup = {choice(s_config_trees + std::vector{no}), no, nullptr};
+    }
+    return startup_config_replay(s_startup);
+}
 
 }  // namespace client_new

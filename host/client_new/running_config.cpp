@@ -1,19 +1,11 @@
-// Walk over the configuration trees, and the file that keeps its result. Nothing else
-// knows a setting's syntax: a handler writes the very line that would set it, and start-up
-// replays the lines as if they were typed.
+// Walk over the configuration trees. Nothing else knows a setting's syntax: a handler
+// writes the very line that would set it.
 #include "host/client_new/running_config.h"
 
-#include <syslog.h>
-
-#include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
-#include "base/file.h"
 #include "base/text.h"
-#include "base/working_dir.h"
-#include "frame/platform/syslog_new.h"
 #include "host/client_new/command.h"
 
 namespace client_new {
@@ -22,12 +14,6 @@ namespace {
 
 // No honest tree is deeper; a ring in a faulty one ends here.
 constexpr int DEPTH_MAX = 64;
-constexpr size_t FILE_MAX_BYTES = 262144;
-// Every damaged line of a configuration gets its message; a file that is something
-// else altogether must not flood the system log.
-constexpr int DAMAGED_LINES_LOGGED = 500;
-constexpr int SYSLOG_WARNING = LOG_WARNING;
-constexpr int SYSLOG_OUTPUT = 2;  // as the daemon's own lines
 
 // Where c2p_printf writes; null: nobody asked.
 std::string* s_collected = nullptr;
@@ -70,13 +56,13 @@ void walk(const cli_node* first, const std::string& words, int depth) {
     }
 }
 
-void log_warning(const std::string& path, const std::string& reason) {
-    (void)printk_syslog_ext(SYSLOG_WARNING, "CLI", "WARNING", SYSLOG_OUTPUT, "%s: %s\n",
-                            path.c_str(), reason.c_str());
+void append_line(const std::string& text) {
+    // A line end inside would make a line of its own out of what follows it.
+    *s_collected += as_one_line(text) + "\n";
 }
 
-// The log takes one line: line ends at the end go, others become blanks, and
-// what is no text becomes a question mark.
+}  // namespace
+
 std::string as_one_line(std::string text) {
     while (!text.empty() && strchr("\r\n ", text.back()) != nullptr) text.pop_back();
     for (char& c : text) {
@@ -87,74 +73,12 @@ std::string as_one_line(std::string text) {
     return text;
 }
 
-// Why the file is not read; "" when there is none.
-std::string reason_of(int error) {
-    switch (error) {
-        case ENOENT:
-            return "";
-        case EINVAL:
-            return "not a plain file";
-        case EPERM:
-            return "belongs to a stranger";  // the directory is open to everyone
-        case EFBIG:
-            return "too large";
-        default:
-            return strerror(error);
-    }
-}
-
-// Returns "" or what is wrong with the line.
-std::string replay_line(std::string_view line, const Grammar& grammar) {
-    if (line_is_blank(line)) return "";
-    const Match match = match_line(grammar, line, 0);
-    return as_one_line(match.handler == nullptr ? match.refusal : command_run_silent(match));
-}
-
-void append_line(const std::string& text) {
-    // A line end inside would make a line of its own out of what follows it.
-    *s_collected += as_one_line(text) + "\n";
-}
-
-}  // namespace
-
 std::string running_config_text(const std::vector<const cli_node*>& trees) {
     std::string text;
     s_collected = &text;
     for (const cli_node* tree : trees) walk(tree, "", 0);
     s_collected = nullptr;
     return text;
-}
-
-std::string startup_config_path() {
-    char path[PATH_SIZE];
-    working_path(dir_prefix_now(DATA_DIR), "startup-config", path);
-    return path;
-}
-
-std::string startup_config_save(const std::string& path, std::string_view text) {
-    if (text.size() > FILE_MAX_BYTES) return "too large";  // would not be read back
-    const int error = file_replace(path.c_str(), text, 0600);
-    return error == 0 ? "" : strerror(error);
-}
-
-void startup_config_replay(const std::string& path, const Grammar& grammar) {
-    FileBytes file;
-    const int error = file_read(path.c_str(), FILE_NO_LINK | FILE_OURS, FILE_MAX_BYTES, &file);
-    std::string reason = error == 0 ? "" : reason_of(error);
-    if (!reason.empty()) log_warning(path, reason);
-    int number = 0;
-    int damaged = 0;
-    for (std::string_view rest = file.View(); !rest.empty();) {
-        const size_t end = rest.find('\n');
-        ++number;
-        reason = replay_line(rest.substr(0, end), grammar);
-        rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
-        if (reason.empty() || ++damaged > DAMAGED_LINES_LOGGED) continue;
-        log_warning(path, "line " + std::to_string(number) + ": " + reason);
-    }
-    if (damaged > DAMAGED_LINES_LOGGED) {
-        log_warning(path, std::to_string(damaged - DAMAGED_LINES_LOGGED) + " more damaged lines");
-    }
 }
 
 }  // namespace client_new

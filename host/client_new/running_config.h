@@ -1,10 +1,8 @@
-// Running configuration (what the trees' writers print now) and start-up
-// configuration (the file it is saved to and replayed from).
+// Running configuration: what the trees' writers print now.
 // Threads: main loop only.
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "host/client_new/match.h"
@@ -16,16 +14,8 @@ namespace client_new {
 // way to it.
 std::string running_config_text(const std::vector<const cli_node*>& trees);
 
-// Path of the start-up configuration.
-std::string startup_config_path();
-
-// Saves the text under the path, whole or not at all. Returns "" or why it
-// failed: the old file is then still there (file_replace() names the exception).
-std::string startup_config_save(const std::string& path, std::string_view text);
-
-// Runs each line of the file as a configuration command. A line that can't be
-// taken costs a message in the system log and nothing else; so does a file that
-// isn't a plain file of a sensible size that belongs to us or to root.
-void startup_config_replay(const std::string& path, const Grammar& grammar);
+// The text on one line: line ends at its end go, others become blanks, and what is
+// no text becomes a question mark.
+std::string as_one_line(std::string text);
 
 }  // namespace client_new
