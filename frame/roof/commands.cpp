@@ -22,6 +22,13 @@ static bool terminal_connect(tq_thread_master* master) {
     return s_terminal;
 }
 
+// The settings must not wait for a terminal. The library keeps count of what was replayed.
+static void saved_config_replay() {
+    if (cli_config_replay == nullptr) return;
+    (void)cli_add_command(CLI_MODE_CONFIG, &cfg_http_update_tree, "cfg http update append");
+    (void)cli_config_replay();  // called again with the next try
+}
+
 static bool support_connect(tq_thread_master* master) {
     s_support =
         tech_reg_service_callback("oam#http_client", master, http_client_tech_callback) != -1;
@@ -55,6 +62,7 @@ bool http_client_services_retry(tq_thread_master* master) {
         http_client_cli_register();
         http_client_debug_print(HTTPC_LOG_INFO, "cli client init success");
     }
+    if (!s_terminal) saved_config_replay();
     if (!s_support && support_connect(master)) {
         dump_files_offer();
         http_client_debug_print(HTTPC_LOG_INFO, "tech init success");
