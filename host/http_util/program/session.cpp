@@ -68,16 +68,15 @@ struct Session {
     uint64_t reported = 0;  // position
     int64_t reported_ms = 0;
     int64_t heard_ms = 0;  // of the library
+    bool over = false;     // the library has gone, or can't be understood
 };
 
 // Of the program; its only thread's.
 Session s_session;
 
-[[noreturn]] void end_now() { _exit(0); }
-
 template <typename Record>
 void answer(const Record& record) {
-    if (!message_send(s_session.socket, record)) end_now();
+    if (!message_send(s_session.socket, record)) s_session.over = true;
 }
 
 // ---- transfer ----
@@ -123,9 +122,10 @@ void response_show() {
     while (received == Received::Nothing) {
         received = message_receive(s_session.socket, &message, -1, &file);
     }
-    if (received == Received::Gone) end_now();
     s_session.heard_ms = monotonic_ms();
-    if (message.type == MessageType::Body && file.valid()) {
+    if (received == Received::Gone) {
+        s_session.over = true;
+    } else if (message.type == MessageType::Body && file.valid()) {
         s_session.writer.Begin(std::move(file), message.body);
         s_session.reported = message.body.offset;
         s_session.reported_ms = s_session.heard_ms;
@@ -134,12 +134,13 @@ void response_show() {
         s_session.discarded = 0;
         s_session.state = State::Discarding;
     } else {
-        end_now();
+        s_session.over = true;
     }
 }
 
 size_t on_body(char* bytes, size_t, size_t size, void*) {
     if (s_session.state == State::Asking) response_show();
+    if (s_session.over) return CURL_WRITEFUNC_ERROR;
     if (s_session.state == State::Taking) {
         const bool taken = s_session.writer.Take(bytes, size) && progress_report();
         return taken ? size : CURL_WRITEFUNC_ERROR;
@@ -167,6 +168,7 @@ EndReason reason_of(CURLcode code) {
 void transfer_finish(CURLcode code) {
     // A response without a body has not been looked at yet.
     if (s_session.state == State::Asking && code == CURLE_OK) response_show();
+    if (s_session.over) return;
     if (s_session.state == State::Discarding) {
         transfer_remove();
         return;
@@ -310,10 +312,10 @@ bool is_out_of_work() {
 
 void messages_take() {
     AnyMessage message;
-    for (;;) {
+    while (!s_session.over) {
         const Received received = message_receive(s_session.socket, &message, 0);
         if (received == Received::Nothing) return;
-        if (received == Received::Gone || !on_message(message)) end_now();
+        s_session.over = received == Received::Gone || !on_message(message) || s_session.over;
     }
 }
 
@@ -361,11 +363,13 @@ bool session_prepare() {
 void session_run(int socket, const ReadyMessage& ready) {
     s_session.socket = socket;
     s_session.heard_ms = monotonic_ms();
+    s_session.over = false;
     answer(ready);
-    while (!is_out_of_work()) {
+    while (!s_session.over && !is_out_of_work()) {
         curl_waitfd library{socket, CURL_WAIT_POLLIN, 0};
         (void)curl_multi_poll(s_session.multi, &library, 1, wait_ms_get(), nullptr);
         if (library.revents != 0) messages_take();
-        if (s_session.added) transfer_drive();
+        if (s_session.added && !s_session.over) transfer_drive();
     }
+    transfer_remove();
 }
