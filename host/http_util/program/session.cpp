@@ -84,8 +84,13 @@ void answer(const Record& record) {
 void transfer_remove() {
     if (s_session.added) (void)curl_multi_remove_handle(s_session.multi, s_session.easy);
     s_session.added = false;
-    // Options that point into these go with them.
-    curl_easy_reset(s_session.easy);
+    // A new handle each time: in one that is used again, libcurl 7.88 adds a folded line at
+    // the front of a response to the last header line of the response before, which is
+    // released by then. Connections stay with multi. Options that point into the lists go
+    // with the old handle.
+    curl_easy_cleanup(s_session.easy);
+    s_session.easy = curl_easy_init();
+    if (s_session.easy == nullptr) s_session.over = true;
     s_session.hosts.reset();
     s_session.headers.reset();
     s_session.writer.Close();
