@@ -2,7 +2,7 @@
 """Fails, kills and cuts off from power the daemon at every call that can fail.
 
     run                          every point of every scene, by two workers
-    run --sample 500             as many, drawn by --seed
+    run --sample 1000            as many, drawn by --seed
     run --scene start --kind once
     run --scene start --kind once --point malloc:1f3a5b7c9d2e4f60:1:ENOMEM
 
@@ -29,7 +29,7 @@ import resource
 import signal
 import subprocess
 import sys
-from collections import Counter, defaultdict
+from collections import Counter
 from concurrent.futures import ProcessPoolExecutor
 from dataclasses import dataclass
 from multiprocessing import util
@@ -155,27 +155,22 @@ def points(scene: str, calls: list[tuple], kinds: list[str]) -> list[Point]:
             for detail, fails in details(kind, call, groups)]
 
 
+def show(result: dict) -> None:
+    if result["broken"]:
+        print(result["words"], " < ".join(result["stack"][:4]), result["broken"], sep="\n    ",
+              flush=True)
+
+
 def report(results: list[dict]) -> str:
-    """Points by scene, broken promises, and the failures by cause: a lasting fault breaks
-    things far from its point."""
+    """Points by scene, and by promise those that broke it."""
     reached = [r for r in results if r["reached"]]
     tried = Counter((r["scene"], r["kind"]) for r in reached)
     broken = Counter((promise, r["kind"]) for r in reached for promise in r["broken"])
-    groups = defaultdict(list)
-    text = []
+    text = [f"not reached: {r['words']}" for r in results if not r["reached"]]
     for title, rows, cells in ("points", SCENES, tried), ("failures", PROMISES, broken):
         text += ["", f"{title:10}" + "".join(f"{kind:>8}" for kind in KINDS)]
         text += [f"{row:10}" + "".join(f"{cells[row, k]:8}" for k in KINDS) for row in rows]
-    for r in reached:
-        cause = "for ever" if r["kind"] == "ever" else "in " + " < ".join(r["stack"][:3])
-        if r["broken"]:
-            groups[r["call"], cause, tuple(r["broken"])].append(r)
-    for (call, cause, _), members in sorted(groups.items(), key=lambda item: -len(item[1])):
-        text += ["", f"{len(members)} points ({', '.join(sorted({m['kind'] for m in members}))}): "
-                 f"{call} {cause}", f"    tests/faults/run {members[0]['words']}",
-                 *(f"    {promise}: {how}" for promise, how in members[0]["broken"].items())]
-    text += ["", *(f"not reached: {r['words']}" for r in results if not r["reached"]),
-             f"{len(reached)} points tried, {sum(bool(r['broken']) for r in reached)} failed, "
+    text += ["", f"{len(reached)} points tried, {sum(bool(r['broken']) for r in reached)} failed, "
              f"{sum(bool(r['unsteady']) for r in reached)} unsteady, "
              f"{len(results) - len(reached)} not reached"]
     return "\n".join(text)
@@ -198,6 +193,8 @@ def arguments() -> argparse.Namespace:
 def main() -> int:
     given = arguments()
     results = [json.loads(line) for line in given.json.open()] if given.json.is_file() else []
+    for result in results:
+        show(result)
     done = {r["words"] for r in results}
     with ProcessPoolExecutor(given.jobs, multiprocessing.get_context("fork"), begin) as pool:
         every, held = [], {}
@@ -216,9 +213,7 @@ def main() -> int:
             for result in pool.map(attempt, [(p, held[p.scene]) for p in every]):
                 results.append(result)
                 file.write(json.dumps(result) + "\n")
-                if result["broken"]:
-                    print(result["words"], " < ".join(result["stack"][:4]), result["broken"],
-                          sep="\n    ", flush=True)
+                show(result)
     print(report(results))
     return 1 if any(r["broken"] for r in results) or not results else 0
 
