@@ -64,6 +64,34 @@ __attribute__((weak))
 #endif
 void http_download_file_release(const char* path);
 
+// Why a download failed, as far as the library can tell.
+#define HTTP_DOWNLOAD_REASON_UNKNOWN 0
+#define HTTP_DOWNLOAD_REASON_ADDRESS 1   // the name has none; number: the DNS client's result
+#define HTTP_DOWNLOAD_REASON_CONNECT 2   // number: errno, 0 where there is none (TLS)
+#define HTTP_DOWNLOAD_REASON_STATUS 3    // number: the HTTP status
+#define HTTP_DOWNLOAD_REASON_TOO_SLOW 4  // below the library's pace
+#define HTTP_DOWNLOAD_REASON_BROKEN 5    // it ended before its end
+#define HTTP_DOWNLOAD_REASON_ANSWER 6    // the header can't be used, or redirects without end
+#define HTTP_DOWNLOAD_REASON_FILE 7      // number: errno of what was done to the file, or 0
+#define HTTP_DOWNLOAD_REASON_LIBRARY 8   // of the library's own; number: its result
+
+struct http_download_outcome {
+    uint64_t resumed;    // bytes of the file that were there and were not asked for again
+    uint64_t fetched;    // bytes of bodies that came
+    int32_t reason;      // HTTP_DOWNLOAD_REASON_; counts after a failure only
+    int32_t number;      // goes with it
+    int32_t redirected;  // 1: it failed at a place that the URL's server had pointed to
+};
+
+// Optional: a library may lack it. What the last download on that context came to. 0; -1
+// when there was none: *outcome is untouched then.
+// Threads: the context's.
+#ifdef __GNUC__
+__attribute__((weak))
+#endif
+int http_download_last_outcome(const struct DownloadCtx* context,
+                               struct http_download_outcome* outcome);
+
 // Switches the library's own debugging (to the system log) on and off.
 // Threads: any.
 void http_open_debug(void);

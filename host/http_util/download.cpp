@@ -5,12 +5,14 @@
 #include "host/http_util/download.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "base/clock.h"
 #include "base/text.h"
 #include "host/http_util/agent.h"
 #include "host/http_util/judge.h"
+#include "host/http_util/outcome.h"
 #include "host/http_util/partial_file.h"
 #include "host/http_util/progress.h"
 #include "host/http_util/resolve.h"
@@ -45,7 +47,20 @@ struct Download {
     TargetMessage target;  // of the next request
     PlaceMessage place;    // of the request under way
     AnyMessage message;    // the last one received
+    http_download_outcome outcome{};
 };
+
+// Says why the download fails with that result.
+int fail(Download* download, int result, int32_t reason, int32_t number = 0) {
+    download->outcome.reason = reason;
+    download->outcome.number = number;
+    return result;
+}
+
+// The same after a call on the file, whose errno is still there.
+int file_fail(Download* download, int result) {
+    return fail(download, result, HTTP_DOWNLOAD_REASON_FILE, errno);
+}
 
 // The next message, while the caller is asked whether to go on. 0, or the download's
 // result.
@@ -62,7 +77,7 @@ int message_wait(Download* download) {
         if (came && download->message.type != MessageType::Progress) return 0;
         if (!download->pace.Keeps(monotonic_ms(), download->taken)) {
             trace(download->job.debug, "too slow");
-            return DOWNLOAD_BROKEN;
+            return fail(download, DOWNLOAD_BROKEN, HTTP_DOWNLOAD_REASON_TOO_SLOW);
         }
         if (came) return 0;
         // What came before a pause is noted in it.
@@ -153,9 +168,10 @@ int target_set(Download* download, uint32_t* address) {
 int response_get(Download* download, const Request& request, uint32_t address) {
     int result = 0;
     if (address == 0) {
-        result =
-            host_resolve(download->place.host, download->job.source, &download->progress, &address);
-        if (result != 0) return result;
+        int said = 0;
+        result = host_resolve(download->place.host, download->job.source, &download->progress,
+                              &address, &said);
+        if (result != 0) return fail(download, result, HTTP_DOWNLOAD_REASON_ADDRESS, said);
         if (!request_send(download, request, address)) return DOWNLOAD_BROKEN;
     }
     result = message_wait(download);
@@ -175,9 +191,9 @@ int end_result(Download* download, bool sized) {
         case EndReason::Whole:
             return download->progress.WholeSize() ? 0 : int{DOWNLOAD_BROKEN};
         case EndReason::NoConnection:
-            return DOWNLOAD_NO_CONNECTION;
+            return fail(download, DOWNLOAD_NO_CONNECTION, HTTP_DOWNLOAD_REASON_CONNECT, end.error);
         case EndReason::WriteFailed:
-            return file_error(end.error);
+            return fail(download, file_error(end.error), HTTP_DOWNLOAD_REASON_FILE, end.error);
         case EndReason::TooLong:
             return sized ? int{DOWNLOAD_BROKEN} : int{HTTP_DOWNLOAD_NO_STORAGE};
         case EndReason::Differs:
@@ -225,8 +241,9 @@ int file_finish(Download* download) {
 int whole_take(Download* download, const Judgement& judged) {
     const FileFacts* facts = judged.proven ? &judged.facts : nullptr;
     int result = download->file.Create(judged.facts.total, facts);
-    if (result != 0) return result;
+    if (result != 0) return file_fail(download, result);
     download->found = false;
+    download->outcome.resumed = 0;
     BodyMessage body;
     if (judged.sized) {
         download->progress.Begin(0, judged.facts.total);
@@ -242,7 +259,8 @@ int whole_take(Download* download, const Judgement& judged) {
 // The body is the end of what is there, and what is missing.
 int part_take(Download* download, const Request& request) {
     int result = download->file.Continue();
-    if (result != 0) return result;
+    if (result != 0) return file_fail(download, result);
+    download->outcome.resumed = request.first;
     const bool was_whole = download->file.whole();
     const uint64_t total = download->file.facts().total;
     download->progress.Begin(request.first, total);
@@ -259,7 +277,8 @@ int part_take(Download* download, const Request& request) {
 // The server has nothing newer than the whole file that is there.
 int whole_keep(Download* download) {
     int result = download->file.Continue();
-    if (result != 0) return result;
+    if (result != 0) return file_fail(download, result);
+    download->outcome.resumed = download->file.size();
     download->progress.Begin(download->file.size(), download->file.size());
     result = file_finish(download);
     return result == 0 ? HTTP_DOWNLOAD_COMPLETE_ALREADY : result;
@@ -274,6 +293,7 @@ int response_follow(Download* download, const Request& request) {
     target_drop(download);
     switch (judged.verdict) {
         case Verdict::Redirect:
+            download->outcome.redirected = 1;
             return follow_up(download, download->place.url, head.location);
         case Verdict::Restart:
             return restart_whole(download);
@@ -284,7 +304,9 @@ int response_follow(Download* download, const Request& request) {
         case Verdict::Failed:
             break;
     }
-    return judged.result;
+    const bool refused = judged.result == DOWNLOAD_BAD_STATUS;
+    return fail(download, judged.result,
+                refused ? HTTP_DOWNLOAD_REASON_STATUS : HTTP_DOWNLOAD_REASON_ANSWER, head.status);
 }
 
 // One request and what follows from its response.
@@ -315,7 +337,18 @@ int hops_run(Download* download) {
         const int result = hop_run(download);
         if (result != FOLLOW_UP) return result;
     }
-    return DOWNLOAD_BAD_STATUS;
+    return fail(download, DOWNLOAD_BAD_STATUS, HTTP_DOWNLOAD_REASON_ANSWER);
+}
+
+void outcome_note(Download* download, int result) {
+    http_download_outcome& outcome = download->outcome;
+    outcome.fetched = download->taken;
+    if (outcome.reason == HTTP_DOWNLOAD_REASON_UNKNOWN && result == DOWNLOAD_BROKEN) {
+        outcome.reason = HTTP_DOWNLOAD_REASON_BROKEN;
+    } else if (outcome.reason == HTTP_DOWNLOAD_REASON_UNKNOWN) {
+        (void)fail(download, result, HTTP_DOWNLOAD_REASON_LIBRARY, result);
+    }
+    outcome_store(outcome, download->job.context);
 }
 
 }  // namespace
@@ -334,6 +367,7 @@ int download_run(const DownloadJob& job) {
         download.agent.Leave();
     }
     if (!whole && result != HTTP_DOWNLOAD_CANCELLED) download.file.Keep();
+    outcome_note(&download, result);
     trace(job.debug, "%s ends with %d, %llu bytes", job.path, result,
           static_cast<unsigned long long>(download.progress.received()));
     return result;

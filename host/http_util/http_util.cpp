@@ -5,6 +5,7 @@
 
 #include "host/http_util/download.h"
 #include "host/http_util/mark.h"
+#include "host/http_util/outcome.h"
 
 static std::atomic<bool> s_debug{false};
 
@@ -25,6 +26,10 @@ int http_download_file_progress_tlv(DownloadCtx* context, const char* url, const
     job.source = source == nullptr ? 0 : source->address;
     job.debug = &s_debug;
     return download_run(job);
+}
+
+int http_download_last_outcome(const DownloadCtx* context, http_download_outcome* outcome) {
+    return context != nullptr && outcome != nullptr && outcome_load(*context, outcome) ? 0 : -1;
 }
 
 void http_download_file_release(const char* path) {

@@ -133,7 +133,7 @@ struct ProgressMessage {
 enum class EndReason : uint32_t {
     Whole,         // the body ended where the response said
     Cut,           // it didn't, or there was no response that makes sense
-    NoConnection,  // none within the limit, from that source, or TLS refused
+    NoConnection,  // none within the limit, from that source, or TLS refused; errno or 0
     Differs,       // the file's bytes are others
     WriteFailed,   // error is the errno
     TooLong,       // more bytes than the limit

@@ -34,8 +34,10 @@ bool request_fill(const char* host, uint32_t source, DnsRequest* request) {
 
 }  // namespace
 
-int host_resolve(const char* host, uint32_t source, Progress* progress, uint32_t* address) {
+int host_resolve(const char* host, uint32_t source, Progress* progress, uint32_t* address,
+                 int* said) {
     in_addr literal{};
+    *said = -1;
     if (inet_pton(AF_INET, host, &literal) == 1) {
         *address = literal.s_addr;
         return 0;
@@ -52,6 +54,7 @@ int host_resolve(const char* host, uint32_t source, Progress* progress, uint32_t
         if (!progress->Tick()) return HTTP_DOWNLOAD_CANCELLED;
     }
     const DnsRequest& request = done->request;
+    *said = done->result < 0 ? done->result : static_cast<int>(request.result);
     if (done->result < 0 || request.result != DNS_RESULT_RESOLVED || request.family != AF_INET) {
         return DOWNLOAD_NO_ADDRESS;
     }

@@ -170,6 +170,15 @@ EndReason reason_of(CURLcode code) {
     }
 }
 
+// errno of a connection that failed; 0 when it was not the system that refused it.
+int connect_error(CURLcode code) {
+    if (code == CURLE_OPERATION_TIMEDOUT) return ETIMEDOUT;
+    if (code == CURLE_INTERFACE_FAILED) return EADDRNOTAVAIL;
+    long error = 0;
+    if (curl_easy_getinfo(s_session.easy, CURLINFO_OS_ERRNO, &error) != CURLE_OK) return 0;
+    return code == CURLE_COULDNT_CONNECT ? static_cast<int>(error) : 0;
+}
+
 void transfer_finish(CURLcode code) {
     // A response without a body has not been looked at yet.
     if (s_session.state == State::Asking && code == CURLE_OK) response_show();
@@ -180,6 +189,7 @@ void transfer_finish(CURLcode code) {
     }
     EndMessage end;
     end.reason = reason_of(code);
+    if (end.reason == EndReason::NoConnection) end.error = connect_error(code);
     if (s_session.state == State::Taking) {
         (void)s_session.writer.Flush();  // what went wrong is in its end
         end = s_session.writer.end();
