@@ -24,6 +24,7 @@
 #include "registry/app_registry.h"
 #include "registry/reg_server.h"
 #include "resume/resume_timer.h"
+#include "update/history.h"
 #include "update/progress.h"
 #include "update/update_run.h"
 
@@ -101,6 +102,7 @@ int http_update_admin_timer_proc(tq_thread* /*task*/) {
         return -1;
     }
     resume_timer_catch_up();
+    history_flush();
     if (update_mode.load(std::memory_order_relaxed) == UPDATE_MODE_MANUAL) {
         http_client_debug_print(HTTPC_LOG_INFO, "http update mode is manual");
         return 0;

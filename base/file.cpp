@@ -66,6 +66,7 @@ int file_read(const char* path, unsigned demands, size_t limit, FileBytes* bytes
     if (found.bytes == nullptr) return ENOMEM;
     error = file_read_some(fd.get(), {found.bytes.get(), size}, &found.size);
     if (error != 0) return error;
+    found.bytes.get()[found.size] = '\0';
     found.modified_s = status.st_mtim.tv_sec;
     *bytes = std::move(found);
     return 0;

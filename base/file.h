@@ -40,8 +40,8 @@ struct FileBytes {
     [[nodiscard]] std::string_view View() const { return {bytes.get(), size}; }
 };
 
-// Opens and reads a whole file of at most limit bytes. EFBIG: it is larger. A file
-// that shrinks meanwhile gives what there was.
+// Opens and reads a whole file of at most limit bytes; a zero byte stands behind them. EFBIG: it is
+// larger. A file that shrinks meanwhile gives what there was.
 [[nodiscard]] int file_read(const char* path, unsigned demands, size_t limit, FileBytes* bytes);
 
 // Writes all of it, waiting where a non-blocking descriptor takes no more.

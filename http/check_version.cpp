@@ -97,14 +97,14 @@ void output_check(xmlDocPtr document, const AppSet& updated) {
     }
 }
 
-static void check_server(UpdateServer* server, bool second, Cancel* cancel) {
+static void check_server(UpdateServer* server, bool second, Attempt* attempt) {
     AppSet registered{};
     reg_app_all(&registered);
     AppSet updated{};
     if (second) cli_printf("Check version from server: %s\r\n", server->host);
     UpdateStatus status = UPDATE_OK;
     const XmlDoc document =
-        http_update_version_query(registered, &status, &updated, server, cancel);
+        http_update_version_query(registered, &status, &updated, server, attempt);
     if (document != nullptr) {
         output_check(document.get(), updated);
     } else {
@@ -125,10 +125,11 @@ static void check_servers(bool second) {
         command_status_print(UPDATE_NO_APPS);
         return;
     }
-    Cancel cancel(ctrl_c_typed);
+    Attempt attempt{.cancel = Cancel(ctrl_c_typed)};
     for (UpdateServer* server = hu_serv_list_first(&servers);
-         server != nullptr && !cancel.requested(); server = hu_serv_list_next(&servers, server)) {
-        check_server(server, second, &cancel);
+         server != nullptr && !attempt.cancel.requested();
+         server = hu_serv_list_next(&servers, server)) {
+        check_server(server, second, &attempt);
     }
 }
 

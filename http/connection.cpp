@@ -18,8 +18,10 @@
 #include "frame/platform/dnsclient.h"
 
 // Linux bounds a blocking connect by the send time-out.
-static constexpr timeval CONNECT_TIMEOUT{3, 0};
+static constexpr int CONNECT_S = 3;
+static constexpr timeval CONNECT_TIMEOUT{CONNECT_S, 0};
 static constexpr int CANCEL_TICK_MS = 200;
+static constexpr int32_t NAME_UNKNOWN = -1;  // as a result of a look-up
 
 // True once the DNS client is ready. A start-up without network leaves that to
 // the first connection; initialising twice, from two threads, does no harm.
@@ -33,9 +35,11 @@ static bool dns_prepare() {
     return true;
 }
 
-int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storage& source) {
+int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storage& source,
+                     Cause* cause) {
     if (host == nullptr || address == nullptr) return 0;
     if (ipv4_text_to_addr(host, address) == 1) return 1;
+    cause_set(cause, CausePhase::LookUp, CauseReason::NameService, NAME_UNKNOWN);
     if (!dns_prepare()) return 0;
     if (!hostname_verify(host)) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s unrecognized hostname",
@@ -48,6 +52,8 @@ int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storag
         return 0;
     }
     if (request.result != DNS_RESULT_RESOLVED) {
+        cause_set(cause, CausePhase::LookUp, CauseReason::NameService,
+                  static_cast<int32_t>(request.result));
         http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s: dns parse failed[%d]",
                                 host, static_cast<int>(request.result));
         return 0;
@@ -56,6 +62,7 @@ int url_domain_to_ip(const char* host, in_addr_t* address, const sockaddr_storag
         http_client_debug_print(HTTPC_LOG_ERROR, "[url_domain_to_ip]-->%s invalid ss_family", host);
         return 0;
     }
+    cause_set(cause, CausePhase::None, CauseReason::None);
     *address = request.address;
     return 1;
 }
@@ -72,45 +79,60 @@ static const sockaddr* generic(const sockaddr_in* endpoint) {
     return reinterpret_cast<const sockaddr*>(endpoint);
 }
 
-int http_update_url_connect_detail(const char* host, uint16_t port) {
+// A socket that leaves from local unless that is any address; none, with errno and the
+// reason logged.
+static UniqueFd socket_from(const sockaddr_in& local) {
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "create socket error");
+        return {};
+    }
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIMEOUT, sizeof(CONNECT_TIMEOUT)) !=
+        0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "set SO_SNDTIMEO fail");
+        return {};
+    }
+    if (local.sin_addr.s_addr != INADDR_ANY &&
+        bind(fd.get(), generic(&local), sizeof(local)) != 0) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "HTTP: bind source ip to socket error!\r\n");
+        return {};
+    }
+    return fd;
+}
+
+int http_update_url_connect_detail(const char* host, uint16_t port, Cause* cause) {
     const SourceAddress source = src_ip_get();
     in_addr_t source_ip = INADDR_ANY;
     if (source.is_set() && ipv4_text_to_addr(source.update_src_ip, &source_ip) == 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "HTTP: convert source ip error!\r\n");
+        cause_set_errno(cause, CausePhase::Connect, EADDRNOTAVAIL, 0);
         return -1;
     }
     const sockaddr_in local = ipv4_endpoint(source_ip, 0);
     sockaddr_storage asked_from{};
     memcpy(&asked_from, &local, sizeof(local));
     in_addr_t server_ip = INADDR_ANY;
-    if (url_domain_to_ip(host, &server_ip, asked_from) == 0) return -1;
+    if (url_domain_to_ip(host, &server_ip, asked_from, cause) == 0) return -1;
 
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd = socket_from(local);
     if (!fd.valid()) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "create socket error");
-        return -1;
-    }
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIMEOUT, sizeof(CONNECT_TIMEOUT)) !=
-        0) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "set SO_SNDTIMEO fail");
+        cause_set_errno(cause, CausePhase::Connect, errno, 0);
         return -1;
     }
     const sockaddr_in remote = ipv4_endpoint(server_ip, port);
-    if (source.is_set() && bind(fd.get(), generic(&local), sizeof(local)) != 0) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "HTTP: bind source ip to socket error!\r\n");
-        return -1;
-    }
     if (connect(fd.get(), generic(&remote), sizeof(remote)) != 0) {
         // The time-out reads as "in progress", which is no reason for a failure.
         const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;
         http_client_debug_print(HTTPC_LOG_ERROR, "connect to %s:%d failed, %s", host, port,
                                 strerror(error));
+        cause_set_errno(cause, CausePhase::Connect, error, CONNECT_S);
         return -1;
     }
     const int error = socket_set_nonblocking(fd.get());
     if (error != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "%s: set socket non-blocking failed [%s]!\r\n",
                                 "http_update_url_connect_detail", strerror(error));
+        cause_set_errno(cause, CausePhase::Connect, error, 0);
         return -1;
     }
     return fd.release();
@@ -123,27 +145,36 @@ struct Connecting {
     char host[sizeof(UpdateServer::host)] = "";
     uint16_t port = 0;
     UniqueFd fd{};
+    Cause cause{};
 
-    void operator()() { fd.reset(http_update_url_connect_detail(host, port)); }
+    void operator()() { fd.reset(http_update_url_connect_detail(host, port, &cause)); }
 };
 }  // namespace
 
-static int connect_unless_cancelled(const char* host, uint16_t port, Cancel* cancel) {
-    if (cancel == nullptr) return http_update_url_connect_detail(host, port);
+static int connect_unless_cancelled(const char* host, uint16_t port, Attempt* attempt) {
+    Cancel* cancel = cancel_of(attempt);
+    if (cancel == nullptr) return http_update_url_connect_detail(host, port, cause_of(attempt));
     Connecting connecting;
     (void)text_copy(connecting.host, host);
     connecting.port = port;
+    connecting.cause = attempt->cause;
     SideCall<Connecting> call;
-    if (!call.Start(std::move(connecting))) return -1;
+    if (!call.Start(std::move(connecting))) {
+        cause_set(&attempt->cause, CausePhase::Connect, CauseReason::NoMemory);
+        return -1;
+    }
     while (!cancel->Requested()) {
-        if (Connecting* done = call.Wait(CANCEL_TICK_MS)) return done->fd.release();
+        Connecting* done = call.Wait(CANCEL_TICK_MS);
+        if (done == nullptr) continue;
+        attempt->cause = done->cause;
+        return done->fd.release();
     }
     return -1;
 }
 
-UpdateStatus url_connect(UpdateServer* server, Cancel* cancel) {
+UpdateStatus url_connect(UpdateServer* server, Attempt* attempt) {
     server->socket =
-        connect_unless_cancelled(server->host, static_cast<uint16_t>(server->port), cancel);
+        connect_unless_cancelled(server->host, static_cast<uint16_t>(server->port), attempt);
     if (server->socket >= 0) return UPDATE_OK;
     http_client_debug_print(HTTPC_LOG_ERROR, "url_connect<-->connect local fail");
     return UPDATE_CONNECT_FAIL;

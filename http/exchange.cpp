@@ -66,12 +66,16 @@ int pkg_create(char (&text)[PKG_REQUEST_SIZE], HttpRequest* request) {
     return append_body(text, length, &request->body);
 }
 
-int pkg_send(int fd, HttpRequest* request, Cancel* cancel) {
+int pkg_send(int fd, HttpRequest* request, Attempt* attempt) {
     if (fd < 0 || request == nullptr) return -1;
     char text[PKG_REQUEST_SIZE]{};
     const int length = pkg_create(text, request);
-    if (length < 0) return -1;
-    if (sock_send(fd, text, static_cast<size_t>(length), {.cancel = cancel}) != 0) {
+    if (length < 0) {
+        cause_set_errno(cause_of(attempt), CausePhase::Query, EMSGSIZE, 0);
+        return -1;
+    }
+    if (sock_send(fd, text, static_cast<size_t>(length), {.cancel = cancel_of(attempt)}) != 0) {
+        cause_set_errno(cause_of(attempt), CausePhase::Query, errno, SOCK_SILENCE_S);
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->send [%s] error [%s]", fd, text,
                                 strerror(errno));
         return -1;
@@ -87,16 +91,26 @@ static int number_parse(const char* text) {
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
-const char* pkg_head_first_parse(const char* head) {
+// The status code's text, or null when there is no whole status line.
+static const char* status_code_find(const char* head) {
     if (strstr(head, "HTTP/1.1 ") == nullptr && strstr(head, "HTTP/1.0 ") == nullptr) {
         return nullptr;
     }
-    const char* code_text = head + STATUS_CODE_AT;
-    const char* line_end = strstr(code_text, "\r\n");
-    if (line_end == nullptr) return nullptr;
-    const int code = number_parse(code_text + strspn(code_text, " "));
+    const char* code = head + STATUS_CODE_AT;
+    return strstr(code, "\r\n") == nullptr ? nullptr : code + strspn(code, " ");
+}
+
+int pkg_status_parse(const char* head) {
+    const char* code = status_code_find(head);
+    return code == nullptr ? -1 : number_parse(code);
+}
+
+const char* pkg_head_first_parse(const char* head) {
+    const char* code_text = status_code_find(head);
+    if (code_text == nullptr) return nullptr;
+    const int code = number_parse(code_text);
     http_client_debug_print(HTTPC_LOG_CONNECT, "status_code is [%d]", code);
-    return code == 200 ? line_end + 2 : nullptr;
+    return code == 200 ? strstr(head + STATUS_CODE_AT, "\r\n") + 2 : nullptr;
 }
 
 int32_t pkg_content_length_parse(const char* fields) {
@@ -125,10 +139,29 @@ int32_t pkg_head_parse(const char* head) {
     return length;
 }
 
-int pkg_recv(int fd, CommBuf* body, Cancel* cancel) {
+static void note_socket_error(Attempt* attempt) {
+    cause_set_errno(cause_of(attempt), CausePhase::Reply, errno, SOCK_SILENCE_S);
+}
+
+static void note_head_error(Attempt* attempt, const char* head, int32_t length) {
+    const int status = pkg_status_parse(head);
+    if (status >= 0 && status != 200) {
+        return cause_set(cause_of(attempt), CausePhase::Reply, CauseReason::HttpStatus, status);
+    }
+    const char* text = status < 0    ? "it is not HTTP"
+                       : length >= 0 ? "larger than 2 MiB"
+                                     : "no Content-Length";
+    cause_set_unusable(cause_of(attempt), CausePhase::Reply, text);
+}
+
+int pkg_recv(int fd, CommBuf* body, Attempt* attempt) {
+    const SockLimits limits{.cancel = cancel_of(attempt)};
     char head[PKG_HEAD_SIZE]{};
-    const int received = sock_recv_endstr(fd, head, sizeof(head), HEAD_END, {.cancel = cancel});
-    if (received < 0) return -1;
+    const int received = sock_recv_endstr(fd, head, sizeof(head), HEAD_END, limits);
+    if (received < 0) {
+        note_socket_error(attempt);
+        return -1;
+    }
     http_client_debug_print(HTTPC_LOG_CONNECT, "sock %d<-->head len %d", fd, received);
     http_client_debug_print(HTTPC_LOG_CONNECT, "sock %d<-->\r\n[%s]", fd, head);
 
@@ -139,17 +172,24 @@ int pkg_recv(int fd, CommBuf* body, Cancel* cancel) {
     const char* body_start = end + strlen(HEAD_END);
     end[2] = '\0';
     const int32_t length = pkg_head_parse(head);
-    if (length < 0) return -1;
-    if (length > PKG_CONTENT_LENGTH_MAX) {
-        http_client_debug_dump("server response exceed max size %d", PKG_CONTENT_LENGTH_MAX);
+    if (length < 0 || length > PKG_CONTENT_LENGTH_MAX) {
+        if (length >= 0) {
+            http_client_debug_dump("server response exceed max size %d", PKG_CONTENT_LENGTH_MAX);
+        }
+        note_head_error(attempt, head, length);
         return -1;
     }
     const auto came_along = static_cast<int32_t>(received - (body_start - head));
     const int32_t kept = std::min(came_along, length);
     if (comm_buf_append(body, body_start, kept) != kept) {
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->write date fail", fd);
+        cause_set(cause_of(attempt), CausePhase::Reply, CauseReason::NoMemory);
         return -1;
     }
-    if (kept == length) return 0;
-    return sock_recv_commbuf(fd, body, static_cast<uint32_t>(length - kept), {.cancel = cancel});
+    if (kept == length ||
+        sock_recv_commbuf(fd, body, static_cast<uint32_t>(length - kept), limits) == 0) {
+        return 0;
+    }
+    note_socket_error(attempt);
+    return -1;
 }

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "buffer/comm_buf.h"
-#include "http/cancel.h"
+#include "http/attempt.h"
 
 constexpr int32_t HTTP_METHOD_GET = 1;
 constexpr int32_t HTTP_METHOD_POST = 2;
@@ -29,7 +29,10 @@ struct HttpRequest {
 [[nodiscard]] int pkg_create(char (&text)[PKG_REQUEST_SIZE], HttpRequest* request);
 
 // 0: the whole request was sent; else -1, the body may then be consumed in part.
-[[nodiscard]] int pkg_send(int fd, HttpRequest* request, Cancel* cancel = nullptr);
+[[nodiscard]] int pkg_send(int fd, HttpRequest* request, Attempt* attempt = nullptr);
+
+// The status code, or -1 when there is no status line.
+[[nodiscard]] int pkg_status_parse(const char* head);
 
 // First header field after the status line, or null when there is no status line
 // or its code is not 200.
@@ -44,4 +47,4 @@ struct HttpRequest {
 // Appends the response's body, cut to its Content-Length (0 to
 // PKG_CONTENT_LENGTH_MAX), to the buffer. 0; else -1, perhaps with a part of the
 // body appended.
-[[nodiscard]] int pkg_recv(int fd, CommBuf* body, Cancel* cancel = nullptr);
+[[nodiscard]] int pkg_recv(int fd, CommBuf* body, Attempt* attempt = nullptr);

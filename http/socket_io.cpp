@@ -49,15 +49,19 @@ class Phase {
     [[nodiscard]] bool KeepsPace(size_t total) {
         if (pace_.Keeps(monotonic_ms(), total)) return true;
         errno = ETIMEDOUT;
+        too_slow_ = true;
         return false;
     }
 
     [[nodiscard]] int Retries() const { return allowed_ - left_; }
+    // What the phase says of itself that has failed with that error.
+    [[nodiscard]] int Reason(int error) const { return too_slow_ ? ETIME : error; }
 
   private:
     Pace pace_;
     int allowed_;
     int left_;
+    bool too_slow_ = false;
 };
 
 }  // namespace
@@ -137,7 +141,7 @@ int sock_send(int fd, const void* data, size_t count, const SockLimits& limits) 
         const int error = errno;
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->send fail [%d, %s]", fd, error,
                                 strerror(error));
-        errno = error;
+        errno = phase.Reason(error);
         return -1;
     }
     return 0;
@@ -173,6 +177,7 @@ int sock_recv_endstr(int fd, char* buffer, int size, const char* end, const Sock
             http_client_debug_print(HTTPC_LOG_ERROR,
                                     "sock %d<-->select fail retry %d [%s %d] in endstr", fd,
                                     phase.Retries(), strerror(error), error);
+            errno = phase.Reason(error);
             return -1;
         }
         total += static_cast<size_t>(got);
@@ -180,6 +185,7 @@ int sock_recv_endstr(int fd, char* buffer, int size, const char* end, const Sock
     }
     http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->head too long %d", fd,
                             static_cast<int>(total));
+    errno = EMSGSIZE;
     return -1;
 }
 
@@ -195,12 +201,14 @@ int sock_recv_commbuf(int fd, CommBuf* buffer, uint32_t count, const SockLimits&
             http_client_debug_print(HTTPC_LOG_ERROR,
                                     "sock %d<-->select fail retry %d [%s %d] in commbuf receive",
                                     fd, phase.Retries(), strerror(error), error);
+            errno = phase.Reason(error);
             return -1;
         }
         const int32_t appended = comm_buf_append(buffer, chunk, static_cast<int32_t>(got));
         if (appended != got) {
             http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->data copy %d fail for %d", fd,
                                     static_cast<int>(got), appended);
+            errno = ENOMEM;
             return -1;
         }
         total += static_cast<uint32_t>(got);

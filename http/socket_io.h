@@ -19,6 +19,7 @@
 constexpr int SOCK_READABLE = 1;
 constexpr int SOCK_WRITABLE = 2;
 constexpr double SOCK_WAIT_DEFAULT = -1.0;  // stands for 5 seconds
+constexpr int SOCK_SILENCE_S = 50;          // of a peer, that ends a phase by default
 
 // Descriptors must be below this: sock_wait brings its own set for select, larger
 // than the C library's.
@@ -43,7 +44,11 @@ struct SockLimits {
 // closed; -1: error, or time-out with errno ETIMEDOUT.
 [[nodiscard]] long sock_read(int fd, void* buffer, size_t count, double timeout_s);
 
-// 0: every byte was sent; -1 with errno set.
+// A phase that fails leaves the reason in errno: ETIMEDOUT for its time-outs, ETIME for
+// its pace, ECANCELED, 0 when the peer has closed, EMSGSIZE when the end has not come in
+// the buffer, ENOMEM, or what the system said.
+
+// 0: every byte was sent; else -1.
 [[nodiscard]] int sock_send(int fd, const void* data, size_t count, const SockLimits& limits = {});
 
 // Reads into a zero-filled text buffer until end has appeared in it; what the

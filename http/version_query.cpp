@@ -153,7 +153,7 @@ static bool append_app(int slot, const AppEntry& app, CommBuf* body, AppSet* sen
 }
 
 UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& asked, AppSet* sent,
-                                      Cancel* cancel) {
+                                      Attempt* attempt) {
     if (server == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "url model path is empty");
         return UPDATE_SEND_FAIL;
@@ -165,13 +165,14 @@ UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& 
     text_copy(request.path, text_view(server->uri));
     if (http_update_version_pack(server, &request.body, asked, sent) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "build request data failed");
+        cause_set(cause_of(attempt), CausePhase::Query, CauseReason::NoMemory);
         return UPDATE_NO_MEMORY;
     }
     if (app_set_is_empty(*sent)) {
         http_client_debug_print(HTTPC_LOG_ERROR, "send mask empty");
         return UPDATE_ALL_BUSY;
     }
-    if (pkg_send(server->socket, &request, cancel) != 0) {
+    if (pkg_send(server->socket, &request, attempt) != 0) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "send request failed");
         return UPDATE_SEND_FAIL;
     }

@@ -6,7 +6,7 @@
 
 #include "buffer/comm_buf.h"
 #include "config/server_list.h"
-#include "http/cancel.h"
+#include "http/attempt.h"
 #include "http/status.h"
 #include "registry/app_set.h"
 
@@ -16,7 +16,7 @@
 // when the form can't be built, UPDATE_ALL_BUSY when no app was left (nothing is
 // sent). The connection stays open; sent counts for UPDATE_OK only.
 [[nodiscard]] UpdateStatus http_update_version_send(const UpdateServer* server, const AppSet& asked,
-                                                    AppSet* sent, Cancel* cancel = nullptr);
+                                                    AppSet* sent, Attempt* attempt = nullptr);
 
 // Appends the form to body. 0 with sent filled; else -1, body and sent then hold
 // a part.

@@ -17,20 +17,21 @@ static void disconnect(UpdateServer* server) {
 }
 
 static XmlDoc exchange(const AppSet& asked, UpdateStatus* status, AppSet* updated,
-                       UpdateServer* server, Cancel* cancel) {
-    *status = url_connect(server, cancel);
+                       UpdateServer* server, Attempt* attempt) {
+    cause_begin(cause_of(attempt), server->host, static_cast<uint16_t>(server->port));
+    *status = url_connect(server, attempt);
     if (*status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "connect to %s failed.", server->host);
         return nullptr;
     }
     AppSet sent;
-    *status = http_update_version_send(server, asked, &sent, cancel);
+    *status = http_update_version_send(server, asked, &sent, attempt);
     if (*status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_ERROR, "send version error");
         disconnect(server);
         return nullptr;
     }
-    XmlDoc document = http_update_version_recv(server->socket, status, cancel);
+    XmlDoc document = http_update_version_recv(server->socket, status, attempt);
     disconnect(server);
     if (document == nullptr) {
         http_client_debug_print(HTTPC_LOG_CONNECT, "receive response from %s failed.",
@@ -44,25 +45,28 @@ static XmlDoc exchange(const AppSet& asked, UpdateStatus* status, AppSet* update
 }
 
 XmlDoc http_update_version_query(const AppSet& asked, UpdateStatus* status, AppSet* updated,
-                                 UpdateServer* server, Cancel* cancel) {
-    XmlDoc document = exchange(asked, status, updated, server, cancel);
-    if (cancel == nullptr || !cancel->requested()) return document;
+                                 UpdateServer* server, Attempt* attempt) {
+    XmlDoc document = exchange(asked, status, updated, server, attempt);
+    if (attempt == nullptr || !attempt->cancel.requested()) return document;
     *status = UPDATE_CANCELLED;
+    cause_set(&attempt->cause, attempt->cause.phase, CauseReason::Cancelled);
     return nullptr;
 }
 
-XmlDoc http_update_version_recv(int fd, UpdateStatus* status, Cancel* cancel) {
+XmlDoc http_update_version_recv(int fd, UpdateStatus* status, Attempt* attempt) {
     *status = UPDATE_OK;
     OwnedCommBuf body;
-    if (pkg_recv(fd, &body, cancel) != 0) {
+    if (pkg_recv(fd, &body, attempt) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "sock %d<-->recv response fail %d", fd,
                                 static_cast<int>(*status));
         *status = UPDATE_RECEIVE_FAIL;
         return nullptr;
     }
     XmlDoc document = comm_to_buf(&body);
-    if (document == nullptr) *status = UPDATE_BAD_REPLY;
-    return document;
+    if (document != nullptr) return document;
+    *status = UPDATE_BAD_REPLY;
+    cause_set_unusable(cause_of(attempt), CausePhase::Reply, "it is no list of updates");
+    return nullptr;
 }
 
 // The buffer's whole content as a zero-terminated text; null when it is empty or

@@ -13,6 +13,7 @@
 #include "frame/log.h"
 #include "frame/platform/http_update.h"
 #include "registry/app_registry.h"
+#include "update/history.h"
 
 namespace {
 
@@ -77,7 +78,10 @@ int regist_handle(int sock, std::span<const uint8_t> payload) {
 int update_result_handle(int, std::span<const uint8_t> payload) {
     http_msg_update_rsp message{};
     if (message_read(payload, &message)) {
-        reg_app_update_result(name_view(message.name), text_view(message.version), message.result);
+        const std::string_view name = name_view(message.name);
+        const std::string_view version = text_view(message.version);
+        reg_app_update_result(name, version, message.result);
+        history_answer(name, version, message.result);
     } else {
         http_client_debug_dump("invalid packet in update-result");
     }

@@ -17,6 +17,7 @@
 #include "resume/resume_list.h"
 #include "update/download.h"
 #include "update/filename_list.h"
+#include "update/history.h"
 #include "update/progress.h"
 
 namespace {
@@ -26,6 +27,7 @@ struct AppTurn {
     DownloadPass& pass;
     xmlNodePtr app;  // its element of the reply
     const AppEntry& entry;
+    RunApp& record;  // for the history
 };
 
 // The files of one app's turn: their local paths.
@@ -36,6 +38,12 @@ struct AppFiles : OwnedFilenames {
 const char* last_component(const char* path) {
     const char* slash = strrchr(path, '/');
     return slash == nullptr ? path : slash + 1;
+}
+
+// The reply can't be followed.
+UpdateStatus bad_reply(const AppTurn& turn, const char* why) {
+    cause_set_unusable(&turn.record.cause, CausePhase::Reply, why);
+    return UPDATE_BAD_REPLY;
 }
 
 // The app's own save path, else the one that the reply gives.
@@ -52,42 +60,44 @@ void save_path_get(const AppEntry& entry, xmlNodePtr app, char (&save_path)[APP_
 // Puts the save path in front of a listed name. A name must come out as the last
 // part of its path: with a slash in it ("../x"), or behind a save path that does
 // not end in one, it would be written, or deleted, outside the save path.
-int filename_prefix(const AppEntry& entry, const char* save_path, char* name) {
+UpdateStatus filename_prefix(const AppTurn& turn, const char* save_path, char* name) {
     if (name[0] == '\0') {
         http_client_debug_print(HTTPC_LOG_ERROR, "filename is empty");
-        return -1;
+        return bad_reply(turn, "a file without a name");
     }
     if (strlen(save_path) + strlen(name) > FILENAME_SIZE - 1) {
         http_client_debug_print(HTTPC_LOG_ERROR, "filename is too long");
-        return -1;
+        return bad_reply(turn, "a file name is too long");
     }
     char path[FILENAME_SIZE] = {};
     size_t length = 0;
     (void)text_appendf(path, sizeof(path), &length, "%s%s", save_path, name);
     if (strcmp(last_component(path), name) != 0) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", entry.name,
+        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", turn.entry.name,
                                 last_component(path));
-        return -1;
+        return bad_reply(turn, "a file outside the save path");
     }
     memcpy(name, path, sizeof(path));
-    return 0;
+    return UPDATE_OK;
 }
 
 // Turns the listed names into local paths, in a directory that exists.
-int filename_update(const AppEntry& entry, xmlNodePtr app, FilenameArray array, int32_t count) {
-    if (array == nullptr || count == 0) return 0;
+UpdateStatus filename_update(const AppTurn& turn, FilenameArray array, int32_t count) {
+    if (array == nullptr || count == 0) return UPDATE_OK;
     char save_path[APP_SAVE_PATH_SIZE] = {};
-    save_path_get(entry, app, save_path);
+    save_path_get(turn.entry, turn.app, save_path);
     if (http_client_make_path(save_path) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->savapath mkdir fail", save_path);
-        return -1;
+        return bad_reply(turn, save_path[0] == '\0' ? "no save path for the app"
+                                                    : "the app's save path can't be made");
     }
     http_client_debug_print(HTTPC_LOG_INFO, "filename_update-->after savepath [%s] ", save_path);
     for (int32_t i = 0; i < count; ++i) {
         if (array[i] == nullptr) continue;
-        if (filename_prefix(entry, save_path, array[i]) != 0) return -1;
+        const UpdateStatus status = filename_prefix(turn, save_path, array[i]);
+        if (status != UPDATE_OK) return status;
     }
-    return 0;
+    return UPDATE_OK;
 }
 
 // The paths of this turn: the stored ones in a resume run, else those of the
@@ -100,13 +110,11 @@ UpdateStatus app_files_get(const AppTurn& turn, AppFiles* files) {
     }
     if (filename_count(turn.app, &files->count, &files->array) != 0) {
         http_client_debug_print(HTTPC_LOG_ERROR, "parse filecnt failed");
-        return UPDATE_BAD_REPLY;
+        return bad_reply(turn, "the app's number of files");
     }
-    if (filename_update(entry, turn.app, files->array, files->count) != 0) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "parse file failed");
-        return UPDATE_BAD_REPLY;
-    }
-    return UPDATE_OK;
+    const UpdateStatus status = filename_update(turn, files->array, files->count);
+    if (status != UPDATE_OK) http_client_debug_print(HTTPC_LOG_ERROR, "parse file failed");
+    return status;
 }
 
 UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
@@ -115,13 +123,17 @@ UpdateStatus app_file_fetch(const AppTurn& turn, const char* path) {
     const xmlNodePtr file = xml_child_find_by_name(turn.app, "file", name);
     if (file == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->[%s] filexml empty", app_name, name);
-        return UPDATE_BAD_REPLY;
+        return bad_reply(turn, "a file of before is not listed any more");
     }
     http_client_debug_print(HTTPC_LOG_INFO, "apps_down_files-->[%s] find file_xml [%s]", app_name,
                             name);
     update_progress_begin_file(path);
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", path);
-    return down_file_try_downpaths(&turn.pass, file, path);
+    const UpdateStatus status = down_file_try_downpaths(&turn.pass, file, path);
+    turn.record.fetched_bytes += turn.pass.fetched_bytes;
+    turn.record.resumed_bytes += turn.pass.resumed_bytes;
+    if (status != UPDATE_OK) turn.record.cause = turn.pass.cause;
+    return status;
 }
 
 // The first files of the pass become the app's: nothing of the download library may be
@@ -137,6 +149,15 @@ void note_if_unsaved(const AppFiles& files) {
     if (!resume_is_saved()) resume_note_delivered(files.array, files.done);
 }
 
+// Sends the app its update request. False: it was not told.
+bool app_tell(const AppTurn& turn, const AppFiles& files) {
+    const char* name = turn.entry.name;
+    history_await_answer(name);  // which may come before the call below returns
+    if (reg_update_req(turn.app, name, files.array, files.done) >= 0) return true;
+    history_await_none(name);
+    return false;
+}
+
 // Every file is there: the app is told. The resume entry goes first, so that a
 // crash in between can't make a resume run fetch what the app already has.
 UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
@@ -145,7 +166,8 @@ UpdateStatus finish_complete(const AppTurn& turn, const AppFiles& files) {
     resume_write();
     files_release(files);
     note_if_unsaved(files);
-    if (reg_update_req(turn.app, name, files.array, files.done) >= 0) return UPDATE_OK;
+    if (app_tell(turn, files)) return UPDATE_OK;
+    cause_set_unusable(&turn.record.cause, CausePhase::HandOver, "the app could not be told");
     filename_unlink(files.array, files.done);
     return UPDATE_NOTIFY_FAIL;
 }
@@ -158,7 +180,7 @@ void finish_for_resume(const AppTurn& turn, const AppFiles& files, UpdateStatus 
     if (incremental) {
         http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->increme update", entry.name);
         files_release(files);
-        incremental = reg_update_req(turn.app, entry.name, files.array, files.done) >= 0;
+        incremental = app_tell(turn, files);
     }
     bool recorded = false;
     if (daily || resume_retry_count.load(std::memory_order_relaxed) > 0) {
@@ -194,6 +216,7 @@ UpdateStatus apps_down_files(const AppTurn& turn) {
     AppFiles files;
     UpdateStatus result = app_files_get(turn, &files);
     if (result != UPDATE_OK) return result;
+    turn.record.files = static_cast<uint32_t>(files.count);
     const ResumeHold hold(files.array, files.count);
     update_progress_begin_files(static_cast<uint32_t>(files.count));
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->filecnt %d", turn.entry.name, files.count);
@@ -202,22 +225,46 @@ UpdateStatus apps_down_files(const AppTurn& turn) {
         if (result != UPDATE_OK) break;
         ++files.done;
         update_progress_file_done();
+        turn.record.files_done = static_cast<uint32_t>(files.done);
+        history_app_update(turn.record);
         if ((turn.entry.flags & APP_FLAG_ONE_FILE) != 0) break;
     }
     return apps_down_finish(turn, files, result);
+}
+
+UpdateStatus app_element_down(const AppTurn& turn, int slot) {
+    const AppEntry& entry = turn.entry;
+    if (turn.app == nullptr) {
+        http_client_debug_print(HTTPC_LOG_ERROR, "get app_xml %s fail", entry.name);
+        return bad_reply(turn, "the app is not listed");
+    }
+    http_client_debug_print(HTTPC_LOG_INFO, "apps_down-->[%s] find app_xml", entry.name);
+    update_progress_set_result(slot, UPDATE_DOWNLOADING);
+    return apps_down_files(turn);
+}
+
+// The record of a turn that begins.
+RunApp record_begin(const DownloadPass& pass, xmlNodePtr app, const AppEntry& entry) {
+    RunApp record{};
+    (void)text_copy(record.name, entry.name);
+    (void)text_copy(record.before, entry.version);
+    if (app != nullptr) {
+        xml_child_content_get(app, "version", record.offered, sizeof(record.offered));
+    }
+    record.result = UPDATE_DOWNLOADING;
+    if (pass.attempt != nullptr) record.cause = pass.attempt->cause;  // its place
+    return record;
 }
 
 UpdateStatus app_down(DownloadPass& pass, xmlNodePtr root, const AppEntry& entry, int slot) {
     update_progress_begin_app(slot);
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]<-->begin to down", entry.name);
     const xmlNodePtr app = xml_child_find_by_name(root, "app", entry.name);
-    if (app == nullptr) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "get app_xml %s fail", entry.name);
-        return UPDATE_BAD_REPLY;
-    }
-    http_client_debug_print(HTTPC_LOG_INFO, "apps_down-->[%s] find app_xml", entry.name);
-    update_progress_set_result(slot, UPDATE_DOWNLOADING);
-    return apps_down_files({pass, app, entry});
+    RunApp record = record_begin(pass, app, entry);
+    history_app_begin(record);
+    record.result = app_element_down({pass, app, entry, record}, slot);
+    history_app_update(record);
+    return record.result;
 }
 
 // Memory is short, or the operator has cancelled: the other apps are left alone.
@@ -227,13 +274,14 @@ bool ends_pass(UpdateRunKind kind, UpdateStatus result) {
 
 }  // namespace
 
-UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind, Cancel* cancel) {
+UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind,
+                       Attempt* attempt) {
     const xmlNodePtr root = xml_root_get(document);
     if (root == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR, "apps_down-->check doc fail");
         return UPDATE_BAD_REPLY;
     }
-    DownloadPass pass(kind, cancel);
+    DownloadPass pass(kind, attempt);
     for (int slot = 0; slot < APP_REG_MAX; ++slot) {
         AppEntry entry;
         if (reg_app_get(slot, &entry) != 0) {

@@ -5,7 +5,7 @@
 
 #include <libxml/tree.h>
 
-#include "http/cancel.h"
+#include "http/attempt.h"
 #include "http/status.h"
 #include "registry/app_set.h"
 #include "update/run_kind.h"
@@ -15,4 +15,4 @@
 // update progress. The pass ends early when the operator cancels it or memory is
 // short.
 [[nodiscard]] UpdateStatus apps_down(xmlDocPtr document, const AppSet& set, UpdateRunKind kind,
-                                     Cancel* cancel = nullptr);
+                                     Attempt* attempt = nullptr);

@@ -3,7 +3,10 @@
 // library's callback is the only moment to show progress and to ask for Ctrl+C.
 #include "update/download.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "base/text.h"
 #include "buffer/memory.h"
@@ -17,6 +20,7 @@
 
 static constexpr int DOWNPATH_MAX = 10;
 static constexpr size_t URL_SIZE = 256;
+static constexpr unsigned long HTTP_PORT = 80;
 static constexpr char HTTP_SCHEME[] = "http://";
 static constexpr size_t HTTP_SCHEME_LENGTH = sizeof(HTTP_SCHEME) - 1;
 // The terminal is flushed when more than this has come since the last time.
@@ -35,8 +39,8 @@ constexpr int VISIT_STOP = -1;
 
 }  // namespace
 
-DownloadPass::DownloadPass(UpdateRunKind run_kind, Cancel* the_cancel)
-    : kind(run_kind), cancel(the_cancel) {
+DownloadPass::DownloadPass(UpdateRunKind run_kind, Attempt* the_attempt)
+    : kind(run_kind), attempt(the_attempt) {
     if (kind != UPDATE_RUN_COMMAND) {
         context.progress = down_progress_record;
         return;
@@ -68,7 +72,7 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
         cli_flush();
         return 0;
     }
-    if (pass->cancel != nullptr && pass->cancel->Requested()) {
+    if (pass->attempt != nullptr && pass->attempt->cancel.Requested()) {
         cli_printf("Download fail, Operation canceled\r\n");
         return -1;
     }
@@ -99,17 +103,87 @@ static bool download_call(DownloadPass* pass, const char* url, int* code) {
     if (tlv == nullptr) {
         http_client_debug_print(HTTPC_LOG_ERROR,
                                 "down_files_single_downpath-->malloc http_util_tlv fail.");
+        cause_set(&pass->cause, CausePhase::Download, CauseReason::NoMemory);
         return false;
     }
     uint32_t address = 0;
     if (ipv4_text_to_addr(source.update_src_ip, &address) != 1) {
         http_client_debug_print(HTTPC_LOG_ERROR,
                                 "down_files_single_downpath-->get source ip addr err.");
+        cause_set_errno(&pass->cause, CausePhase::Download, EADDRNOTAVAIL, 0);
         return false;
     }
     *tlv = {1, sizeof(tlv->address), address};
     *code = http_download_file_progress_tlv(&pass->context, url, pass->path, flag, tlv.get());
     return true;
+}
+
+// Host and port that the URL names, for people.
+static void place_note(const char* url, Cause* cause) {
+    std::string_view authority = url + HTTP_SCHEME_LENGTH;
+    authority = authority.substr(0, authority.find_first_of("/?#"));
+    authority.remove_prefix(authority.rfind('@') + 1);  // 0 for none
+    const size_t colon = authority.rfind(':');
+    const bool has_port = colon != std::string_view::npos;
+    const char* digits = has_port ? authority.data() + colon + 1 : "";
+    const auto port = static_cast<uint16_t>(has_port ? strtoul(digits, nullptr, 10) : HTTP_PORT);
+    cause_begin(cause, authority.substr(0, colon), port);
+}
+
+// The library's reason in our words.
+static void reason_note(const http_download_outcome& outcome, Cause* cause) {
+    constexpr CausePhase phase = CausePhase::Download;
+    const int32_t number = outcome.number;
+    cause->redirected = outcome.redirected != 0;
+    switch (outcome.reason) {
+        case HTTP_DOWNLOAD_REASON_ADDRESS:
+            return cause_set(cause, phase, CauseReason::NameService, number);
+        case HTTP_DOWNLOAD_REASON_CONNECT:
+            if (number != 0) return cause_set_errno(cause, phase, number, 0);
+            return cause_set_unusable(cause, phase, "no secure connection");
+        case HTTP_DOWNLOAD_REASON_STATUS:
+            return cause_set(cause, phase, CauseReason::HttpStatus, number);
+        case HTTP_DOWNLOAD_REASON_TOO_SLOW:
+            return cause_set(cause, phase, CauseReason::TooSlow);
+        case HTTP_DOWNLOAD_REASON_BROKEN:
+            return cause_set(cause, phase, CauseReason::Closed);
+        case HTTP_DOWNLOAD_REASON_ANSWER:
+            return cause_set_unusable(cause, phase, "its HTTP header can't be used");
+        case HTTP_DOWNLOAD_REASON_FILE:
+            return cause_set(cause, phase, CauseReason::File, number);
+        default:
+            return cause_set(cause, phase, CauseReason::Other, number);
+    }
+}
+
+// What the library tells of a download that has ended with that code.
+static void outcome_note(DownloadPass* pass, const char* url, int code) {
+    http_download_outcome outcome{};
+    outcome.fetched = pass->context.received;
+    outcome.reason = HTTP_DOWNLOAD_REASON_LIBRARY;
+    outcome.number = code;
+    if (http_download_last_outcome != nullptr) {
+        (void)http_download_last_outcome(&pass->context, &outcome);
+    }
+    pass->fetched_bytes += outcome.fetched;
+    pass->resumed_bytes = outcome.resumed;
+    Cause& cause = pass->cause;
+    place_note(url, &cause);
+    const char* slash = strrchr(pass->path, '/');
+    (void)text_copy(cause.file, slash == nullptr ? pass->path : slash + 1);
+    switch (code) {
+        case HTTP_DOWNLOAD_OK:
+        case HTTP_DOWNLOAD_COMPLETE_ALREADY:
+            return;
+        case HTTP_DOWNLOAD_CANCELLED:
+            return cause_set(&cause, CausePhase::Download, CauseReason::Cancelled);
+        case HTTP_DOWNLOAD_NO_STORAGE:
+            return cause_set(&cause, CausePhase::Download, CauseReason::NoStorage);
+        case HTTP_DOWNLOAD_NO_MEMORY:
+            return cause_set(&cause, CausePhase::Download, CauseReason::NoMemory);
+        default:
+            return reason_note(outcome, &cause);
+    }
 }
 
 // Whether the download's code settles the file's result.
@@ -161,11 +235,15 @@ static int down_files_single_downpath(xmlNodePtr element, int index, void* argum
     int code = 0;
     if (!download_call(attempt->pass, url, &code)) return VISIT_STOP;
     http_client_debug_print(HTTPC_LOG_INFO, "[%s]-->downpath return %d", url, code);
+    outcome_note(attempt->pass, url, code);
     return download_settled(code, &attempt->result) ? VISIT_STOP : VISIT_NEXT;
 }
 
 UpdateStatus down_file_try_downpaths(DownloadPass* pass, xmlNodePtr file, const char* path) {
     pass->path = path;
+    pass->fetched_bytes = pass->resumed_bytes = 0;
+    pass->cause = {};
+    cause_set_unusable(&pass->cause, CausePhase::Reply, "a file without a source");
     FileAttempt attempt{pass, UPDATE_DOWNLOAD_FAIL};
     xml_child_foreach(file, "downpath", &attempt, down_files_single_downpath);
     return attempt.result;

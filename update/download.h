@@ -8,21 +8,25 @@
 #include <cstdint>
 
 #include "frame/platform/http_util.h"
-#include "http/cancel.h"
+#include "http/attempt.h"
 #include "http/status.h"
 #include "update/run_kind.h"
 
-// What the downloads of one server's pass share. A foreground pass, which has a cancel,
-// says on the terminal that it begins.
+// What the downloads of one server's pass share. A foreground pass, which can be
+// cancelled, says on the terminal that it begins.
 struct DownloadPass {
-    DownloadPass(UpdateRunKind run_kind, Cancel* the_cancel);
+    DownloadPass(UpdateRunKind run_kind, Attempt* the_attempt);
     DownloadPass(const DownloadPass&) = delete;  // the context points here
     DownloadPass& operator=(const DownloadPass&) = delete;
 
     const UpdateRunKind kind;
-    Cancel* const cancel;
+    Attempt* const attempt;
     DownloadCtx context{};
     const char* path = nullptr;  // local path of the file being fetched
+    // Of the file's sources so far, as the library tells:
+    uint64_t fetched_bytes = 0;
+    uint64_t resumed_bytes = 0;
+    Cause cause{};  // why the last one failed
     // Of a foreground run's display:
     bool first_call = true;
     int32_t unflushed = 0;  // bytes since the terminal was flushed

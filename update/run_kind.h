@@ -10,6 +10,9 @@ enum UpdateRunKind : uint32_t {
     UPDATE_RUN_RESUME = 2,
     UPDATE_RUN_BACKGROUND = 3,  // an operator's, who does not wait
 };
+constexpr uint32_t UPDATE_RUN_KINDS = 4;
+constexpr UpdateRunKind UPDATE_RUN_ALL_KINDS[UPDATE_RUN_KINDS] = {
+    UPDATE_RUN_DAILY, UPDATE_RUN_COMMAND, UPDATE_RUN_RESUME, UPDATE_RUN_BACKGROUND};
 
 // Fourth argument of every download call.
 enum DownloadFlag : uint32_t {

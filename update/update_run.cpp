@@ -15,33 +15,43 @@
 #include "registry/app_registry.h"
 #include "resume/resume_file.h"
 #include "update/app_download.h"
+#include "update/history.h"
 #include "update/progress.h"
 
 // One server's turn.
 static UpdateStatus server_pass(const AppSet& requested, UpdateRunKind kind, UpdateServer* server,
-                                Cancel* cancel) {
+                                Attempt* attempt) {
     UpdateStatus status = UPDATE_OK;
     AppSet updated{};
-    const XmlDoc document(http_update_version_query(requested, &status, &updated, server, cancel));
+    const XmlDoc document(http_update_version_query(requested, &status, &updated, server, attempt));
     if (!document) return status;
     if (app_set_is_empty(updated)) return UPDATE_LATEST;
     update_progress_set_mask(updated);
-    return apps_down(document.get(), updated, kind, cancel);
+    return apps_down(document.get(), updated, kind, attempt);
+}
+
+// The same, recorded.
+static UpdateStatus server_turn(const AppSet& requested, UpdateRunKind kind, UpdateServer* server,
+                                Attempt* attempt) {
+    history_server_begin(*server);
+    const UpdateStatus status = server_pass(requested, kind, server, attempt);
+    history_server_end(status, attempt->cause);
+    return status;
 }
 
 static UpdateStatus servers_ask(const AppSet& requested, UpdateRunKind kind, UpdateReportFn report,
                                 unsigned selector) {
     OwnedServerList servers;
     if (hu_serv_list_copy(&servers, selector) != 0) return UPDATE_NO_MEMORY;
-    Cancel by_operator(ctrl_c_typed);
-    Cancel* cancel = kind == UPDATE_RUN_COMMAND ? &by_operator : nullptr;
+    Attempt attempt;
+    if (kind == UPDATE_RUN_COMMAND) attempt.cancel = Cancel(ctrl_c_typed);
     for (UpdateServer* server = hu_serv_list_first(&servers);
-         server != nullptr && !by_operator.requested();
+         server != nullptr && !attempt.cancel.requested();
          server = hu_serv_list_next(&servers, server)) {
         http_client_debug_print(HTTPC_LOG_INFO, "update url: %s:%d%s", server->host,
                                 static_cast<int>(server->port), server->uri);
         update_progress_reset(kind);
-        report(requested, kind, server->host, server_pass(requested, kind, server, cancel));
+        report(requested, kind, server->host, server_turn(requested, kind, server, &attempt));
     }
     return UPDATE_OK;
 }
@@ -51,8 +61,10 @@ UpdateStatus http_update_run(const AppSet& requested, UpdateRunKind kind, Update
     if (app_set_is_empty(requested)) return UPDATE_NO_APPS;
     if (!update_state_claim()) return UPDATE_RUNNING;
     const LoopRunWatch watch;
+    history_begin(kind);
     const UpdateStatus status =
         resume_settle() ? servers_ask(requested, kind, report, selector) : UPDATE_NO_MEMORY;
+    history_end(status);
     mem_trim();
     update_state_release();
     return status;
