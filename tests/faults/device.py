@@ -117,7 +117,7 @@ class Device(lab.Device):
                                 f"http update time daily {daily}"])
         self.config.parent.mkdir(parents=True)
         Path(self.saved("alpha")).mkdir()
-        for path, text in {self.output: b"", self.root / "boot": b"first",
+        for path, text in {self.output: b"", self.syslog_file: b"", self.root / "boot": b"first",
                            self.config: "".join(f"{s}\n" for s in self.settings).encode(),
                            **{Path(self.saved("alpha")) / n: d for n, d in OLD.items()}}.items():
             path.write_bytes(text)
@@ -127,12 +127,11 @@ class Device(lab.Device):
         for app in self.connected.values():
             app.die()
         self.connected.clear()
+        paths = {"FAULTS_PAGE": "page", "CLOCK_SHIFT_FILE": "clock",
+                 "FAULTS_JOURNAL": "journal", "FAULTS_BOOT_ID": "boot", "NOTIFY_SOCKET": "manager"}
         environment = self.environment(
-            TQ_THREAD_SPEED=str(SPEED), CLOCK_SHIFT_FILE=str(self.clock.path),
-            PRINTK_SYSLOG_FILE=str(self.output), FAULTS_PAGE=str(self.page.path),
-            FAULTS_JOURNAL=str(self.root / "journal"), FAULTS_BOOT_ID=str(self.root / "boot"),
-            LD_PRELOAD=f"{self.shim} {self.clock.library}",
-            NOTIFY_SOCKET=str(self.root / "manager"))
+            **{name: str(self.root / path) for name, path in paths.items()},
+            TQ_THREAD_SPEED=str(SPEED), LD_PRELOAD=f"{self.shim} {self.clock.library}")
         self.is_ready, self.started = False, time.monotonic()
         with self.output.open("ab") as output:
             self.daemon = subprocess.Popen([BIN_DIR / "http_client.elf"], stdin=subprocess.DEVNULL,
@@ -306,8 +305,6 @@ FROM_START = ("first", "start")  # the start itself is part of the scene
 def check_end(device: Device) -> None:
     """A process that ended by itself says why."""
     status, said = device.daemon.wait(), device.output.read_bytes()
-    with contextlib.suppress(OSError):
-        said += device.dump().encode()
     if status <= 0 or not said:
         device.broke("end", f"status {status}, {'with' if said else 'without'} a word")
 

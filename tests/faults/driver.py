@@ -95,7 +95,7 @@ def begin() -> None:
     ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG: not without the parent
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     util.Finalize(None, device.close, exitpriority=10)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    signal.signal(signal.SIGTERM, lambda *_: (device.close(), os._exit(1)))
 
 
 def count(scene: str) -> tuple[str, list[tuple], tuple[int, int], dict[str, str]]:
@@ -185,8 +185,8 @@ def arguments() -> argparse.Namespace:
     parser.add_argument("--kind", choices=KINDS, action="append")
     parser.add_argument("--point", metavar="CALL:PATH:OCCURRENCE:DETAIL")
     parser.add_argument("--jobs", type=int, default=2, help="points tried at the same time")
-    parser.add_argument("--json", type=Path, default=Path(os.devnull), help="file for a line of each "
-                        "point; the points that it has are not tried again")
+    parser.add_argument("--json", type=Path, default=Path(os.devnull), help="file for a line of "
+                        "each point; the points that it has are not tried again")
     return parser.parse_args()
 
 
@@ -204,7 +204,8 @@ def main() -> int:
                 return 2
             held[scene] = holds
             every += points(scene, calls, given.kind or list(KINDS))
-        every = [p for p in every if p.words().endswith(given.point or "") and p.words() not in done]
+        every = [p for p in every
+                 if p.words().endswith(given.point or "") and p.words() not in done]
         if given.sample:
             random.Random(given.seed).shuffle(every)
             del every[given.sample:]

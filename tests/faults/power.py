@@ -35,7 +35,8 @@ class Disk:
         names, safe, copies = self._replay(journal)
         chosen = safe if loss == "absent" else names
         inside = [str(self.root / part) for part in self.parts]
-        found = {path: None if thing is None else self._content(path, thing, copies.get(thing), loss)
+        found = {path: None if thing is None else
+                 self._content(path, thing, copies.get(thing), loss)
                  for path, thing in chosen.items() if path.startswith(tuple(inside))}
         for folder in inside:
             shutil.rmtree(folder)
