@@ -123,8 +123,9 @@ def test_help_and_completion_show_what_may_follow(device: Device) -> None:
       "line 9: % Incomplete"]),
     (bytes(3000) + b"\xff\n" + b"x\n" * 509, 501, ["10 more damaged lines"]),
     (b"!" * 300_000, 1, ["too large"]),
+    (b"open to all", 1, ["others own it or may write to it"]),
     ("a pipe", 2, ["not a plain file", "moved to "]),
-], ids=["missing", "damaged", "many", "huge", "pipe"])
+], ids=["missing", "damaged", "many", "huge", "open", "pipe"])
 def test_any_saved_configuration(sample: Sample, saved: bytes | str | None, count: int,
                                  log: list[str]) -> None:
     (sample.work / ".http_client_cli").write_text("stale")
@@ -132,6 +133,7 @@ def test_any_saved_configuration(sample: Sample, saved: bytes | str | None, coun
         os.mkfifo(sample.config)
     elif saved is not None:
         sample.config.write_bytes(saved)
+        sample.config.chmod(0o666 if saved == b"open to all" else 0o600)
     sample.start()
     assert saved != "a pipe" or Terminal(sample).run("write") == ""
     assert (sample.work / ".http_client_cli").stat().st_mode == stat.S_IFSOCK | 0o600
