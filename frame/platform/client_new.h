@@ -167,8 +167,8 @@ int cli_client_ready(void);
 // cli_client_init, for a daemon whose service can't be had yet; to be called after
 // the trees of configuration mode were added. cli_client_ready does it, too, and
 // once is enough: what was replayed is not replayed again.
-#define CLI_CONFIG_READ 0     // or there is none
-#define CLI_CONFIG_UNREAD -1  // it could not be read: to be called again in a minute
+#define CLI_CONFIG_READ 0       // or there is none
+#define CLI_CONFIG_UNREAD (-1)  // it could not be read: to be called again in a minute
 __attribute__((weak)) int cli_config_replay(void);
 
 // Optional: a library may lack it. How the command went whose handler runs, where
