@@ -39,7 +39,7 @@ FAULTS = ({"drop": True}, {"method": "POST", "status": 503}, {"method": "POST", 
           {"path": "*/b", "cut_after": 9000}, {"path": "*/a", "status": 404})
 COMMANDS = ("http update all", "http background-update all", "http check-version", "write")
 FILES = {"http_client.running", ".http_update", ".http_client_cli", ".tech_support", "a", "b",
-         ".http_reg_server_dump", "startup-config", "http_recode.txt"}
+         ".http_reg_server_dump", "startup-config", "http_recode.txt", "history.json"}
 WARM_DAYS, MEMORY_GROWTH_KIB = 20, 64  # growth counts from a process's first weeks on
 
 
