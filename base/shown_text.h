@@ -46,7 +46,7 @@ class ShownText {
         }
     }
 
-    char text_[N] = "";
+    char text_[N]{};
     size_t length_ = 0;
 };
 
