@@ -9,6 +9,7 @@
 
 #include "config/server_list.h"
 #include "config/settings.h"
+#include "frame/command_outcome.h"
 #include "frame/ipv4_text.h"
 #include "frame/log.h"
 
@@ -72,10 +73,10 @@ void server_handle(cli_record* record) {
     const auto change = record->no_flag != 0 ? hu_serv_config_del : hu_serv_config_add;
     const int result = change(record->string1, static_cast<uint32_t>(record->value1),
                               record->string2, record->context != 0);
-    if (result != HU_SERV_OK) cli_printf("%% %s\r\n\r\n", hu_serv_errstr(result));
-    if (result == HU_SERV_NO_MEMORY && cli_command_outcome != nullptr) {
-        cli_command_outcome(record, CLI_OUTCOME_NO_MEMORY);
-    }
+    if (result == HU_SERV_OK) return;
+    cli_printf("%% %s\r\n\r\n", hu_serv_errstr(result));
+    command_outcome_set(record,
+                        result == HU_SERV_NO_MEMORY ? CLI_OUTCOME_NO_MEMORY : CLI_OUTCOME_REFUSED);
 }
 
 void time_handle(cli_record* record) {

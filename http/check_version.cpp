@@ -4,10 +4,13 @@
 
 #include <sys/prctl.h>
 
+#include <algorithm>
+
 #include "base/shown_text.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/server_list.h"
+#include "frame/command_outcome.h"
 #include "frame/log.h"
 #include "http/command_thread.h"
 #include "http/version_reply.h"
@@ -97,7 +100,8 @@ void output_check(xmlDocPtr document, const AppSet& updated) {
     }
 }
 
-static void check_server(UpdateServer* server, bool second, Attempt* attempt) {
+// Returns the outcome of the server's turn.
+static int check_server(UpdateServer* server, bool second, Attempt* attempt) {
     AppSet registered{};
     reg_app_all(&registered);
     AppSet updated{};
@@ -110,34 +114,38 @@ static void check_server(UpdateServer* server, bool second, Attempt* attempt) {
     } else {
         command_status_print(status);
     }
+    return command_outcome_of(status);
 }
 
-static void check_servers(bool second) {
+// Returns the command's outcome: a server that was not asked, or none to ask, fails it.
+static int check_servers(bool second) {
     OwnedServerList servers;
     if (hu_serv_list_copy(&servers, second ? SERVERS_SECOND : SERVERS_FIRST) != 0) {
         cli_printf("%% Fail to alloc memory.");
-        return;
+        return CLI_OUTCOME_FAILED;
     }
     AppSet registered{};
     reg_app_all(&registered);
     if (app_set_is_empty(registered)) {
         http_client_debug_print(HTTPC_LOG_ERROR, "updated_mask empty");
         command_status_print(UPDATE_NO_APPS);
-        return;
+        return command_outcome_of(UPDATE_NO_APPS);
     }
+    int outcome = hu_serv_list_empty(&servers) ? CLI_OUTCOME_FAILED : CLI_OUTCOME_DONE;
     Attempt attempt{.cancel = Cancel(ctrl_c_typed)};
-    for (UpdateServer* server = hu_serv_list_first(&servers);
-         server != nullptr && !attempt.cancel.requested();
+    for (UpdateServer* server = hu_serv_list_first(&servers); server != nullptr;
          server = hu_serv_list_next(&servers, server)) {
-        check_server(server, second, &attempt);
+        if (attempt.cancel.requested()) return CLI_OUTCOME_FAILED;
+        outcome = std::max(outcome, check_server(server, second, &attempt));
     }
+    return outcome;
 }
 
 static void* http_check_version_thread(void* argument) {
     auto* record = static_cast<cli_record*>(argument);
     (void)pthread_detach(pthread_self());
     (void)prctl(PR_SET_NAME, "http-check");
-    check_servers(record->context != 0);
+    command_outcome_set(record, check_servers(record->context != 0));
     mem_trim();
     cli_proc_thread_end(record, pthread_self());
     return nullptr;
@@ -145,7 +153,7 @@ static void* http_check_version_thread(void* argument) {
 
 void http_check_version_cmd(cli_record* record) {
     pthread_t thread{};
-    if (command_thread_create(&thread, http_check_version_thread, record)) {
+    if (command_thread_create(record, &thread, http_check_version_thread, record)) {
         cli_proc_thread_start(record, thread);
     }
 }

@@ -4,15 +4,49 @@
 
 #include <cstring>
 
-#include "frame/platform/client_new.h"
+#include "frame/command_outcome.h"
 
-bool command_thread_create(pthread_t* thread, void* (*body)(void*), void* argument) {
+bool command_thread_create(cli_record* record, pthread_t* thread, void* (*body)(void*),
+                           void* argument) {
     const int error = pthread_create(thread, nullptr, body, argument);
     if (error == 0) return true;
     cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
+    command_outcome_set(record, CLI_OUTCOME_FAILED);
     return false;
 }
 
 void command_status_print(UpdateStatus status) {
     cli_printf("%s%s\n", update_status_prefix(status), update_status_str(status));
+}
+
+void command_status_end(cli_record* record, UpdateStatus status) {
+    command_status_print(status);
+    command_outcome_set(record, command_outcome_of(status));
+}
+
+int command_outcome_of(UpdateStatus status) {
+    switch (status) {
+        case UPDATE_OK:
+        case UPDATE_LATEST:
+            return CLI_OUTCOME_DONE;
+        case UPDATE_NO_APPS:
+        case UPDATE_NOT_REGISTERED:
+            return CLI_OUTCOME_NOBODY;
+        case UPDATE_RUNNING:
+            return CLI_OUTCOME_BUSY;
+        case UPDATE_CONNECT_FAIL:
+        case UPDATE_SEND_FAIL:
+        case UPDATE_RECEIVE_FAIL:
+        case UPDATE_NO_MEMORY:
+        case UPDATE_BAD_REPLY:
+        case UPDATE_ALL_BUSY:
+        case UPDATE_NOT_STARTED:
+        case UPDATE_DOWNLOADING:
+        case UPDATE_CANCELLED:
+        case UPDATE_NO_STORAGE:
+        case UPDATE_DOWNLOAD_FAIL:
+        case UPDATE_NOTIFY_FAIL:
+            break;
+    }
+    return CLI_OUTCOME_FAILED;
 }

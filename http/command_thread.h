@@ -1,14 +1,23 @@
-// What the operator's long commands have in common: a thread of their own, and
-// the line that says how it went.
+// What the operator's long commands have in common: a thread of their own, the line that
+// says how it went, and the outcome that scripts see.
 // Threads: the main loop, or a command's thread; output goes to its terminal.
 #pragma once
 
 #include <pthread.h>
 
+#include "frame/platform/client_new.h"
 #include "http/status.h"
 
-// Starts a thread. False when there is none, which the operator is told.
-[[nodiscard]] bool command_thread_create(pthread_t* thread, void* (*body)(void*), void* argument);
+// Starts a thread for the command. False when there is none: the operator is told, and the
+// command has failed.
+[[nodiscard]] bool command_thread_create(cli_record* record, pthread_t* thread,
+                                         void* (*body)(void*), void* argument);
 
 // Prints the report line of a code.
 void command_status_print(UpdateStatus status);
+
+// The same for the code with which the command ends: sets its outcome, too.
+void command_status_end(cli_record* record, UpdateStatus status);
+
+// CLI_OUTCOME_ of a whole run or of one server's pass.
+[[nodiscard]] int command_outcome_of(UpdateStatus status);

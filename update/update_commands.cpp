@@ -6,8 +6,11 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
+
 #include "buffer/memory.h"
 #include "config/server_list.h"
+#include "frame/command_outcome.h"
 #include "frame/log.h"
 #include "frame/report.h"
 #include "http/check_version.h"
@@ -36,6 +39,42 @@ static UpdateStatus requested_apps(const cli_record* record, AppSet* set) {
 
 // --- foreground
 
+namespace {
+// What a foreground run comes to. Each server may know apps that the others don't, and a
+// later one may have what an earlier one could not deliver: the last result of an app
+// counts.
+struct RunOutcome {
+    bool server_asked;
+    bool server_failed;
+    bool app_updated;
+    UpdateStatus results[APP_REG_MAX];
+};
+}  // namespace
+
+// Each command has a thread of its own, and so an outcome of its own.
+static thread_local RunOutcome t_outcome;
+
+static void outcome_add(UpdateStatus status) {
+    t_outcome.server_asked = true;
+    // Busy with what this very run has given them: nothing is left to ask the next server.
+    if (status == UPDATE_ALL_BUSY && t_outcome.app_updated) return;
+    if (command_outcome_of(status) != CLI_OUTCOME_DONE) t_outcome.server_failed = true;
+    if (status != UPDATE_OK) return;
+    const UpdateProgress progress = update_progress_copy();
+    for (int slot = 0; slot < APP_REG_MAX; ++slot) {
+        if (!app_set_contains(progress.app_mask, slot)) continue;
+        t_outcome.results[slot] = progress.results[slot];
+        if (progress.results[slot] == UPDATE_OK) t_outcome.app_updated = true;
+    }
+}
+
+static int outcome_of_run() {
+    const bool apps_done = std::ranges::all_of(
+        t_outcome.results, [](UpdateStatus result) { return result == UPDATE_OK; });
+    return apps_done && t_outcome.server_asked && !t_outcome.server_failed ? CLI_OUTCOME_DONE
+                                                                           : CLI_OUTCOME_FAILED;
+}
+
 static void update_report_cli(const AppSet& /*requested*/, UpdateRunKind /*kind*/, const char* host,
                               UpdateStatus status) {
     cli_printf("Update module with server %s:\r\n", host);
@@ -44,16 +83,18 @@ static void update_report_cli(const AppSet& /*requested*/, UpdateRunKind /*kind*
     } else {
         update_result_output(UPDATE_RUN_COMMAND);
     }
+    outcome_add(status);
 }
 
-static void update_foreground(const cli_record* record) {
+static void update_foreground(cli_record* record) {
     const unsigned selector = record->context != 0 ? SERVERS_SECOND : SERVERS_FIRST;
     AppSet set;
     UpdateStatus status = requested_apps(record, &set);
     if (status == UPDATE_OK) {
         status = http_update_run(set, UPDATE_RUN_COMMAND, update_report_cli, selector);
     }
-    if (status != UPDATE_OK) command_status_print(status);
+    if (status != UPDATE_OK) return command_status_end(record, status);
+    command_outcome_set(record, outcome_of_run());
 }
 
 static void* http_update_thread(void* argument) {
@@ -69,7 +110,7 @@ static void* http_update_thread(void* argument) {
 
 void http_update_cmd(cli_record* record) {
     pthread_t thread{};
-    if (command_thread_create(&thread, http_update_thread, record)) {
+    if (command_thread_create(record, &thread, http_update_thread, record)) {
         cli_proc_thread_start(record, thread);
     }
 }
@@ -99,15 +140,15 @@ static void* http_update_background_thread(void* argument) {
 void http_update_background_cmd(cli_record* record) {
     AppSet set;
     const UpdateStatus status = requested_apps(record, &set);
-    if (status != UPDATE_OK) return command_status_print(status);
+    if (status != UPDATE_OK) return command_status_end(record, status);
     // Another run may begin before the thread's own: it then ends with this status
     // in the log.
-    if (update_state_is_running()) return command_status_print(UPDATE_RUNNING);
+    if (update_state_is_running()) return command_status_end(record, UPDATE_RUNNING);
     MemPtr<AppSet> copy = mem_make<AppSet>();
-    if (copy == nullptr) return command_status_print(UPDATE_NO_MEMORY);
+    if (copy == nullptr) return command_status_end(record, UPDATE_NO_MEMORY);
     *copy = set;
     pthread_t thread{};
-    if (!command_thread_create(&thread, http_update_background_thread, copy.get())) return;
+    if (!command_thread_create(record, &thread, http_update_background_thread, copy.get())) return;
     (void)copy.release();  // the thread's now
     cli_printf("Successfully into the background.\n");
 }

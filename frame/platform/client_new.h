@@ -171,11 +171,17 @@ int cli_client_ready(void);
 #define CLI_CONFIG_UNREAD (-1)  // it could not be read: to be called again in a minute
 __attribute__((weak)) int cli_config_replay(void);
 
-// Optional: a library may lack it. How the command went whose handler runs, where
-// its words alone don't tell.
+// Optional: a library may lack it. How the command ended, for the operator's scripts; to
+// be called before its end, by its handler or its thread. The last call counts, and
+// without one a command is done. What cli_printf_cdb has refused stays refused.
+#define CLI_OUTCOME_DONE 0
+#define CLI_OUTCOME_REFUSED 1  // it can't be carried out
+#define CLI_OUTCOME_FAILED 3   // for one app at least, or with one server
+#define CLI_OUTCOME_BUSY 4     // another run is going on
+#define CLI_OUTCOME_NOBODY 5   // nothing is registered, or nobody of these names
 #define CLI_OUTCOME_NO_MEMORY \
-    1  // changed nothing, for memory was short: counts as
-       // refused, and a replayed line is replayed again
+    6  // refused for want of memory: a replayed line is
+       // replayed again
 __attribute__((weak)) void cli_command_outcome(cli_record* record, int outcome);
 
 // The platform's global debug switch: callback with 1 everything on, 2

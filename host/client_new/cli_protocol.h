@@ -64,11 +64,13 @@ struct OpenPayload {
 static_assert(sizeof(OpenPayload) == 8);
 
 enum class Mode : uint8_t { kExec = 0, kConfig = 1 };
+// How a command ended: CLI_OUTCOME_ of client_new.h, the program's exit status. Older
+// daemons tell these two; older programs take all but the first for the second.
 constexpr uint8_t END_ACCEPTED = 0;
 constexpr uint8_t END_REFUSED = 1;
 constexpr uint8_t END_ANSWERS_PING = 1;
 struct EndPayload {
-    uint8_t status;  // END_
+    uint8_t status;  // as above
     Mode mode;       // of the next command
     uint8_t leave;   // 1: the session is over
     uint8_t offers;  // END_ bits, the same in every one

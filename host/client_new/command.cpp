@@ -30,9 +30,9 @@ struct Command {
     pthread_t thread;                  // valid when threaded
     bool threaded;
     bool handler_running;
-    bool ended;  // by its thread; final, even before the thread was named
-    bool refused;
-    bool no_memory;
+    bool ended;    // by its thread; final, even before the thread was named
+    bool refused;  // with a text of its own
+    int outcome;   // CLI_OUTCOME_
 };
 
 std::vector<std::unique_ptr<Command>> s_commands GUARDED_BY(cli_lock);
@@ -80,19 +80,24 @@ Command* find_caller_locked() REQUIRES(cli_lock) {
     }
 }
 
-void end_session_line_locked(Session* session, bool refused) REQUIRES(cli_lock) {
+uint8_t end_status(const Command& command) {
+    const bool refused = command.refused || command.outcome == CLI_OUTCOME_NO_MEMORY;
+    return refused ? END_REFUSED : static_cast<uint8_t>(command.outcome);
+}
+
+void end_session_line_locked(Session* session, uint8_t status) REQUIRES(cli_lock) {
     session->busy = false;
     session->active_ms = monotonic_ms();
     session->keys.clear();  // typed for this command only
-    const EndPayload end{refused ? END_REFUSED : END_ACCEPTED, session->mode,
-                         static_cast<uint8_t>(session->leave ? 1 : 0), END_ANSWERS_PING};
+    const EndPayload end{status, session->mode, static_cast<uint8_t>(session->leave ? 1 : 0),
+                         END_ANSWERS_PING};
     session_send_locked(session, FRAME_END, {reinterpret_cast<const char*>(&end), sizeof(end)});
 }
 
 // Releases the command; its record is gone.
 void finish_locked(Command* command) REQUIRES(cli_lock) {
     if (command->session != nullptr) {
-        end_session_line_locked(command->session.get(), command->refused);
+        end_session_line_locked(command->session.get(), end_status(*command));
     }
     std::erase_if(s_commands, [&](const auto& other) { return other.get() == command; });
     wake_main_loop();
@@ -189,7 +194,7 @@ void command_run(const std::shared_ptr<Session>& session, const Match& match) {
 void command_skip(const std::shared_ptr<Session>& session, std::string_view refusal) {
     const MutexLock guard(cli_lock);
     if (!refusal.empty()) session_send_locked(session.get(), FRAME_REFUSAL, refusal);
-    end_session_line_locked(session.get(), !refusal.empty());
+    end_session_line_locked(session.get(), refusal.empty() ? END_ACCEPTED : END_REFUSED);
 }
 
 SilentOutcome command_run_silent(const Match& match) {
@@ -202,7 +207,7 @@ SilentOutcome command_run_silent(const Match& match) {
     }
     match.handler(&command->record);
     const MutexLock guard(cli_lock);
-    SilentOutcome outcome{std::move(command->captured), command->no_memory};
+    SilentOutcome outcome{std::move(command->captured), command->outcome == CLI_OUTCOME_NO_MEMORY};
     handler_returned_locked(command);
     s_current = outer;
     return outcome;
@@ -260,9 +265,8 @@ void cli_printf_cdb(cli_record* record, const char* format, ...) {
 void cli_command_outcome(cli_record* record, int outcome) {
     const MutexLock guard(cli_lock);
     Command* command = find_record_locked(record);
-    if (command == nullptr || outcome != CLI_OUTCOME_NO_MEMORY) return;
-    command->refused = true;
-    command->no_memory = true;
+    const bool known = outcome >= CLI_OUTCOME_DONE && outcome <= CLI_OUTCOME_NO_MEMORY;
+    if (command != nullptr && known) command->outcome = outcome;
 }
 
 void cli_flush(void) {

@@ -405,8 +405,9 @@ class Device:
     def cli(self, *commands: str, status: int = 0, options: tuple[str, ...] = ()) -> str:
         return self.begin(*commands, options=options).finish(status)
 
-    def configure(self, *lines: str, second: bool = False) -> str:
-        return self.cli("configure", *lines, "end", options=("--second-list",) if second else ())
+    def configure(self, *lines: str, status: int = 0, second: bool = False) -> str:
+        return self.cli("configure", *lines, "end", status=status,
+                        options=("--second-list",) if second else ())
 
     def use(self, server: LabServer) -> None:
         """Asks this server; the daily run is half a day away."""

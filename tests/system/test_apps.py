@@ -28,8 +28,8 @@ def test_busy_app_is_left_out_until_it_answers(device: Device, server: LabServer
     assert "alpha: download and notify" in device.cli("http update all")
     suspended = ("%notice: Suspend, some business modules are upgrading or haven't registered "
                  "release.\n")
-    assert device.cli("http update all").endswith(suspended)
-    assert device.cli("http check-version") == suspended
+    assert device.cli("http update all", status=3).endswith(suspended)
+    assert device.cli("http check-version", status=3) == suspended
     rows = device.cli("show http-update test").splitlines()[-2:]
     assert [row.split()[1:] for row in rows] == [["0", "alpha", "1.0", "busy"],
                                                  ["1", "beta", "free"]]
@@ -50,7 +50,7 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
     wait_for(lambda: device.versions() == {"stays": "1.0"})
     server.heal()
     # The app being fetched is gone when it should be told; the next is gone before.
-    assert update.finish().endswith("stays: download and notify successfully.\n")
+    assert update.finish(3).endswith("stays: download and notify successfully.\n")
     assert device.disk("leaves") == {} and device.disk("dies") == {}
     assert stays.request().files == [device.saved("stays") + "stays.bin"]
     assert "[leaves]<-->have no find in reg" in device.dump()
@@ -87,7 +87,7 @@ def test_app_that_never_reads_is_given_up(device: Device, server: LabServer) -> 
         wait_for(lambda: len(device.versions()) == len(names))
         well = device.app("well")
         started = time.monotonic()
-        shown = device.cli("http update all")
+        shown = device.cli("http update all", status=3)
         assert shown.endswith("127.0.0.1:\r\nwell: download and notify successfully.\n")
         assert time.monotonic() - started < 50
     assert "update req send fail" in device.dump()

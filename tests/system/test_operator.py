@@ -51,12 +51,12 @@ def test_configuration_lines(device: Device) -> None:
         assert line.split()[-1] in device.cli("show http-update test")
         device.configure("no " + " ".join(line.split()[:3]))
         assert device.cli("show running-config") == ""
-    assert device.configure("no http update server h1") == (
+    assert device.configure("no http update server h1", status=1) == (
         "% The configuration not founded\r\n\r\n")
     device.cli("configure", "http update source_ip 255.255.255.255", status=1)
     device.configure("http update server h1", "http update server h2 port 8080")
     assert device.cli("show running-config") == "http update server h2 port 8080\n"
-    full = device.configure(*(f"http update server {n}" for n in "abc"), second=True)
+    full = device.configure(*(f"http update server {n}" for n in "abc"), status=1, second=True)
     assert full == "% The number of update server can't exceed 3\r\n\r\n"
 
 

@@ -58,7 +58,7 @@ def test_only_the_named_apps_are_asked_about(device: Device, server: LabServer) 
     assert device.disk("alpha") == {}
     assert server.queries()[0]["apps"] == {"beta": "1.0", "gamma": "1.0"}
     unregistered = "%notice: The bussiness modules haven't registered.\n"
-    assert device.cli("http update nobody") == unregistered
+    assert device.cli("http update nobody", "bogus", status=5) == unregistered
 
 
 def test_device_is_what_its_files_say(scratch: Scratch, server: LabServer) -> None:
@@ -119,7 +119,7 @@ def test_replies_that_contradict_themselves(device: Device, server: LabServer) -
         assert app.register(name, "1.0", save) == 0
     assert "fewer           v1                   a  " in device.cli("http check-version")
     bad = [name for name, row in rows.items() if row[2] is None]
-    assert device.cli("http update " + " ".join(rows)) == with_server(
+    assert device.cli("http update " + " ".join(rows), status=3) == with_server(
         "".join(f"{name}: The server response message format is wrong.\n" for name in bad)
         + "facts, longest, blanks, fewer: download and notify successfully.\n")
     wait_for(lambda: len(app.requests) == 4)
@@ -134,7 +134,7 @@ def test_replies_that_contradict_themselves(device: Device, server: LabServer) -
 def test_nobody_to_update(device: Device) -> None:
     nobody = "%notice: No bussiness modules registration.\n"
     for command in ("http update all", "http background-update all", "http check-version"):
-        assert device.cli(command) == nobody
+        assert device.cli(command, status=5) == nobody
     assert device.cli("http update display-progress") == (
         "state: free\nupdate-app:\ncurrent-app: \n"
         "----------------------------------\nupdated-result:\n")
@@ -160,7 +160,7 @@ def test_save_path_comes_from_the_reply_when_the_app_has_none(
     alpha = device.app("alpha", save="")
     device.app("beta", save="")
     server.fault(method="POST", dead_sources=9)
-    assert device.cli("http update all") == (
+    assert device.cli("http update all", status=3) == (
         WAIT + QUIT + "Update module with server 127.0.0.1:\r\n"
         "beta: The server response message format is wrong.\n"
         "alpha: download and notify successfully.\n")
@@ -177,13 +177,30 @@ def test_second_list_with_one_server_dead(
     device.app("alpha")
     second = ("--second-list",)
     dead = "%notice: Communicate with the server failed.\n"
-    assert device.cli("http check-version", options=second).startswith(
+    assert device.cli("http check-version", status=3, options=second).startswith(
         f"Check version from server: 127.0.0.2\r\n{dead}"
         "Check version from server: 127.0.0.1\r\nBusiness modules need to be updated: alpha.\n")
-    assert device.cli("http update all", options=second) == (
+    assert device.cli("http update all", status=3, options=second) == (
         f"Update module with server 127.0.0.2:\r\n{dead}" + with_server(
             "alpha: download and notify successfully.\n"))
     assert server.requests == [], "the first list is another list"
+    device.configure("no http update server", second=True)
+    assert device.cli("http update all", status=3, options=second) == "", "nobody to ask"
+
+
+def test_what_one_server_can_not_deliver_the_next_one_may(
+        device: Device, server: LabServer, scratch: Scratch) -> None:
+    other = LabServer(scratch)
+    for each in (server, other):
+        each.release("alpha", "2.0", {"a.bin": 1000})
+    server.fault(path="/files/*", status=404)
+    device.configure(*(f"http update server {host} port {port}" for host, port in (
+        (server.host, server.port), (other.host, other.port), ("localhost", other.port))),
+        second=True)
+    device.app("alpha", answer=lambda app, request: None)  # busy when the third is asked
+    shown = device.cli("http update all", options=("--second-list",))
+    for text in (": Download failed.", "alpha: download and notify", ": Suspend, "):
+        assert text in shown
 
 
 def test_background_update_and_a_second_run_refused(device: Device, server: LabServer) -> None:
@@ -197,7 +214,7 @@ def test_background_update_and_a_second_run_refused(device: Device, server: LabS
     busy = ("%notice: There are business modules in the upgrading, "
             "please wait for a moment.\n")
     for command in ("http update all", "http background-update all"):
-        assert device.cli(command) == busy
+        assert device.cli(command, status=4) == busy
     wait_for(lambda: "down_size: 100000\n" in device.cli("http update display-progress"))
     assert device.cli("http update display-progress") == (
         "state: running\nupdate-app: alpha.\ncurrent-app: alpha\nfile_num: 1\ndown_num: 0\n"
@@ -223,7 +240,7 @@ def test_cancel_in_the_middle_of_a_large_file(device: Device, server: LabServer)
     server.wait_stalled("alpha/2.0/b.bin", 10_000_000)
     wait_for(lambda: QUIT in update.output())
     update.process.send_signal(signal.SIGINT)
-    assert re.sub(r"\.+Download", "Download", update.finish()) == with_server(
+    assert re.sub(r"\.+Download", "Download", update.finish(-signal.SIGINT)) == with_server(
         "alpha: The user cancels the upgrade process\n"
         "beta: haven't started to download.\n").replace(
             QUIT, QUIT + "Download fail, Operation canceled\r\n")

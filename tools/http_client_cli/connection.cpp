@@ -122,13 +122,13 @@ bool receive(Connection* connection) {
     return count < 0 && (errno == EINTR || errno == EAGAIN);
 }
 
-void end_command(Connection* connection, const Frame& frame, Outcome* outcome) {
+void end_command(Connection* connection, const Frame& frame) {
     client_new::EndPayload end{};
     if (frame.payload.size() >= sizeof(end)) memcpy(&end, frame.payload.data(), sizeof(end));
     connection->answers_ping = (end.offers & client_new::END_ANSWERS_PING) != 0;
     connection->mode = end.mode;
     connection->left = end.leave != 0;
-    *outcome = end.status == client_new::END_ACCEPTED ? Outcome::kAccepted : Outcome::kRefused;
+    connection->status = end.status;
 }
 
 // Output that is lost (a full disk) does not stop the command, whose work matters
@@ -150,17 +150,17 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
         if (event == Event::kQuit) return Outcome::kQuit;
         if (event == Event::kInterrupt) {
             if (!forward_interrupt) return Outcome::kQuit;
+            connection->interrupted = true;
             send_frame(connection, client_new::FRAME_KEY, KEY_INTERRUPT);
         }
         if (event != Event::kFrame) continue;
-        Outcome outcome{};
         if (frame.type == client_new::FRAME_OUTPUT) show_output(connection, frame.payload);
         if (frame.type == client_new::FRAME_REFUSAL) {
             (void)file_write_all(STDERR_FILENO, frame.payload);
         }
         if (frame.type == client_new::FRAME_END) {
-            end_command(connection, frame, &outcome);
-            return outcome;
+            end_command(connection, frame);
+            return Outcome::kEnded;
         }
     }
 }
@@ -179,7 +179,7 @@ bool connection_open(Connection* connection, bool second_list) {
                                        second_list ? client_new::OPEN_SECOND_LIST : 0};
     ask_frame(connection, client_new::FRAME_OPEN,
               {reinterpret_cast<const char*>(&open), sizeof(open)});
-    return finish_command(connection, false) == Outcome::kAccepted;
+    return finish_command(connection, false) == Outcome::kEnded;
 }
 
 Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
@@ -209,10 +209,12 @@ Event connection_wait(Connection* connection, bool input_too, Frame* frame) {
 }
 
 Outcome connection_run(Connection* connection, std::string_view line) {
+    connection->interrupted = false;
     if (line.size() > client_new::LINE_LENGTH_MAX) {
         (void)fprintf(stderr, "%% Line too long (at most %zu bytes)\n",
                       client_new::LINE_LENGTH_MAX);
-        return Outcome::kRefused;
+        connection->status = client_new::END_REFUSED;
+        return Outcome::kEnded;
     }
     send_frame(connection, client_new::FRAME_COMMAND, line);
     return finish_command(connection, true);

@@ -30,11 +30,13 @@ struct Connection {
     bool answers_ping = false;
     int64_t asked_ms = 0;      // since when the daemon owes an answer, monotonic; 0: it does not
     bool left = false;         // the session ended by a command
+    int status = 0;            // exit status that the last command asks for
+    bool interrupted = false;  // SIGINT came while it ran
     std::string lost;          // why the daemon closed the session, for standard error
     bool output_lost = false;  // a command's output could not be written; said so
 };
 
-enum class Outcome { kAccepted, kRefused, kQuit, kLost };
+enum class Outcome { kEnded, kQuit, kLost };
 
 // Here and below: a daemon that shows no sign of life for ten seconds counts as gone. A
 // command may be silent for as long as it likes, where the daemon answers pings.
@@ -46,7 +48,8 @@ bool connection_open(Connection* connection, bool second_list);
 // Waits for a frame, a signal or, if asked, standard input.
 Event connection_wait(Connection* connection, bool input_too, client_new::Frame* frame);
 
-// Runs a command to its end; output and refusals go to standard output and error.
+// Runs a command to its end; output and refusals go to standard output and error. kEnded:
+// status says how it went.
 Outcome connection_run(Connection* connection, std::string_view line);
 
 // Asks with FRAME_HELP or FRAME_COMPLETE. False: the session is lost or over.

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 #include "connection.h"
@@ -33,8 +35,8 @@ constexpr char USAGE[] =
     "  -h, --help              show this text\n"
     "      --version           show the version\n"
     "\n"
-    "Exit status: 0 every command was accepted, 1 one was refused, 2 no daemon, bad\n"
-    "usage or lost output.\n";
+    "Exit status: 0 done, 1 refused, 2 no daemon, bad usage or lost output, 3 failed,\n"
+    "4 another run is going on, 5 nobody registered; the first that is not 0 counts.\n";
 
 struct Options {
     std::vector<const char*> commands;
@@ -89,18 +91,33 @@ Options parse_options(int argc, char** argv) {
     }
 }
 
-// Counts a command's outcome into the exit status. False: that was the last one.
-bool outcome_record(const Connection& connection, Outcome outcome, int* status) {
-    if (outcome == Outcome::kRefused) *status = EXIT_REFUSED;
-    if (outcome == Outcome::kLost) *status = EXIT_TROUBLE;
-    if (outcome == Outcome::kQuit) *status = EXIT_REFUSED;  // it was not seen to end well
-    return outcome != Outcome::kLost && outcome != Outcome::kQuit && !connection.left;
+// Exit status that a command asks for.
+int status_of(const Connection& connection, Outcome outcome) {
+    switch (outcome) {
+        case Outcome::kEnded:
+            return connection.status;
+        case Outcome::kQuit:
+            return EXIT_REFUSED;  // it was not seen to end well
+        case Outcome::kLost:
+            break;
+    }
+    return EXIT_TROUBLE;
+}
+
+// Runs one of several commands. The first that does not end well decides the exit status.
+// False: that was the last one.
+bool run_command(Connection* connection, std::string_view command, bool terminal, int* status) {
+    const Outcome outcome = connection_run(connection, command);
+    if (*status == EXIT_SUCCESS) *status = status_of(*connection, outcome);
+    // Who stops a command of a script means all of them.
+    if (connection->interrupted && !terminal) *status = EXIT_BY_SIGINT;
+    return outcome == Outcome::kEnded && !connection->left && *status != EXIT_BY_SIGINT;
 }
 
 int run_commands(Connection* connection, const std::vector<const char*>& commands) {
     int status = EXIT_SUCCESS;
     for (const char* command : commands) {
-        if (!outcome_record(*connection, connection_run(connection, command), &status)) break;
+        if (!run_command(connection, command, false, &status)) break;
     }
     return status;
 }
@@ -117,9 +134,7 @@ int run_input(Connection* connection, bool terminal) {
                                             : plain_read_line(connection, prompt, &line);
         switch (result) {
             case InputResult::kLine:
-                if (!outcome_record(*connection, connection_run(connection, line), &status)) {
-                    return status;
-                }
+                if (!run_command(connection, line, terminal, &status)) return status;
                 break;
             case InputResult::kInterrupted:
                 if (!terminal) return EXIT_BY_SIGINT;
@@ -142,6 +157,17 @@ int run_session(Connection* connection, const Options& options) {
     return status;
 }
 
+// The shell that waits has to see the signal itself: after a status of its own it would
+// take Ctrl+C for handled, and go on with its script.
+void end_by_sigint() {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    (void)sigaddset(&set, SIGINT);
+    (void)signal(SIGINT, SIG_DFL);
+    (void)raise(SIGINT);
+    (void)sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -154,5 +180,7 @@ int main(int argc, char** argv) {
     if (!connection.lost.empty()) {
         (void)fprintf(stderr, "http_client_cli: %s\n", connection.lost.c_str());
     }
-    return connection.output_lost ? EXIT_TROUBLE : status;
+    if (connection.output_lost) return EXIT_TROUBLE;
+    if (status == EXIT_BY_SIGINT) end_by_sigint();
+    return status;
 }
