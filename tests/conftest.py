@@ -1,9 +1,11 @@
 from __future__ import annotations
 
+import subprocess
 from collections.abc import Iterator
+from pathlib import Path
 
 import pytest
-from lab import Device, LabServer, Probe, Sample, Scratch
+from lab import Device, LabServer, Probe, Sample, Scratch, private_mounts
 
 
 @pytest.fixture
@@ -38,3 +40,15 @@ def device(scratch: Scratch, server: LabServer) -> Device:
     made.start()
     made.use(server)
     return made
+
+
+@pytest.fixture
+def small_disk(scratch: Scratch) -> Path:
+    """A 64 KiB file system that only this process and its children see."""
+    if not private_mounts():
+        pytest.skip("mounting is not permitted here")
+    disk = scratch.root / "disk"
+    disk.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", disk], check=True)
+    scratch.at_end.insert(0, lambda: subprocess.run(["umount", "-l", disk], check=True))
+    return disk

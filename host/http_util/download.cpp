@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/clock.h"
+#include "base/pace.h"
 #include "base/text.h"
 #include "host/http_util/agent.h"
 #include "host/http_util/judge.h"
@@ -32,7 +33,7 @@ struct Download {
     explicit Download(const DownloadJob& the_job)
         : job(the_job),
           progress(the_job.context),
-          pace(monotonic_ms(), the_job.pace_ms),
+          pace(monotonic_ms()),
           file(the_job.path, the_job.resume),
           agent(the_job.debug) {}
 

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "base/pace.h"
 #include "frame/platform/http_util.h"
 #include "host/http_util/failure.h"
 
@@ -18,7 +17,6 @@ struct DownloadJob {
     uint32_t source = 0;                       // network byte order; 0: any
     const std::atomic<bool>* debug = nullptr;  // lines to the system log while true
     uint32_t connect_ms = 20000;               // at most, for a connection
-    int64_t pace_ms = Pace::WINDOW_MS;         // window of the pace
 };
 
 // Results as http_download_file_progress() gives them.

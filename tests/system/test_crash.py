@@ -4,8 +4,7 @@ import contextlib
 import subprocess
 from pathlib import Path
 
-import pytest
-from lab import BIN_DIR, Device, LabServer, Scratch, private_mounts, wait_for
+from lab import BIN_DIR, Device, LabServer, Scratch, wait_for
 
 
 def test_second_instance_leaves_the_first_alone(device: Device) -> None:
@@ -36,35 +35,23 @@ def test_wrong_options_end_the_start(scratch: Scratch) -> None:
         assert wrong.returncode == 1 and wrong.stdout.startswith("Error: invalid option")
 
 
-@pytest.fixture
-def small_disk(scratch: Scratch) -> str:
-    """A 64 KiB file system that only this process and its children see."""
-    if not private_mounts():
-        pytest.skip("mounting is not permitted here")
-    disk = scratch.root / "disk"
-    disk.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", disk], check=True)
-    scratch.at_end.insert(0, lambda: subprocess.run(["umount", "-l", disk], check=True))
-    return f"{disk}/"
-
-
-def test_full_disk(small_disk: str, device: Device, server: LabServer) -> None:
+def test_full_disk(small_disk: Path, device: Device, server: LabServer) -> None:
     made = server.release("alpha", "2.0", {"a.bin": 20_000, "b.bin": 38_000})
     server.release("beta", "2.0", {"large": 100_000})
-    alpha, beta = device.app("alpha", save=small_disk), device.app("beta", save=small_disk)
+    alpha, beta = (device.app(name, save=f"{small_disk}/") for name in ("alpha", "beta"))
     # Too large from the beginning; then a disk that fills up meanwhile.
     full = "Update module with server 127.0.0.1:\r\n%s: Not enough flash.\n"
     assert device.cli("http update beta", status=3).endswith(full % "beta")
     server.fault(path="*/b.bin", stall_after=10_000)
     update = device.begin("http update alpha")
     server.wait_stalled("b.bin", 10_000)
-    filler = Path(small_disk) / "filler"
+    filler = small_disk / "filler"
     with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
         while True:
             file.write(bytes(4096))
     server.heal()
     assert update.finish(3).endswith(full % "alpha")
-    assert list(Path(small_disk).iterdir()) == [filler] and alpha.requests == beta.requests == []
+    assert list(small_disk.iterdir()) == [filler] and alpha.requests == beta.requests == []
     filler.unlink()
     assert device.cli("http update alpha").endswith("alpha: download and notify successfully.\n")
-    assert {p.name: p.read_bytes() for p in Path(small_disk).iterdir()} == made
+    assert {p.name: p.read_bytes() for p in small_disk.iterdir()} == made

@@ -60,14 +60,30 @@ def test_program_can_do_nothing_but_transfer() -> None:
     assert set(results.values()) == {"1"}, results  # EPERM
 
 
+@pytest.fixture
+def device_in_time(scratch: Scratch, server: LabServer) -> Device:
+    """One whose clocks the test sets."""
+    made = Device(scratch)
+    made.clock.used = True
+    made.start(speed=6000)
+    made.use(server)
+    return made
+
+
+def test_stalled_server_is_given_up(device_in_time: Device, server: LabServer) -> None:
+    server.release("alpha", "2.0", {"a.bin": 200_000})
+    device_in_time.app("alpha")
+    server.fault(path="*/a.bin", stall_after=100_000)
+    update = device_in_time.begin("http update all")
+    server.wait_stalled("a.bin", 100_000)
+    device_in_time.clock.pass_time(121)
+    assert update.finish(3).endswith("alpha: Download failed.\n")
+
+
 @pytest.mark.parametrize("broken", range(3))
-def test_broken_run_costs_the_line_little(scratch: Scratch, server: LabServer,
+def test_broken_run_costs_the_line_little(device_in_time: Device, server: LabServer,
                                           broken: int) -> None:
-    device = Device(scratch)
-    device.clock.used = True
-    device.start(speed=6000)
-    device.use(server)
-    chance = random.Random(broken)
+    device, chance = device_in_time, random.Random(broken)
     size = 1 << 20
     made = server.release("alpha", "2.0", {f"{n}.bin": size for n in range(10)})
     app = device.app("alpha")
