@@ -146,7 +146,7 @@ class Life:
         self.device.start("-di", TZ=ZONE)
         self.threads = self.device.held()[1]  # without the one that waits for a download program
         self.off, self.restarted, self.last_run = False, True, float("-inf")
-        self.first, self.warm = None, self.passed + WARM_DAYS * DAY
+        self.first, self.settled, self.warm = None, False, self.passed + WARM_DAYS * DAY
         for name in self.apps:
             self.join(name)
 
@@ -280,7 +280,8 @@ class Life:
                 for path in (self.device.root / top).rglob("*") if not path.is_dir()]
         now = (self.device.own_kib(), descriptors - len(self.apps), threads)
         first = self.first or now
-        first = self.first = (first[0] if self.passed > self.warm else now[0], *first[1:])
+        first = self.first = (first[0] if self.settled else now[0], *first[1:])
+        self.settled = self.passed > self.warm
         if now[0] > first[0] + MEMORY_GROWTH_KIB or now[1:] != first[1:] or set(left) - FILES:
             self.broke(f"growth from {first} to {now}; strange files: {set(left) - FILES}")
         print("{:5}{:9}{:9}{:13}{:9}{:7}".format(
