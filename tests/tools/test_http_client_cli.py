@@ -13,7 +13,7 @@ import threading
 
 import pexpect
 import pytest
-from lab import BIN_DIR, DEADLINE, Sample
+from lab import BIN_DIR, DEADLINE, Sample, wait_for
 
 CLI = str(BIN_DIR / "http_client_cli")
 RECORD = "[] no=0 context=0 debug=0 []\n"
@@ -52,11 +52,15 @@ def test_troubles_end_with_status_2(daemon):
     with open("/dev/full", "w") as full:
         status, _, errors = run(daemon, "-c", "show record", stdout=full)
     assert status == 2 and "standard output: " in errors
+    assert run(daemon, "--timeout", "1", "-c", "work hold", "-c", "show record") == (
+        2, "holding\n", "http_client_cli: not done within 1 s\n")
+    wait_for(lambda: daemon.ended() == 1, "for the command to be stopped, too")
     daemon.end()
     status, output, errors = run(daemon, "-c", "write")
     assert status == 2 and output == ""
     assert errors.startswith(f"http_client_cli: no daemon at {daemon.work}/")
-    for arguments in (["--bogus"], ["-c"], ["left over"], ["--tech-support", "x", "-c", "write"]):
+    for arguments in (["--bogus"], ["-c"], ["left over"], ["--tech-support", "x", "-c", "write"],
+                      ["--timeout", "0"], ["--timeout", "1x"]):
         assert run(daemon, *arguments)[:2] == (2, ""), arguments
 
 

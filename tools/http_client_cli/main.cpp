@@ -3,6 +3,7 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "connection.h"
 #include "input.h"
 #include "tech_support.h"
+#include "time_limit.h"
 
 namespace {
 
@@ -21,8 +23,8 @@ constexpr int EXIT_TROUBLE = 2;
 constexpr int EXIT_BY_SIGINT = 130;
 
 constexpr char USAGE[] =
-    "Usage: http_client_cli [--second-list] [-c COMMAND]...\n"
-    "       http_client_cli --tech-support FILE.tar.gz\n"
+    "Usage: http_client_cli [--second-list] [--timeout S] [-c COMMAND]...\n"
+    "       http_client_cli [--timeout S] --tech-support FILE.tar.gz\n"
     "\n"
     "Runs commands in the daemon http_client: those given with -c, else those typed\n"
     "at the terminal, else those on standard input, one a line. At the terminal \"?\"\n"
@@ -31,6 +33,7 @@ constexpr char USAGE[] =
     "\n"
     "  -c, --command COMMAND   run COMMAND; all commands run in one session\n"
     "      --second-list       commands use the second list of update servers\n"
+    "      --timeout S         end after S seconds, with exit status 2\n"
     "      --tech-support FILE write reports and dump files for support into FILE\n"
     "  -h, --help              show this text\n"
     "      --version           show the version\n"
@@ -44,12 +47,14 @@ struct Options {
     bool second_list = false;
 };
 
-enum { OPTION_SECOND_LIST = 256, OPTION_TECH_SUPPORT, OPTION_VERSION };
+enum { OPTION_SECOND_LIST = 256, OPTION_TECH_SUPPORT, OPTION_TIMEOUT, OPTION_VERSION };
+constexpr unsigned TIMEOUT_MAX_S = 999999;
 
 constexpr option LONG_OPTIONS[] = {
     {"command", required_argument, nullptr, 'c'},
     {"second-list", no_argument, nullptr, OPTION_SECOND_LIST},
     {"tech-support", required_argument, nullptr, OPTION_TECH_SUPPORT},
+    {"timeout", required_argument, nullptr, OPTION_TIMEOUT},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, OPTION_VERSION},
     {nullptr, 0, nullptr, 0}};
@@ -57,6 +62,14 @@ constexpr option LONG_OPTIONS[] = {
 [[noreturn]] void bad_usage() {
     (void)fputs(USAGE, stderr);
     exit(EXIT_TROUBLE);
+}
+
+void limit_time(std::string_view text) {
+    unsigned seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    if (!whole || seconds == 0 || seconds > TIMEOUT_MAX_S) bad_usage();
+    time_limit_start(seconds, EXIT_TROUBLE);
 }
 
 Options parse_options(int argc, char** argv) {
@@ -71,6 +84,9 @@ Options parse_options(int argc, char** argv) {
                 break;
             case OPTION_TECH_SUPPORT:
                 options.tech_support = optarg;
+                break;
+            case OPTION_TIMEOUT:
+                limit_time(optarg);
                 break;
             case 'h':
                 (void)fputs(USAGE, stdout);
@@ -168,19 +184,23 @@ void end_by_sigint() {
     (void)sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// Returns the exit status.
+int run_program(const Options& options) {
+    Connection connection;
+    const int status = run_session(&connection, options);
+    if (!connection.lost.empty()) {
+        (void)fprintf(stderr, "http_client_cli: %s\n", connection.lost.c_str());
+    }
+    return connection.output_lost ? EXIT_TROUBLE : status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     (void)setlocale(LC_CTYPE, "");
     const Options options = parse_options(argc, argv);
     if (options.tech_support != nullptr) return tech_support_write(options.tech_support);
-
-    Connection connection;
-    const int status = run_session(&connection, options);
-    if (!connection.lost.empty()) {
-        (void)fprintf(stderr, "http_client_cli: %s\n", connection.lost.c_str());
-    }
-    if (connection.output_lost) return EXIT_TROUBLE;
+    const int status = run_program(options);
     if (status == EXIT_BY_SIGINT) end_by_sigint();
     return status;
 }
