@@ -120,17 +120,31 @@ class Support(socketserver.StreamRequestHandler):
         self.wfile.write(self.server.answers.get(self.rfile.readline(), b""))
 
 
-def test_support_bundle(sample):
-    root = sample.scratch.root
+def test_support_bundle_says_what_it_lacks(daemon):
+    root = daemon.scratch.root
     for name in "ab":
         (root / name).mkdir()
         (root / name / ".dump").write_text(name)
     (root / "link").symlink_to(root / "a/.dump")
     os.mkfifo(root / "pipe")
+    for name, script in (("systemctl", "echo stopped; exit 3"), ("journalctl", "exit 127")):
+        (root / name).write_text(f"#!/bin/sh\n{script}\n")
+        (root / name).chmod(0o755)
+    daemon.environment["PATH"] = f"{root}:{os.environ['PATH']}"
+    daemon.config.write_text("saved")
     bundle = root / "bundle.tar.gz"
     bundle.write_text("old")
     bundle.chmod(0o644)
-    path = sample.work / ".tech_support"
+
+    def write():
+        status, _, errors = run(daemon, "--tech-support", str(bundle))
+        with tarfile.open(bundle) as tar:
+            members = {m.name: tar.extractfile(m).read().decode() for m in tar.getmembers()}
+        index = dict(line.split(maxsplit=1) for line in members["index.txt"].splitlines())
+        return status, [line.split("/")[-1] for line in errors.splitlines()], members, index
+
+    path = daemon.work / ".tech_support"
+    path.unlink()
     with socketserver.UnixStreamServer(str(path), Support) as server:
         server.answers = {
             b"report 0\n": b"complete 5\nzero\n", b"report 1\n": b"complete 5\nzer",
@@ -138,17 +152,23 @@ def test_support_bundle(sample):
                 "a/.dump", "b/.dump", "link", "pipe", "gone")).encode()}
         thread = threading.Thread(target=server.serve_forever, args=(0.01,))
         thread.start()
-        status, _, errors = run(sample, "--tech-support", str(bundle))
+        status, errors, members, index = write()
         server.shutdown()
         thread.join()
-    assert status == 0
-    assert [line.split("/")[-1] for line in errors.splitlines()] == [
-        "http_client_cli: report-1.txt: cut short, left out",
-        "link: Too many levels of symbolic links", "pipe: not a plain file, left out"]
-    assert stat.S_IMODE(bundle.stat().st_mode) == 0o600
-    with tarfile.open(bundle) as tar:
-        members = {member.name: tar.extractfile(member).read() for member in tar.getmembers()}
-    assert members == {"report-0.txt": b"zero\n", "dump": b"a", "1-dump": b"b"}
-    path.unlink()
-    assert run(sample, "--tech-support", str(root / "x.tar.gz"))[0] == 2
-    assert not list(root.glob("x*"))
+    assert status == 1 and stat.S_IMODE(bundle.stat().st_mode) == 0o600
+    assert errors == ["http_client_cli: report-1.txt: left out: cut short",
+                      "link: left out: Too many levels of symbolic links",
+                      "pipe: left out: not a plain file"]
+    assert members | {"index.txt": "", "version.txt": ""} == {
+        "report-0.txt": "zero\n", "dump": "a", "1-dump": "b", "running-config.txt": "",
+        "startup-config": "saved", "unit.txt": "stopped\n", "index.txt": "", "version.txt": ""}
+    assert index["journal.txt"] == "none: no journalctl here"
+    assert index["status.txt"].startswith("none: % Unknown word"), "an older daemon"
+    daemon.end()
+    path.unlink(missing_ok=True)
+    (daemon.work / ".http_reg_server_dump").write_text("last words")
+    status, errors, members, index = write()
+    assert status == 1 and members["http_reg_server_dump"] == "last words"
+    assert "no daemon" in index["status.txt"] and "startup-config" in members
+    assert run(daemon, "--tech-support", str(root / "no/x"))[0] == 2
+    assert not list(root.glob("bundle.tar.gz.*"))

@@ -34,7 +34,7 @@ constexpr char USAGE[] =
     "  -c, --command COMMAND   run COMMAND; all commands run in one session\n"
     "      --second-list       commands use the second list of update servers\n"
     "      --timeout S         end after S seconds, with exit status 2\n"
-    "      --tech-support FILE write reports and dump files for support into FILE\n"
+    "      --tech-support FILE write reports, files and logs for support into FILE\n"
     "  -h, --help              show this text\n"
     "      --version           show the version\n"
     "\n"
@@ -194,12 +194,18 @@ int run_program(const Options& options) {
     return connection.output_lost ? EXIT_TROUBLE : status;
 }
 
+int run_one(const char* command) {
+    Options options;
+    options.commands = {command};
+    return run_program(options);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     (void)setlocale(LC_CTYPE, "");
     const Options options = parse_options(argc, argv);
-    if (options.tech_support != nullptr) return tech_support_write(options.tech_support);
+    if (options.tech_support != nullptr) return tech_support_write(options.tech_support, run_one);
     const int status = run_program(options);
     if (status == EXIT_BY_SIGINT) end_by_sigint();
     return status;

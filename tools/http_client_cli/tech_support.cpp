@@ -1,38 +1,64 @@
-// Asks the daemon's support service, one request a connection, and packs what it
-// answers. A dump file is somebody else's: it is read only when it is a plain file
-// of a sensible size, and never through a symbolic link.
+// Asks the daemon's support service, one request a connection, runs commands, and packs
+// what is said with the files. It is wanted most when something is wrong: whatever can't be
+// had, the daemon included, costs its own member alone. A file is somebody else's: it is
+// read only when it is a plain one of a sensible size, and never through a symbolic link.
 #include "tech_support.h"
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "base/file.h"
 #include "base/local_socket.h"
 #include "base/unique_fd.h"
+#include "base/working_dir.h"
+#include "bundle.h"
+#include "capture.h"
 #include "host/tech_support_msg/protocol.h"
-#include "tar_gz.h"
 
 namespace {
 
 constexpr int REPORTS = 2;
 constexpr int ANSWER_LIMIT_S = 10;
 constexpr size_t ANSWER_MAX_BYTES = 16777216;
-constexpr size_t DUMP_MAX_BYTES = 16777216;
-constexpr size_t MEMBER_NAME_MAX = 100;
+constexpr size_t FILE_MAX_BYTES = 16777216;
+constexpr int EXIT_INCOMPLETE = 1;
 constexpr int EXIT_NO_BUNDLE = 2;
+constexpr int STATUS_REFUSED = 1;
+constexpr int STATUS_NO_PROGRAM = 127;
+
+struct ReportCommand {
+    const char* member;
+    const char* line;
+};
+constexpr ReportCommand COMMANDS[] = {{"running-config.txt", "show running-config"},
+                                      {"status.txt", "show http-update status"},
+                                      {"history.txt", "show http-update history"},
+                                      {"status.json", "show http-update json"}};
+
+// Working files: those below the temporary prefix when the daemon can't say where its dump
+// files are, and those below the data prefix, with what the daemon has kept aside.
+constexpr const char* DUMP_FILES[] = {".http_reg_server_dump", ".http_reg_client_dump"};
+constexpr const char* DATA_FILES[] = {"startup-config", "startup-config.unread", "history.json",
+                                      "history.json.damaged"};
 
 void print_error(const std::string& what, const char* reason) {
     (void)fprintf(stderr, "http_client_cli: %s: %s\n", what.c_str(), reason);
+}
+
+// What a command said, without the name of this program.
+std::string_view first_line(std::string_view text) {
+    constexpr std::string_view SELF = "http_client_cli: ";
+    if (text.starts_with(SELF)) text.remove_prefix(SELF.size());
+    return text.substr(0, text.find('\n'));
 }
 
 // Reads until the service closes. False: errno says why.
@@ -55,19 +81,16 @@ bool receive_all(int fd, std::string* answer) {
     }
 }
 
-// False: no answer, said so.
-bool ask(const std::string& request, std::string* answer) {
-    const std::string path = tech_support_socket_path();
+// Returns 0 or an errno value.
+int ask(const std::string& request, std::string* answer) {
     UniqueFd connection;
-    errno = local_connect(path.c_str(), ANSWER_LIMIT_S, &connection);
-    if (errno == 0 &&
-        send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(request.size()) &&
-        receive_all(connection.get(), answer)) {
-        return true;
-    }
-    print_error("no support service at " + path, strerror(errno));
-    return false;
+    const int error =
+        local_connect(tech_support_socket_path().c_str(), ANSWER_LIMIT_S, &connection);
+    if (error != 0) return error;
+    const ssize_t sent = send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL);
+    if (sent < 0) return errno;
+    if (sent < static_cast<ssize_t>(request.size())) return EAGAIN;
+    return receive_all(connection.get(), answer) ? 0 : errno;
 }
 
 // "complete LENGTH", a line end and as many bytes. False: anything else.
@@ -82,71 +105,111 @@ bool take_report(std::string_view answer, std::string_view* report) {
     return error == std::errc() && stop == answer.data() + line_end && report->size() == length;
 }
 
-bool read_dump(const std::string& path, FileBytes* dump) {
-    const int error = file_read(path.c_str(), FILE_NO_LINK, DUMP_MAX_BYTES, dump);
-    if (error == EINVAL || error == EFBIG) {
-        print_error(path, error == EFBIG ? "too large, left out" : "not a plain file, left out");
-    } else if (error != 0 && error != ENOENT) {  // it need not exist
-        print_error(path, strerror(error));
-    }
-    return error == 0;
+std::string_view file_name(std::string_view path) { return path.substr(path.rfind('/') + 1); }
+
+// Why a file is not in the bundle.
+std::string reason_of(int error) {
+    return error == EFBIG ? "too large" : error == EINVAL ? "not a plain file" : strerror(error);
 }
 
-// The file's own name without leading dots, so that an unpacked bundle shows it;
-// a number in front when another file has that name.
-std::string member_name(std::string_view path, std::vector<std::string>* taken) {
-    std::string_view name = path.substr(path.rfind('/') + 1);
-    while (name.starts_with('.')) name.remove_prefix(1);
-    std::string unique(name.substr(0, MEMBER_NAME_MAX - 8));
-    if (unique.empty() || std::ranges::find(*taken, unique) != taken->end()) {
-        unique = std::to_string(taken->size()) + "-" + unique;
+void add_file(Bundle* bundle, const std::string& path) {
+    FileBytes file;
+    const int error = file_read(path.c_str(), FILE_NO_LINK, FILE_MAX_BYTES, &file);
+    if (error == 0) {
+        bundle_add(bundle, file_name(path), file.View(), file.modified_s, path);
+    } else if (error == ENOENT) {  // it need not exist
+        bundle_none(bundle, file_name(path), path);
+    } else {
+        bundle_left_out(bundle, path, reason_of(error));
     }
-    taken->push_back(unique);
-    return unique;
 }
 
-void add_dumps(TarGz* tar, std::string_view paths) {
-    std::vector<std::string> taken;
-    for (size_t end = paths.find('\n'); end != paths.npos; end = paths.find('\n')) {
-        const std::string path(paths.substr(0, end));
-        paths.remove_prefix(end + 1);
-        FileBytes dump;
-        if (!path.empty() && read_dump(path, &dump)) {
-            tar_gz_add(tar, member_name(path, &taken), dump.View(), dump.modified_s);
+void add_working_file(Bundle* bundle, const DirPrefix& prefix, const char* name) {
+    char path[PATH_SIZE];
+    working_path(dir_prefix_now(prefix), name, path);
+    add_file(bundle, path);
+}
+
+// The daemon's two reports, and the dump files that it offers.
+void add_support(Bundle* bundle) {
+    for (int report = 0; report < REPORTS; ++report) {
+        const std::string name = "report-" + std::to_string(report) + ".txt";
+        std::string answer;
+        std::string_view text;
+        const int error = ask("report " + std::to_string(report) + "\n", &answer);
+        if (error != 0) {
+            bundle_left_out(bundle, name, reason_of(error));
+        } else if (take_report(answer, &text)) {
+            bundle_add(bundle, name, text, time(nullptr), "");
+        } else {
+            bundle_left_out(bundle, name, answer == "no report\n" ? "no such report" : "cut short");
         }
     }
+    std::string paths;
+    const int error = ask("files\n", &paths);
+    if (error != 0) {
+        bundle_left_out(bundle, "the list of dump files", reason_of(error));
+        for (const char* name : DUMP_FILES) add_working_file(bundle, TMP_DIR, name);
+    }
+    for (size_t end = paths.find('\n'); end != paths.npos; end = paths.find('\n')) {
+        if (end > 0) add_file(bundle, paths.substr(0, end));
+        paths.erase(0, end + 1);
+    }
+}
+
+// What a command of the daemon shows. A daemon of another release may not know it.
+void add_command(Bundle* bundle, const ReportCommand& command, CommandRunner run) {
+    const Captured shown = capture([&] { return run(command.line); });
+    if (shown.status == EXIT_SUCCESS) {
+        bundle_add(bundle, command.member, shown.output, time(nullptr), command.line);
+    } else if (shown.status == STATUS_REFUSED) {
+        bundle_none(bundle, command.member, first_line(shown.output));
+    } else {
+        bundle_left_out(bundle, command.member,
+                        shown.hung ? "it does not end" : first_line(shown.output));
+    }
+}
+
+// What the system's own programs say; their exit statuses are part of it.
+void add_program(Bundle* bundle, const char* name, std::initializer_list<const char*> words) {
+    const Captured said = capture_program(words);
+    if (said.status == STATUS_NO_PROGRAM) {
+        bundle_none(bundle, name, "no " + std::string(*words.begin()) + " here");
+    } else if (said.hung) {
+        bundle_left_out(bundle, name, std::string(*words.begin()) + " does not end");
+    } else {
+        bundle_add(bundle, name, said.output, time(nullptr),
+                   "exit status " + std::to_string(said.status));
+    }
+}
+
+void add_version(Bundle* bundle) {
+    utsname system{};
+    (void)uname(&system);  // fails for a bad address only
+    const std::string text = std::string("http_client_cli " HTTP_CLIENT_VERSION "\n") +
+                             system.sysname + " " + system.release + " " + system.machine + "\n";
+    bundle_add(bundle, "version.txt", text, time(nullptr), "");
 }
 
 }  // namespace
 
-int tech_support_write(const char* path) {
-    std::string answers[REPORTS];
-    std::string paths;
-    for (int report = 0; report < REPORTS; ++report) {
-        if (!ask("report " + std::to_string(report) + "\n", &answers[report])) {
-            return EXIT_NO_BUNDLE;
-        }
-    }
-    if (!ask("files\n", &paths)) return EXIT_NO_BUNDLE;
-
-    TarGz tar{};
-    if (!tar_gz_create(&tar, path)) {
+int tech_support_write(const char* path, CommandRunner run) {
+    Bundle bundle;
+    if (!bundle_create(&bundle, path)) {
         print_error(path, strerror(errno));
         return EXIT_NO_BUNDLE;
     }
-    const long now_s = time(nullptr);
-    for (int report = 0; report < REPORTS; ++report) {
-        const std::string name = "report-" + std::to_string(report) + ".txt";
-        std::string_view text;
-        if (take_report(answers[report], &text)) {
-            tar_gz_add(&tar, name, text, now_s);
-        } else {
-            print_error(
-                name, answers[report] == "no report\n" ? "no such report" : "cut short, left out");
-        }
+    add_version(&bundle);
+    add_support(&bundle);
+    for (const ReportCommand& command : COMMANDS) add_command(&bundle, command, run);
+    for (const char* name : DATA_FILES) add_working_file(&bundle, DATA_DIR, name);
+    add_program(&bundle, "unit.txt",
+                {"systemctl", "status", "--no-pager", "--full", "--lines=0", "http_client"});
+    add_program(&bundle, "journal.txt",
+                {"journalctl", "--no-pager", "--lines=1000", "--unit=http_client"});
+    if (!bundle_finish(&bundle)) {
+        print_error(path, strerror(errno));
+        return EXIT_NO_BUNDLE;
     }
-    add_dumps(&tar, paths);
-    if (tar_gz_finish(&tar)) return EXIT_SUCCESS;
-    print_error(path, strerror(errno));
-    return EXIT_NO_BUNDLE;
+    return bundle.complete ? EXIT_SUCCESS : EXIT_INCOMPLETE;
 }

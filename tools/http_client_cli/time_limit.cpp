@@ -15,9 +15,11 @@ int s_length = 0;
 int s_exit_status = 0;
 bool s_terminal = false;
 termios s_settings;
+const char* volatile s_file = nullptr;
 
 void time_is_up(int) {
     if (s_terminal) (void)tcsetattr(STDIN_FILENO, TCSANOW, &s_settings);
+    if (s_file != nullptr) (void)unlink(s_file);
     (void)!write(STDERR_FILENO, s_line, static_cast<size_t>(s_length));
     _exit(s_exit_status);
 }
@@ -31,3 +33,5 @@ void time_limit_start(unsigned seconds, int exit_status) {
     (void)signal(SIGALRM, time_is_up);
     (void)alarm(seconds);
 }
+
+void time_limit_removes(const char* path) { s_file = path; }
