@@ -71,7 +71,7 @@ class JsonWriter {
         return static_cast<rapidjson::SizeType>(text.size());
     }
 
-    alignas(max_align_t) char memory_[1024];
+    alignas(max_align_t) char memory_[1024] = {};
     Pool pool_{memory_, sizeof(memory_)};
     rapidjson::Writer<JsonText, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool> writer_;
 };
