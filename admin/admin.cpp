@@ -10,6 +10,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 
@@ -35,8 +37,11 @@ static constexpr int DAY_S = 86400;
 
 tq_thread_master* http_update_admin_master = nullptr;
 
-// When the last daily run ended; zero: none since start. Admin thread.
-static int64_t s_last_auto_update_s;
+// When the last daily run ended; zero: none since start. Written on the admin thread.
+static std::atomic<int64_t> s_last_auto_update_s{0};
+
+// Written once, before other threads start.
+static int64_t s_start_s = 0;
 
 // Whether the registration server is installed. Main thread.
 static bool s_reg_installed = false;
@@ -50,10 +55,34 @@ static int day_second(int hour, int minute, int second) {
     return hour * 3600 + minute * 60 + second;
 }
 
-int http_update_admin_time_check() {
-    if (s_last_auto_update_s != 0 && monotonic_s() < s_last_auto_update_s + DAILY_APART_S) {
-        return -1;
+// How long the last daily run keeps the next away.
+static int64_t apart_left_s() {
+    const int64_t last_s = s_last_auto_update_s.load(std::memory_order_relaxed);
+    return last_s == 0 ? 0 : std::max<int64_t>(last_s + DAILY_APART_S - monotonic_s(), 0);
+}
+
+int64_t http_update_admin_next_daily() {
+    if (update_mode.load(std::memory_order_relaxed) == UPDATE_MODE_MANUAL) return 0;
+    tzset();  // as in the check of the time
+    const time_t earliest = time(nullptr) + apart_left_s();
+    const DailyTime daily = update_time_get();
+    tm local{};
+    (void)localtime_r(&earliest, &local);
+    // The one of the day before may reach past midnight.
+    for (local.tm_mday -= 1;; local.tm_mday += 1) {
+        local.tm_hour = daily.update_hour;
+        local.tm_min = daily.update_minute;
+        local.tm_sec = 0;
+        local.tm_isdst = -1;
+        const time_t begin = mktime(&local);
+        if (earliest < begin + DAILY_INTERVAL_S) return std::max(begin, earliest);
     }
+}
+
+int64_t http_update_admin_uptime() { return monotonic_s() - s_start_s; }
+
+int http_update_admin_time_check() {
+    if (apart_left_s() > 0) return -1;
     tzset();  // the device's zone may have been changed meanwhile
     const time_t wall = time(nullptr);
     tm local{};
@@ -85,7 +114,7 @@ static void daily_run(const AppSet& apps) {
     if (status != UPDATE_OK) {
         http_client_debug_print(HTTPC_LOG_INFO, "timer: %s", update_status_str(status));
     }
-    s_last_auto_update_s = monotonic_s();
+    s_last_auto_update_s.store(monotonic_s(), std::memory_order_relaxed);
     resume_timer_add(resume_delay());
 }
 
@@ -169,6 +198,7 @@ void http_update_admin_rand_time() {
 }
 
 void http_update_admin_init() {
+    s_start_s = monotonic_s();
     update_progress_init();
     update_mode.store(UPDATE_MODE_AUTO, std::memory_order_relaxed);
     http_update_admin_rand_time();

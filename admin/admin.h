@@ -35,6 +35,13 @@ int http_update_admin_public_timer(tq_thread* task);
 // 0 when the daily update is due now, else -1. Admin thread.
 [[nodiscard]] int http_update_admin_time_check();
 
+// When the next daily update is due, seconds since 1970: now, as long as its ten minutes
+// are not over and it has not run. In manual mode 0. Any thread.
+[[nodiscard]] int64_t http_update_admin_next_daily();
+
+// Seconds since the start of the daemon. Any thread.
+[[nodiscard]] int64_t http_update_admin_uptime();
+
 // Report of the daily run's passes.
 void http_update_admin_report(const AppSet& requested, UpdateRunKind kind, const char* host,
                               UpdateStatus status);

@@ -116,6 +116,17 @@ void resume_report(const AppSet&, UpdateRunKind, const char* host, UpdateStatus 
     update_result_output(UPDATE_RUN_RESUME);
 }
 
+ResumeOutlook resume_outlook() {
+    ResumeOutlook outlook{};
+    outlook.apps = resume_app_count();
+    outlook.retries_left = resume_retry_count;
+    MutexLock guard(resume_lock);
+    if (resume_timer == nullptr) return outlook;
+    outlook.is_armed = true;
+    outlook.seconds_left = static_cast<int64_t>(tq_thread_timer_remain_second(resume_timer));
+    return outlook;
+}
+
 // --- report
 
 namespace {

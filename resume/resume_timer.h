@@ -27,6 +27,15 @@ void resume_timer_add(int seconds);
 // minute.
 void resume_timer_catch_up();
 
+// What is going to be resumed, and when. Any thread.
+struct ResumeOutlook {
+    uint32_t apps;         // of the list
+    int32_t retries_left;  // before its first entry is given up
+    bool is_armed;         // else a run is under way, or there is nothing to do
+    int64_t seconds_left;  // until the next run
+};
+[[nodiscard]] ResumeOutlook resume_outlook();
+
 // The timer: one resume run. Admin thread.
 int resume_timer_proc(tq_thread* task);
 

@@ -3,6 +3,7 @@
 // library's callback is the only moment to show progress and to ask for Ctrl+C.
 #include "update/download.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -50,9 +51,14 @@ DownloadPass::DownloadPass(UpdateRunKind run_kind, Attempt* the_attempt)
     cli_printf("Downloading updated files, please wait...\n");
 }
 
-int down_progress_record(DownloadCtx* context, int32_t /*count*/) {
+static void sizes_note(const DownloadCtx* context, int32_t count) {
+    update_progress_set_sizes(context->total, context->received,
+                              static_cast<uint64_t>(std::max(count, 0)));
+}
+
+int down_progress_record(DownloadCtx* context, int32_t count) {
     loop_turned();
-    update_progress_set_sizes(context->total, context->received);
+    sizes_note(context, count);
     return 0;
 }
 
@@ -65,7 +71,7 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
         cli_flush();
         pass->first_call = false;
     }
-    update_progress_set_sizes(context->total, context->received);
+    sizes_note(context, count);
     if (context->received == context->total) {
         http_client_debug_print(HTTPC_LOG_INFO, "Download [%s] finished, bytes %d prepared",
                                 pass->path, static_cast<int>(context->total));

@@ -146,9 +146,9 @@ static int load_locked(const char* path) REQUIRES(s_file_lock) {
     const int error = record == nullptr ? ENOMEM : file_load_locked(path, &file);
     if (error != 0) return error;
     HistoryTotals totals{};
-    if (file.size > 0 &&
-        history_document_read(file.bytes.get(), &totals, record.get(), nullptr, nullptr) != 0) {
-        set_aside(path, EINVAL);
+    // Of a damaged one as much as there is; the next write keeps it aside.
+    if (file.size > 0) {
+        (void)history_document_read(file.bytes.get(), &totals, record.get(), nullptr, nullptr);
     }
     s_loaded = true;
     const MutexLock guard(s_lock);

@@ -54,7 +54,8 @@ void history_flush();
 
 // The runs, the newest first, the one under way included. Each is a copy and lives as
 // long as the call; visit runs under no lock. totals and visit may be null. 0, or an
-// errno value: what there is besides the file was visited all the same.
+// errno value (EINVAL: the file is damaged): what there is besides was visited all the
+// same.
 int history_read(HistoryTotals* totals, RunVisitFn visit, void* argument);
 
 // How it went, as far as is known now.

@@ -259,9 +259,15 @@ class Reader {
         const Place next = depth_ == 0 ? Place::Document : PlaceInside();
         const Place outer = depth_ == 0 ? Place::Document : place();
         places_[depth_++] = next;
-        if (next == Place::Run) *run_ = {};
-        if (next == Place::Server) return run_->server_count++ < RUN_SERVERS_MAX;
-        if (next == Place::App) return run_->app_count++ < RUN_APPS_MAX;
+        if (next == Place::Run) run_->Clear();
+        if (next == Place::Server) {
+            if (run_->server_count == RUN_SERVERS_MAX) return false;
+            run_->servers[run_->server_count++] = {};
+        }
+        if (next == Place::App) {
+            if (run_->app_count == RUN_APPS_MAX) return false;
+            run_->apps[run_->app_count++] = {};
+        }
         if (next == Place::Kind) kind_ = kind_of(key_);
         if (next == Place::Cause) cause_ = outer == Place::App ? &app().cause : &server().cause;
         if (next == Place::Answer) app().answered = true;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "base/clock.h"
 #include "base/sync.h"
 #include "base/text.h"
 
@@ -76,14 +77,20 @@ void update_progress_begin_files(uint32_t count) {
 }
 
 void update_progress_begin_file(std::string_view path) {
+    const int64_t now_ms = monotonic_ms();
     MutexLock lock(s_lock);
     (void)text_copy(s_progress.cur_file, path);  // paths are at most 255 characters
+    s_progress.begin_ms = s_progress.last_bytes_ms = now_ms;
+    s_progress.fresh_bytes = 0;
 }
 
-void update_progress_set_sizes(uint64_t file_size, uint64_t down_size) {
+void update_progress_set_sizes(uint64_t file_size, uint64_t down_size, uint64_t fresh_bytes) {
+    const int64_t now_ms = monotonic_ms();
     MutexLock lock(s_lock);
     s_progress.file_size = file_size;
     s_progress.down_size = down_size;
+    s_progress.fresh_bytes += fresh_bytes;
+    if (fresh_bytes > 0) s_progress.last_bytes_ms = now_ms;
 }
 
 void update_progress_file_done() {

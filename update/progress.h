@@ -30,6 +30,9 @@ struct UpdateProgress {
     uint64_t down_size;    // bytes of it received so far
     char cur_file[256];    // its local path
     UpdateStatus results[APP_REG_MAX];
+    uint64_t fresh_bytes;   // of down_size, those that did not lie there before
+    int64_t begin_ms;       // monotonic, when the file was begun; 0: none was
+    int64_t last_bytes_ms;  // when the last bytes came; begin_ms: none have
 };
 static_assert(std::is_trivially_copyable_v<UpdateProgress>);
 
@@ -53,5 +56,6 @@ void update_progress_set_result(int slot, UpdateStatus result);
 void update_progress_begin_app(int slot);
 void update_progress_begin_files(uint32_t count);
 void update_progress_begin_file(std::string_view path);
-void update_progress_set_sizes(uint64_t file_size, uint64_t down_size);
+// fresh_bytes came since the last call.
+void update_progress_set_sizes(uint64_t file_size, uint64_t down_size, uint64_t fresh_bytes = 0);
 void update_progress_file_done();

@@ -37,6 +37,13 @@ const char* run_kind_name(UpdateRunKind kind) {
     return "unknown";
 }
 
+void RunRecord::Clear() {
+    number = server_count = app_count = 0;
+    kind = UPDATE_RUN_DAILY;
+    status = UPDATE_OK;
+    begin_s = end_s = 0;
+}
+
 bool run_server_failed(const RunServer& server) {
     switch (server.status) {
         case UPDATE_OK:

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "buffer/memory.h"
 #include "config/server_list.h"
@@ -18,6 +19,7 @@
 #include "registry/app_registry.h"
 #include "resume/resume_timer.h"
 #include "update/progress.h"
+#include "update/status_reports.h"
 #include "update/update_reports.h"
 #include "update/update_run.h"
 
@@ -43,7 +45,7 @@ namespace {
 // What a foreground run comes to. Each server may know apps that the others don't, and a
 // later one may have what an earlier one could not deliver: the last result of an app
 // counts.
-struct RunOutcome {
+struct CommandTally {
     bool server_asked;
     bool server_failed;
     bool app_updated;
@@ -52,7 +54,7 @@ struct RunOutcome {
 }  // namespace
 
 // Each command has a thread of its own, and so an outcome of its own.
-static thread_local RunOutcome t_outcome;
+static thread_local CommandTally t_outcome;
 
 static void outcome_add(UpdateStatus status) {
     t_outcome.server_asked = true;
@@ -193,8 +195,17 @@ static const cli_node s_resume =
 static const cli_node s_version_end = eol_action(version_cmd);
 static const cli_node s_version =
     common_keyword_action("version", "http auto update info version", &s_version_end, &s_resume);
+static const cli_node s_history_run_end = eol_action(show_history_cmd);
+static const cli_node s_history_run = common_number_action(
+    "number of a run", 1, INT32_MAX, CLI_SLOT_VALUE1, &s_history_run_end, Tno_alt);
+static const cli_node s_history_end = eol_action(show_history_cmd, &s_history_run);
+static const cli_node s_history =
+    common_keyword_action("history", "the last update runs", &s_history_end, Tno_alt);
+static const cli_node s_status_end = eol_action(show_status_cmd);
+static const cli_node s_status = common_keyword_action(
+    "status", "what goes on, how it went and what comes next", &s_status_end, &s_history);
 static const cli_node s_info =
-    common_keyword_action("info", "http auto update info", &s_version, Tno_alt);
+    common_keyword_action("info", "http auto update info", &s_version, &s_status);
 static const cli_node s_test_end = eol_action(test_cmd);
 static const cli_node s_test =
     common_keyword_action("test", "http auto update test info", &s_test_end, &s_info);
