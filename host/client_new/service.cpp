@@ -44,6 +44,9 @@ UniqueFd s_wake;
 tq_thread* s_listen_task = nullptr;
 bool s_commands_taken = false;
 std::vector<std::shared_ptr<Session>> s_sessions;
+// Sessions that are over and whose command is not. They are kept for their socket: the
+// event loop may know its number until the next turn, so no other thread must close it.
+std::vector<std::shared_ptr<Session>> s_leaving;
 
 int accept_ready(tq_thread* task);
 int wake_ready(tq_thread* task);
@@ -89,12 +92,13 @@ void end_session(Session* session, std::string_view reason) {
     session_drop_locked(session);
 }
 
-// Takes the session off the loop. Its record stays until its command has ended.
+// Takes the session off the loop.
 void remove_session(const std::shared_ptr<Session>& session) {
     tq_thread_cancel(session->read_task);
     tq_thread_cancel(session->write_task);
     session->read_task = nullptr;
     session->write_task = nullptr;
+    if (is_busy(session.get())) s_leaving.push_back(session);
     std::erase(s_sessions, session);
 }
 
@@ -304,6 +308,7 @@ int wake_ready(tq_thread*) {
     service_must("cli-wake", arm_wake);
     eventfd_t count = 0;
     (void)eventfd_read(s_wake.get(), &count);  // non-blocking; nothing to read is fine
+    std::erase_if(s_leaving, [](const auto& session) { return session.use_count() == 1; });
     const std::vector<std::shared_ptr<Session>> sessions = s_sessions;
     for (const auto& session : sessions) serve_session(session);
     return 0;

@@ -34,7 +34,7 @@ struct Session {
     bool opened = false;
     bool second_list = false;
 
-    UniqueFd socket;  // set once; closed with the last holder of the record
+    UniqueFd socket;  // set once; closed with the record, on the main loop
 
     bool busy GUARDED_BY(cli_lock) = false;  // a command runs
     Mode mode GUARDED_BY(cli_lock) = Mode::kExec;
