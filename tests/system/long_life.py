@@ -26,7 +26,8 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.append(str(Path(__file__).resolve().parents[1] / "support"))
 
-from lab import INCREMENTAL, MANUAL, App, Device, LabServer, Scratch, UpdateRequest, wait_for
+from lab import (
+    DEADLINE, INCREMENTAL, MANUAL, App, Device, LabServer, Scratch, UpdateRequest, wait_for)
 
 ZONE = "CET-1CEST,M3.5.0,M10.5.0/3"
 HOUR, DAY = 3600, 86_400
@@ -173,7 +174,8 @@ class Life:
 
     def operate(self, command: str) -> None:
         if not self.off:
-            self.device.cli(command)
+            # A server or the apps may be away just now.
+            assert self.device.begin(command).process.wait(DEADLINE) in (0, 3, 5), command
             self.device.cli(options=("--tech-support", str(self.device.root / "bundle")))
             self.counts["operator's commands"] += 1
             wait_for(lambda: "state: free" in self.device.cli("http update display-progress"))
