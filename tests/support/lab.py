@@ -38,6 +38,7 @@ DEADLINE = 60.0
 T = TypeVar("T")
 
 ONE_FILE, MANUAL, INCREMENTAL = 1, 2, 4
+SECOND_LIST = ("--second-list",)
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
 
 
@@ -406,8 +407,7 @@ class Device:
         return self.begin(*commands, options=options).finish(status)
 
     def configure(self, *lines: str, status: int = 0, second: bool = False) -> str:
-        return self.cli("configure", *lines, "end", status=status,
-                        options=("--second-list",) if second else ())
+        return self.cli("configure", *lines, "end", status=status, options=second * SECOND_LIST)
 
     def use(self, server: LabServer) -> None:
         """Asks this server; the daily run is half a day away."""
