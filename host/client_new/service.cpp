@@ -102,6 +102,14 @@ void remove_session(const std::shared_ptr<Session>& session) {
     std::erase(s_sessions, session);
 }
 
+void send_caret(Session* session, const Match& match) {
+    const CaretPayload caret{static_cast<uint32_t>(match.wrong_at)};
+    std::string payload(reinterpret_cast<const char*>(&caret), sizeof(caret));
+    payload += match.nearest;
+    const MutexLock guard(cli_lock);
+    session_send_locked(session, FRAME_CARET, payload);
+}
+
 void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
     Mode mode{};
     {
@@ -124,6 +132,7 @@ void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
     }
     const Match match = match_line(grammar, line, session->second_list ? 1 : 0);
     if (match.handler == nullptr) {
+        if (session->person) send_caret(session.get(), match);
         command_skip(session, match.refusal);
     } else {
         command_run(session, match);
@@ -176,6 +185,7 @@ void open_session(Session* session, std::string_view payload) {
     }
     session->opened = true;
     session->second_list = (open.flags & OPEN_SECOND_LIST) != 0;
+    session->person = (open.flags & OPEN_PERSON) != 0;
     session->waiting_lines.emplace_back();  // a blank line: answered when commands are taken
 }
 
@@ -242,12 +252,19 @@ void take_frame(Session* session, const Frame& frame) {
         case FRAME_PING:  // no sign of a person
             send_frame(session, FRAME_PONG, "");
             return;
+        case FRAME_UNSAVED:
+            send_frame(session, FRAME_REPLY, modes_unsaved());
+            return;
         case FRAME_OUTPUT:
         case FRAME_REFUSAL:
         case FRAME_END:
         case FRAME_REPLY:
         case FRAME_BYE:
         case FRAME_PONG:
+        case FRAME_RUNNING:
+        case FRAME_PROGRESS:
+        case FRAME_CARET:
+        case FRAME_HINT:
             return;
     }
 }

@@ -34,6 +34,8 @@ struct Session {
     bool opened = false;
     bool second_list = false;
 
+    bool person = false;  // a person looks on; set before its first command
+
     UniqueFd socket;  // set once; closed with the record, on the main loop
 
     bool busy GUARDED_BY(cli_lock) = false;  // a command runs
