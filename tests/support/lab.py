@@ -118,7 +118,7 @@ class Sample:
         self.process: subprocess.Popen[str] | None = None
         self.environment = {**os.environ, "TMPDIR": str(root), "DATA_VEMO_DIR": str(root),
                             "PRINTK_SYSLOG_FILE": str(self.log), "TERM": "xterm",
-                            "LC_ALL": "C.UTF-8"}
+                            "LC_ALL": "C.UTF-8", "HOME": str(root)}
 
     def start(self, **more: Any) -> None:
         self.process = self.scratch.spawn("sample", [BIN_DIR / "sample_daemon"],
