@@ -264,6 +264,7 @@ static void save_and_forget() {
 static int64_t wall_s() { return time(nullptr); }
 
 void history_begin(UpdateRunKind kind) {
+    history_flush();  // the last run, where there was no room for it until now
     MemPtr<RunRecord> run = mem_make<RunRecord>();
     if (run == nullptr) return;
     char path[PATH_SIZE];
