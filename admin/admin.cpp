@@ -61,10 +61,10 @@ static int64_t apart_left_s() {
     return last_s == 0 ? 0 : std::max<int64_t>(last_s + DAILY_APART_S - monotonic_s(), 0);
 }
 
-int64_t http_update_admin_next_daily() {
+int64_t http_update_admin_next_daily(int64_t not_before_s) {
     if (update_mode.load(std::memory_order_relaxed) == UPDATE_MODE_MANUAL) return 0;
     tzset();  // as in the check of the time
-    const time_t earliest = time(nullptr) + apart_left_s();
+    const time_t earliest = time(nullptr) + std::max(apart_left_s(), not_before_s);
     const DailyTime daily = update_time_get();
     tm local{};
     (void)localtime_r(&earliest, &local);

@@ -36,8 +36,9 @@ int http_update_admin_public_timer(tq_thread* task);
 [[nodiscard]] int http_update_admin_time_check();
 
 // When the next daily update is due, seconds since 1970: now, as long as its ten minutes
-// are not over and it has not run. In manual mode 0. Any thread.
-[[nodiscard]] int64_t http_update_admin_next_daily();
+// are not over and it has not run; not within the next not_before_s seconds. In manual
+// mode 0. Any thread.
+[[nodiscard]] int64_t http_update_admin_next_daily(int64_t not_before_s = 0);
 
 // Seconds since the start of the daemon. Any thread.
 [[nodiscard]] int64_t http_update_admin_uptime();

@@ -45,13 +45,29 @@ static int device_file_open(const char* path) {
     return open(path, O_RDONLY | O_CLOEXEC);
 }
 
+namespace {
+// A file of the device, which is tried again each minute while it is missing.
+struct DeviceFile {
+    const char* path;
+    bool missed = false;  // the system log has been told
+};
+}  // namespace
+
+static void device_file_missed(DeviceFile* file) {
+    http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->open fail [%s]", file->path, strerror(errno));
+    if (file->missed) return;
+    file->missed = true;
+    http_client_warning("%s: %s; servers are not told what stands there", file->path,
+                        strerror(errno));
+}
+
 // The file's first 31 bytes as they stand, a line end included. False, and an
 // empty text, when it can't be opened.
-static bool device_file_read(const char* path, char (&text)[32]) {
+static bool device_file_read(DeviceFile* device, char (&text)[32]) {
     memset(text, 0, sizeof(text));
-    const UniqueFd file(device_file_open(path));
+    const UniqueFd file(device_file_open(device->path));
     if (!file.valid()) {
-        http_client_debug_print(HTTPC_LOG_ERROR, "[%s]<-->open fail [%s]", path, strerror(errno));
+        device_file_missed(device);
         return false;
     }
     if (read(file.get(), text, sizeof(text) - 1) < 0) memset(text, 0, sizeof(text));
@@ -59,20 +75,23 @@ static bool device_file_read(const char* path, char (&text)[32]) {
 }
 
 void http_client_get_serial() {
+    static DeviceFile s_file{"/proc/setmac/SerialNO"};
     char text[32];
-    (void)device_file_read("/proc/setmac/SerialNO", text);
+    (void)device_file_read(&s_file, text);
     field_set(&DeviceIdentity::serial_number, text);
 }
 
 void http_client_get_product() {
+    static DeviceFile s_file{"/proc/setmac/projectid"};
     char text[32];
-    (void)device_file_read("/proc/setmac/projectid", text);
+    (void)device_file_read(&s_file, text);
     field_set(&DeviceIdentity::product_name, text);
 }
 
 void http_client_get_mac() {
+    static DeviceFile s_file{"/proc/macaddr"};
     char text[32];
-    if (!device_file_read("/proc/macaddr", text)) return;
+    if (!device_file_read(&s_file, text)) return;
     char word[32] = {};
     if (sscanf(text, "%31s", word) != 1) {
         http_client_debug_dump("get mac failed. content: %s.", text);

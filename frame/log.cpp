@@ -42,18 +42,44 @@ static uint32_t level_bits(int level) {
     }
 }
 
-void http_client_debug_print(int level, const char* format, ...) {
-    if ((DebugMask.load(std::memory_order_relaxed) & level_bits(level)) == 0) return;
+namespace {
+// syslog's, with the word that stands in the line.
+struct Priority {
+    int number;
+    const char* word;
+};
+}  // namespace
+
+[[gnu::format(printf, 2, 0)]] static void system_log(Priority priority, const char* format,
+                                                     va_list args) {
     const int saved_errno = errno;
     char text[LINE_SIZE] = {};
+    (void)vsnprintf(text, sizeof(text), format, args);  // a cut line is still a line
+    constexpr int output = 2;                           // fixed; its meaning is the library's
+    (void)printk_syslog_ext(priority.number, "HTTPC", priority.word, output, "%s\n", text);
+    errno = saved_errno;
+}
+
+void http_client_debug_print(int level, const char* format, ...) {
+    if ((DebugMask.load(std::memory_order_relaxed) & level_bits(level)) == 0) return;
     va_list args;
     va_start(args, format);
-    (void)vsnprintf(text, sizeof(text), format, args);  // a cut line is still a line
+    system_log({7, "DEBUG"}, format, args);
     va_end(args);
-    constexpr int priority_debug = 7;
-    constexpr int output = 2;  // fixed; its meaning is the library's
-    (void)printk_syslog_ext(priority_debug, "HTTPC", "DEBUG", output, "%s\n", text);
-    errno = saved_errno;
+}
+
+void http_client_notice(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    system_log({5, "NOTICE"}, format, args);
+    va_end(args);
+}
+
+void http_client_warning(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    system_log({4, "WARNING"}, format, args);
+    va_end(args);
 }
 
 // Never through a symbolic link, and never waiting for a reader: other users may

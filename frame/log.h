@@ -1,5 +1,5 @@
-// The daemon's two log calls and the mask that switches the first.
-// Both leave errno as it was: callers log it more than once.
+// The daemon's log calls and the mask that switches the first.
+// All leave errno as it was: callers log it more than once.
 // Threads: any, without a lock.
 #pragma once
 
@@ -27,6 +27,11 @@ extern std::atomic<uint32_t> DebugMask;
 // One line (cut to 1023 characters) to the system log, when DebugMask has a bit
 // of its level.
 [[gnu::format(printf, 2, 3)]] void http_client_debug_print(int level, const char* format, ...);
+
+// One line (cut to 1023 characters) to the system log, whatever DebugMask: what is worth
+// knowing where nobody debugs. A warning says that something has failed.
+[[gnu::format(printf, 1, 2)]] void http_client_notice(const char* format, ...);
+[[gnu::format(printf, 1, 2)]] void http_client_warning(const char* format, ...);
 
 // Below the temporary working directory.
 constexpr char DUMP_FILE[] = ".http_reg_server_dump";

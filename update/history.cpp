@@ -263,6 +263,10 @@ static void save_and_forget() {
 
 static int64_t wall_s() { return time(nullptr); }
 
+static HistoryListener s_listener;  // set once, before other threads start
+
+void history_listen(const HistoryListener& listener) { s_listener = listener; }
+
 void history_begin(UpdateRunKind kind) {
     history_flush();  // the last run, where there was no room for it until now
     MemPtr<RunRecord> run = mem_make<RunRecord>();
@@ -300,14 +304,24 @@ static void totals_add_locked(const RunRecord& run) REQUIRES(s_lock) {
     s_totals.last_success_s = run.end_s;
 }
 
+// The record, with its end. The run's thread alone writes it, and it stays as long as the
+// run is live.
+static const RunRecord* run_close(UpdateStatus status) {
+    const MutexLock guard(s_lock);
+    RunRecord* run = live_run_locked();
+    if (run == nullptr) return nullptr;
+    run->end_s = wall_s();
+    run->status = status;
+    totals_add_locked(*run);
+    return run;
+}
+
 void history_end(UpdateStatus status) {
+    const RunRecord* run = run_close(status);
+    if (run == nullptr) return;
+    if (s_listener.run_ended != nullptr) s_listener.run_ended(*run);
     {
         const MutexLock guard(s_lock);
-        RunRecord* run = live_run_locked();
-        if (run == nullptr) return;
-        run->end_s = wall_s();
-        run->status = status;
-        totals_add_locked(*run);
         s_live = false;
     }
     save_and_forget();
@@ -401,8 +415,7 @@ void history_await_none(std::string_view app) {
     if (entry != nullptr) *entry = {};
 }
 
-void history_answer(std::string_view app, std::string_view version, int32_t code) {
-    if (code == HTTP_UPDATE_RESULT_UPDATING) return;  // it is still at it
+static void answer_note(std::string_view app, std::string_view version, int32_t code) {
     const MutexLock guard(s_lock);
     Answer* entry = answer_find_locked(RecordedName(app));
     if (entry == nullptr || entry->answered) return;
@@ -410,6 +423,15 @@ void history_answer(std::string_view app, std::string_view version, int32_t code
     entry->code = code;
     entry->at_s = wall_s();
     entry->answered = true;
+}
+
+void history_answer(std::string_view app, std::string_view version, int32_t code) {
+    if (code == HTTP_UPDATE_RESULT_UPDATING) return;  // it is still at it
+    answer_note(app, version, code);
+    if (code == HTTP_UPDATE_RESULT_SUCCESS || s_listener.app_failed == nullptr) return;
+    char shown[APP_VERSION_SIZE];
+    record_text_set(shown, version);
+    s_listener.app_failed(RecordedName(app).text, shown, code);
 }
 
 void history_flush() {

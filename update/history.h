@@ -50,6 +50,19 @@ void history_answer(std::string_view app, std::string_view version, int32_t code
 // time.
 void history_flush();
 
+// --- listening
+
+// run_ended: on the thread of the run, before it is free for another. app_failed: on the
+// main loop, when an app has answered that it could not use what it got; its texts are
+// clean.
+struct HistoryListener {
+    void (*run_ended)(const RunRecord& run);
+    void (*app_failed)(const char* app, const char* version, int32_t code);
+};
+
+// Start-up, before other threads.
+void history_listen(const HistoryListener& listener);
+
 // --- asking. Any thread that may wait for the disk.
 
 // The runs, the newest first, the one under way included. Each is a copy and lives as

@@ -21,6 +21,7 @@
 #include "frame/roof/commands.h"
 #include "frame/roof/startup.h"
 #include "resume/resume_file.h"
+#include "update/announce.h"
 
 // The main thread's event loop; never destroyed.
 static tq_thread_master* http_client_master = nullptr;
@@ -45,6 +46,7 @@ int main(int argc, char** argv) {
     http_client_get_device_info();
     hu_serv_config_init();
     resume_init();
+    announce_init();
     http_update_admin_init();
     (void)http_update_admin_reg_install(http_client_master);  // retried by the public timer
     if (http_update_admin_cli(http_client_master) < 0 &&
@@ -52,6 +54,7 @@ int main(int argc, char** argv) {
         http_update_admin_retry(http_client_services_retry);
     }
     http_client_dead_detection(http_client_master);
+    announce_start();
 
     (void)loop_run(http_client_master);
     http_client_debug_dump("[%s %d]<-->the main loop has ended", __func__, __LINE__);

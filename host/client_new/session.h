@@ -34,9 +34,7 @@ struct Session {
     bool opened = false;
     bool second_list = false;
 
-    bool person = false;  // a person looks on; set before its first command
-
-    UniqueFd socket;  // set once; closed with the record, on the main loop
+    UniqueFd socket;  // set once; closed with the last holder of the record
 
     bool busy GUARDED_BY(cli_lock) = false;  // a command runs
     Mode mode GUARDED_BY(cli_lock) = Mode::kExec;

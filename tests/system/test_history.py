@@ -25,6 +25,8 @@ def status(device: Device) -> str:
 
 def test_status_names_the_reason_of_each_failure(device: Device, server: LabServer) -> None:
     assert "Last run:     none yet" in status(device)
+    assert re.fullmatch(r"HTTPC NOTICE: version \S+ started; asks \S+:80; next \d\d:\d\d \w+\n",
+                        device.syslog())
     assert "it would do nothing" in status(device) and "(time configured)" in status(device)
     server.release("alpha", "2.0", {"a.bin": 1000, "b.bin": 40_000})
     app = device.app("alpha", answer=lambda app, request: (7, "") if app.requests else (0, "1.0"))
@@ -39,12 +41,15 @@ def test_status_names_the_reason_of_each_failure(device: Device, server: LabServ
         device.cli("http update all", status=3)
         assert f"failed (number {len(runs(device))}) " in status(device)
         assert reason in status(device), fault
+        assert re.search(f"WARNING: foreground update: failed: .*{re.escape(reason)}.*; next ",
+                         device.syslog().splitlines()[-1]), fault
         server.heal()
     device.cli("http update all")
     wait_for(lambda: len(app.requests) == 1)
     wait_for(lambda: "Last success: foreground, today" in status(device))
     device.cli("http update all")
     wait_for(lambda: "failed (number 7) alpha: the app answered with failure 7" in status(device))
+    assert "\nHTTPC WARNING: app alpha answered with failure 7\n" in device.syslog()
     for host, reason in [("127.0.0.1 port 9", "127.0.0.1:9: connection refused"),
                          ("nowhere.invalid", "no address for nowhere.invalid")]:
         device.configure("no http update server", f"http update server {host}")

@@ -1,0 +1,10 @@
+// What the system log is told without being asked: that the daemon is up, how each run
+// went and when the next one comes, and that an app could not use what it got. A line
+// each; a device that works writes one a day.
+#pragma once
+
+// Start-up, before the loops run: from now on runs and answers are announced.
+void announce_init();
+
+// The daemon serves, with its configuration. Main thread.
+void announce_start();
