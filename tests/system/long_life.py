@@ -33,7 +33,7 @@ HOUR, DAY = 3600, 86_400
 # All steps are multiples of 15 s, and none ends at the edge of a minute.
 BIRTH = calendar.timegm((2027, 1, 1, 12, 0, 5))
 CLOSE, FAR = 75, 1200
-DAILY_TIMES = ((2, 30), (3, 5), (20, 15), (23, 55))  # summer time skips and repeats the first
+DAILY_TIMES = ((2, 30),) * 3 + ((20, 15), (23, 55))  # summer time skips and repeats the first
 JUMPS = (3 * HOUR, -3 * HOUR, 25 * HOUR, -25 * HOUR, -20_000 * DAY)
 FAULTS = ({"drop": True}, {"method": "POST", "status": 503}, {"method": "POST", "reply": "garbage"},
           {"path": "*/b", "cut_after": 9000}, {"path": "*/a", "status": 404})
