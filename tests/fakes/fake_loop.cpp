@@ -2,7 +2,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -24,14 +23,11 @@ namespace fakes {
 
 static Mutex s_loops_lock;  // leaf: no callback runs under it
 static std::vector<tq_thread_master*> s_loops GUARDED_BY(s_loops_lock);
-static std::atomic<bool> s_fail_timers;
-
-void FailTimers(bool fail) { s_fail_timers = fail; }
 
 static tq_thread* AddTask(const tq_thread& record, long seconds) {
     MutexLock guard(s_loops_lock);
     tq_thread_master* loop = record.master;
-    if (loop == nullptr || (record.fd < 0 && s_fail_timers)) return nullptr;
+    if (loop == nullptr) return nullptr;
     loop->pending.push_back(std::make_unique<FakeTask>(FakeTask{record, loop->now + seconds}));
     return loop->pending.back().get();
 }
@@ -89,12 +85,10 @@ int RunReadable(tq_thread_master* loop) {
     return count;
 }
 
-std::vector<long> Timers(tq_thread_master* loop) {
+size_t Timers(tq_thread_master* loop) {
     MutexLock guard(s_loops_lock);
-    std::vector<long> timers;
-    for (const auto& task : loop->pending)
-        if (task->fd < 0) timers.push_back(task->due - loop->now);
-    return timers;
+    return static_cast<size_t>(std::count_if(loop->pending.begin(), loop->pending.end(),
+                                             [](const auto& task) { return task->fd < 0; }));
 }
 
 }  // namespace fakes

@@ -1,4 +1,4 @@
-// Start-up steps, directories, identity, watchdog.
+// Start-up steps, directories, identity.
 #include "frame/roof/startup.h"
 
 #include <sys/stat.h>
@@ -6,7 +6,6 @@
 #include <new>
 #include <thread>
 
-#include "frame/health.h"
 #include "frame/identity.h"
 #include "frame/memory_reserve.h"
 #include "tests/support/daemon_test.h"
@@ -88,19 +87,4 @@ TEST_F(Startup, IdentityTakesFilesAsTheyStand) {
     http_client_get_mac();
     EXPECT_STREQ(device_identity_copy().mac_address, "00:11:22:33:44:55");
     ExpectDump("get mac failed. content:  ?.");
-}
-
-TEST_F(Startup, WatchdogIsFedEveryMinute) {
-    tq_thread_master* loop = tq_thread_master_create();
-    http_client_dead_detection(loop);
-    fakes::Advance(loop, 120);
-    EXPECT_EQ(fakes::HamCalls(),
-              "ham_client_reg_thread_notify(120,3)\n"
-              "ham_client_reset_thread_notify(120,3)\n"
-              "ham_client_reset_thread_notify(120,3)\n");
-    fakes::SetHamResult(-1);
-    fakes::Advance(loop, 60);
-    EXPECT_EQ(fakes::Timers(loop).size(), 1u) << "a failed reset must not stop the notifications";
-    ExpectDump("ham_client_reset_thread_notify failed.");
-    tq_thread_master_finish(loop);
 }

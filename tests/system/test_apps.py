@@ -56,6 +56,19 @@ def test_apps_that_leave_during_the_run(device: Device, server: LabServer) -> No
     assert "[leaves]<-->have no find in reg" in device.dump()
 
 
+def test_check_names_only_who_is_still_there(device: Device, server: LabServer) -> None:
+    for name in ("leaves", "stays"):
+        server.release(name, "2.0", {"file": 1})
+    leaves, _ = device.app("leaves"), device.app("stays")
+    server.fault(method="POST", stall_after=10)
+    check = device.begin("http check-version")
+    server.wait_stalled("^POST", 10)
+    leaves.deregister("leaves")
+    wait_for(lambda: device.versions() == {"stays": "1.0"})
+    server.heal()
+    assert check.finish().startswith("Business modules need to be updated: stays.\n")
+
+
 def test_ten_connections_and_the_eleventh(device: Device) -> None:
     apps = [device.app(f"app{n}") for n in range(10)]
     assert device.connect().hung_up.wait(30)

@@ -82,6 +82,20 @@ def test_failed_download_leaves_nothing(device: Device, server: LabServer) -> No
     assert device.cli("http update all").endswith(GOOD)
 
 
+def test_sources_are_tried_in_order(device: Device, server: LabServer) -> None:
+    device.app("alpha")
+    base = f"{server.host}:{server.port}"
+    sources = [" \n", f" http://{base}/x ", "HTTP://localhost/y", f"{base}/" + "u" * 300,
+               *(f"{base}/{n}" for n in range(5, 12))]
+    listed = "".join(f"<downpath>{source}</downpath>" for source in sources)
+    server.fault(method="POST", body=f"""<filelist><app name="alpha"><filecnt>1</filecnt>
+        <file name="a">{listed}</file></app></filelist>""")
+    assert device.cli("http update all", status=3).endswith("alpha: Download failed.\n")
+    longest = f"http://{base}/".ljust(255, "u").removeprefix(f"http://{base}")
+    assert [r["path"] for r in server.asked("^GET")] == [
+        "/x", longest, *(f"/{n}" for n in range(5, 11))], "ten, each of 255 bytes at most"
+
+
 def test_server_with_a_name_asked_from_a_source_address(
         device: Device, server: LabServer) -> None:
     server.release("alpha", "2.0", {"a.bin": 1000})

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import signal
 
 from lab import INCREMENTAL, MANUAL, ONE_FILE, Device, LabServer, Scratch, wait_for
@@ -235,10 +236,14 @@ def test_cancel_in_the_middle_of_a_large_file(device: Device, server: LabServer)
     server.release("alpha", "2.0", {"a.bin": 100, "b.bin": 20_000_000, "c.bin": 100})
     server.release("beta", "2.0", {"b.bin": 100})
     alpha, beta = device.app("alpha"), device.app("beta")
-    server.fault(path="*/b.bin", stall_after=10_000_000)
+    # Beyond 32 bits where there is room for it.
+    size = 5_000_000_000 if shutil.disk_usage(device.root).free > 7_000_000_000 else 20_000_000
+    server.fault(path="*/b.bin", stall_after=10_000_000, content_length=size)
     update = device.begin("http update all")
     server.wait_stalled("alpha/2.0/b.bin", 10_000_000)
     wait_for(lambda: QUIT in update.output())
+    wait_for(lambda: f"\nfile_size: {size}\ndown_size: 10000000\n" in device.cli(
+        "http update display-progress"))
     update.process.send_signal(signal.SIGINT)
     assert re.sub(r"\.+Download", "Download", update.finish(-signal.SIGINT)) == with_server(
         "alpha: The user cancels the upgrade process\n"
