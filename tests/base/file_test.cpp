@@ -49,20 +49,6 @@ TEST(File, OpensOnlyWhatIsDemanded) {
     }
 }
 
-TEST(File, ReadsWholeUpToItsLimit) {
-    const TempDir dir;
-    const std::string path = dir / "file";
-    for (const size_t size : {0u, 1u, 100000u}) {
-        dir.Write("file", std::string(size, 'x'));
-        FileBytes bytes;
-        EXPECT_EQ(file_read(path.c_str(), 0, size, &bytes), 0);
-        EXPECT_EQ(bytes.View(), std::string(size, 'x'));
-        dir.Write("file", std::string(size + 1, 'y'));
-        EXPECT_EQ(file_read(path.c_str(), 0, size, &bytes), EFBIG);
-        EXPECT_EQ(bytes.View(), std::string(size, 'x'));
-    }
-}
-
 TEST(File, ReplacementIsWholeOrTheOldFileStays) {
     const TempDir dir;
     const std::string path = dir / "file";

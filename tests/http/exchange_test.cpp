@@ -1,6 +1,7 @@
 #include "http/exchange.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include "base/unique_fd.h"
 #include "http/socket_io.h"
 #include "tests/support/daemon_test.h"
-#include "tests/support/resource_limit.h"
 
 // The daemon's end of a connection, and the server's.
 class Exchange : public DaemonTest {
@@ -145,7 +145,10 @@ TEST_F(Exchange, SendsToASlowPeerAndGivesUpOnADeadOne) {
 }
 
 TEST_F(Exchange, WaitsOnDescriptorsBeyondTheUsualSet) {
-    const ResourceLimit<RLIMIT_NOFILE> many(4000);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = 4000;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     const UniqueFd high(fcntl(fd_.get(), F_DUPFD, 3000));
     ASSERT_TRUE(high.valid());
     EXPECT_EQ(sock_wait(high.get(), SOCK_READABLE, 0.0), 0);
