@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/shown_text.h"
+#include "base/text.h"
 #include "config/server_list.h"
 #include "config/settings.h"
 #include "frame/command_outcome.h"
@@ -16,6 +18,7 @@
 namespace {
 
 constexpr int WRITE_LINE = 1;  // flag of c2p_printf
+constexpr size_t HOST_SHOWN_SIZE = 256;
 
 bool config_asked(const cli_record* record) {
     return (record->output_flags & (CLI_OUTPUT_RUNNING | CLI_OUTPUT_STARTUP)) != 0;
@@ -27,6 +30,23 @@ void mode_handle(cli_record* record) {
     } else if (update_mode == UPDATE_MODE_MANUAL) {
         c2p_printf(WRITE_LINE, record, "%s manual", record->words);
     }
+}
+
+void hint_no_address(const char* text) {
+    char hint[320];
+    size_t length = 0;
+    if (cli_hint == nullptr) return;
+    (void)text_appendf(hint, sizeof(hint), &length,
+                       "%s can't be an address: four numbers of 0 to 255.\n",
+                       ShownText<HOST_SHOWN_SIZE>(text).get());
+    cli_hint(hint);
+}
+
+// An address with a slip in it would be looked up as a name, in vain and without a word.
+bool is_failed_address(std::string_view host) {
+    uint32_t address = 0;
+    return host.find_first_not_of("0123456789.") == host.npos &&
+           ipv4_text_to_addr(host.data(), &address) == 0;
 }
 
 void source_ip_handle(cli_record* record) {
@@ -44,6 +64,7 @@ void source_ip_handle(cli_record* record) {
     uint32_t address = 0;
     if (ipv4_text_to_addr(record->string1, &address) == 0) {
         cli_printf_cdb(record, "%% Invalid source ip address. \n");
+        hint_no_address(record->string1);
         return;
     }
     src_ip_set(record->string1);
@@ -73,7 +94,12 @@ void server_handle(cli_record* record) {
     const auto change = record->no_flag != 0 ? hu_serv_config_del : hu_serv_config_add;
     const int result = change(record->string1, static_cast<uint32_t>(record->value1),
                               record->string2, record->context != 0);
-    if (result == HU_SERV_OK) return;
+    if (result == HU_SERV_OK) {
+        if (record->no_flag == 0 && is_failed_address(record->string1)) {
+            hint_no_address(record->string1);
+        }
+        return;
+    }
     cli_printf("%% %s\r\n\r\n", hu_serv_errstr(result));
     command_outcome_set(record,
                         result == HU_SERV_NO_MEMORY ? CLI_OUTCOME_NO_MEMORY : CLI_OUTCOME_REFUSED);

@@ -45,12 +45,11 @@ static constexpr int PARSE_OPTIONS = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | X
 // signal. So what it can't have, C++ is asked for, which finds room or ends the process
 // with a line (frame/memory_reserve.h).
 static void* xml_realloc(void* old, size_t size) {
-    void* memory = realloc(old, size);
-    while (memory == nullptr && size > 0) {
+    for (;;) {
+        void* memory = realloc(old, size);
+        if (memory != nullptr || size == 0) return memory;
         operator delete(operator new(size));
-        memory = realloc(old, size);
     }
-    return memory;
 }
 
 static void* xml_malloc(size_t size) { return xml_realloc(nullptr, size); }

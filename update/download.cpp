@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/clock.h"
 #include "base/text.h"
 #include "buffer/memory.h"
 #include "config/settings.h"
@@ -17,6 +18,7 @@
 #include "frame/loop.h"
 #include "frame/platform/client_new.h"
 #include "http/xml.h"
+#include "registry/app_registry.h"
 #include "update/progress.h"
 
 static constexpr int DOWNPATH_MAX = 10;
@@ -26,6 +28,7 @@ static constexpr char HTTP_SCHEME[] = "http://";
 static constexpr size_t HTTP_SCHEME_LENGTH = sizeof(HTTP_SCHEME) - 1;
 // The terminal is flushed when more than this has come since the last time.
 static constexpr int32_t FLUSH_BYTES = 10240;
+static constexpr int64_t PROGRESS_LINE_MS = 250;
 
 namespace {
 
@@ -62,16 +65,29 @@ int down_progress_record(DownloadCtx* context, int32_t count) {
     return 0;
 }
 
-int down_progress_show(DownloadCtx* context, int32_t count) {
-    loop_turned();
-    if (context == nullptr) return -1;
-    auto* pass = static_cast<DownloadPass*>(context->user);
+// Numbers for the progress line, of which the terminal's side makes what it likes.
+static void progress_line_feed(DownloadPass* pass) {
+    const int64_t now_ms = monotonic_ms();
+    if (cli_progress == nullptr || now_ms - pass->told_ms < PROGRESS_LINE_MS) return;
+    pass->told_ms = now_ms;
+    const UpdateProgress progress = update_progress_copy();
+    // A size that is one ahead of what came, and was not so before, is none yet.
+    const bool known =
+        progress.file_size > progress.down_size + 1 || progress.file_size == pass->told_total;
+    pass->told_total = progress.file_size;
+    AppEntry app;
+    if (reg_app_get(static_cast<int>(progress.current_app), &app) != 0) return;
+    const cli_progress_numbers numbers{progress.down_size, known ? progress.file_size : 0,
+                                       progress.down_num + 1, progress.file_num, app.name};
+    cli_progress(&numbers);
+}
+
+static int progress_show(DownloadPass* pass, const DownloadCtx* context, int32_t count) {
     if (pass->first_call) {
         cli_printf("Press Ctrl+C to quit\n");
         cli_flush();
         pass->first_call = false;
     }
-    sizes_note(context, count);
     if (context->received == context->total) {
         http_client_debug_print(HTTPC_LOG_INFO, "Download [%s] finished, bytes %d prepared",
                                 pass->path, static_cast<int>(context->total));
@@ -92,6 +108,16 @@ int down_progress_show(DownloadCtx* context, int32_t count) {
         cli_flush();
         pass->unflushed = 0;
     }
+    return 0;
+}
+
+int down_progress_show(DownloadCtx* context, int32_t count) {
+    loop_turned();
+    if (context == nullptr) return -1;
+    auto* pass = static_cast<DownloadPass*>(context->user);
+    sizes_note(context, count);
+    if (progress_show(pass, context, count) != 0) return -1;
+    progress_line_feed(pass);
     return 0;
 }
 

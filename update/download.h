@@ -30,6 +30,9 @@ struct DownloadPass {
     // Of a foreground run's display:
     bool first_call = true;
     int32_t unflushed = 0;  // bytes since the terminal was flushed
+    // Of the progress line's numbers:
+    int64_t told_ms = 0;  // when it last got some, monotonic
+    uint64_t told_total = 0;
 };
 
 // Tries the "downpath" children of a file element in order, ten at most, and

@@ -20,6 +20,7 @@
 #include "resume/resume_timer.h"
 #include "update/progress.h"
 #include "update/status_reports.h"
+#include "update/update_hints.h"
 #include "update/update_reports.h"
 #include "update/update_run.h"
 
@@ -35,6 +36,7 @@ static UpdateStatus requested_apps(const cli_record* record, AppSet* set) {
         reg_app_all(set);
         return app_set_is_empty(*set) ? UPDATE_NO_APPS : UPDATE_OK;
     }
+    hint_unregistered(record->string1);
     const bool refused = reg_app_parse_names(record->string1, set) < 0;
     return refused || app_set_is_empty(*set) ? UPDATE_NOT_REGISTERED : UPDATE_OK;
 }

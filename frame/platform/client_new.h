@@ -195,6 +195,21 @@ void cli_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void cli_printf_cdb(cli_record* record, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// Optional, as a library may lack it: text (whole lines) for the person at the command's
+// terminal, where one looks on. It is no output, and nobody else gets it.
+__attribute__((weak)) void cli_hint(const char* text);
+
+// Optional, as a library may lack it: how the download of the calling thread's command
+// goes, for a progress line; at most about four times a second. Never waits.
+struct cli_progress_numbers {
+    uint64_t received;  // bytes of the file
+    uint64_t total;     // 0: unknown
+    uint32_t file;      // 1..files
+    uint32_t files;     // of the app
+    const char* app;    // its name; read during the call only
+};
+__attribute__((weak)) void cli_progress(const struct cli_progress_numbers* numbers);
+
 // Sends pending output now.
 void cli_flush(void);
 

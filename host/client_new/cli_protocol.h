@@ -10,6 +10,10 @@
 // daemon's loop answers at once with FRAME_PONG, also while a command runs. A program
 // pings only a daemon that says END_ANSWERS_PING.
 //
+// A program before which a person sits says OPEN_PERSON, and gets what is no output: numbers
+// for a progress line, hints, and whether a command goes on. It asks FRAME_UNSAVED only of a
+// daemon that says END_SERVES_PERSON.
+//
 // Daemon and program may be of different releases: a frame of a type that one side
 // doesn't know is skipped, what follows the known part of a payload is ignored, and
 // what is new is offered by a bit that older releases leave 0.
@@ -40,13 +44,19 @@ enum FrameType : uint16_t {
     FRAME_HELP = 4,      // the line up to the cursor
     FRAME_COMPLETE = 5,  // the line up to the cursor
     FRAME_PING = 6,      // empty
+    FRAME_UNSAVED = 7,   // empty: which lines "write" would change
     // Daemon to program.
     FRAME_OUTPUT = 16,   // for standard output, as it stands
     FRAME_REFUSAL = 17,  // for standard error, as it stands
     FRAME_END = 18,      // EndPayload
-    FRAME_REPLY = 19,    // help to show, or the words that complete, one a line
+    FRAME_REPLY = 19,    // help to show, the words that complete or lines, one a line
     FRAME_BYE = 20,      // why the session ends
     FRAME_PONG = 21,     // empty
+    // To OPEN_PERSON only.
+    FRAME_RUNNING = 22,   // empty: the command goes on, its output comes as it is made
+    FRAME_PROGRESS = 23,  // ProgressPayload
+    FRAME_CARET = 24,     // CaretPayload and the keyword nearest to the word, or none
+    FRAME_HINT = 25,      // whole lines, behind the output made so far
 };
 
 struct FrameHeader {
@@ -57,6 +67,7 @@ struct FrameHeader {
 static_assert(sizeof(FrameHeader) == 8);
 
 constexpr uint32_t OPEN_SECOND_LIST = 1;
+constexpr uint32_t OPEN_PERSON = 2;
 struct OpenPayload {
     uint32_t version;
     uint32_t flags;  // OPEN_ bits
@@ -69,6 +80,7 @@ enum class Mode : uint8_t { kExec = 0, kConfig = 1 };
 constexpr uint8_t END_ACCEPTED = 0;
 constexpr uint8_t END_REFUSED = 1;
 constexpr uint8_t END_ANSWERS_PING = 1;
+constexpr uint8_t END_SERVES_PERSON = 2;
 struct EndPayload {
     uint8_t status;  // as above
     Mode mode;       // of the next command
@@ -76,6 +88,22 @@ struct EndPayload {
     uint8_t offers;  // END_ bits, the same in every one
 };
 static_assert(sizeof(EndPayload) == 4);
+
+// A download of the command that runs.
+struct ProgressPayload {
+    uint64_t received;  // bytes of the file
+    uint64_t total;     // 0: unknown
+    uint32_t file;      // 1..files
+    uint32_t files;     // of the app
+    char app[32];       // terminated; as the app named itself
+};
+static_assert(sizeof(ProgressPayload) == 56);
+
+// Comes before the refusal that it belongs to.
+struct CaretPayload {
+    uint32_t at;  // offset of the wrong word in the line
+};
+static_assert(sizeof(CaretPayload) == 4);
 
 // False: memory is short, and nothing was added.
 [[nodiscard]] inline bool frame_append(GrowingBytes* queue, FrameType type,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "base/text.h"
 
 namespace client_new {
 
@@ -90,7 +91,7 @@ void end_session_line_locked(Session* session, uint8_t status) REQUIRES(cli_lock
     session->active_ms = monotonic_ms();
     session->keys.clear();  // typed for this command only
     const EndPayload end{status, session->mode, static_cast<uint8_t>(session->leave ? 1 : 0),
-                         END_ANSWERS_PING};
+                         END_ANSWERS_PING | END_SERVES_PERSON};
     session_send_locked(session, FRAME_END, {reinterpret_cast<const char*>(&end), sizeof(end)});
 }
 
@@ -120,7 +121,11 @@ void handler_returned_locked(Command* command) REQUIRES(cli_lock) {
     ++s_handlers_run;
     command->handler_running = false;
     (void)pthread_cond_broadcast(&s_changed);
-    if (!command->threaded || command->ended) finish_locked(command);
+    if (!command->threaded || command->ended) {
+        finish_locked(command);
+    } else if (command->session != nullptr && command->session->person) {
+        session_send_locked(command->session.get(), FRAME_RUNNING, "");
+    }
 }
 
 void capture_locked(Command* command, std::string_view text) REQUIRES(cli_lock) {
@@ -147,6 +152,19 @@ void flush_or_throttle(const std::shared_ptr<Session>& session) EXCLUDES(cli_loc
         unsent = session_has_unsent_locked(session.get());
     }
     if (unsent) wake_main_loop();
+}
+
+// The terminal of the caller's command where a person looks on, or null.
+Session* person_locked() REQUIRES(cli_lock) {
+    const Command* command = find_caller_locked();
+    const bool somebody = command != nullptr && command->session != nullptr;
+    return somebody && command->session->person ? command->session.get() : nullptr;
+}
+
+// Sends to the person at the terminal, who is never waited for.
+void tell_locked(Session* session, FrameType type, std::string_view payload) REQUIRES(cli_lock) {
+    session_send_locked(session, type, payload);
+    if (session_has_unsent_locked(session)) wake_main_loop();
 }
 
 void print(std::string_view text) EXCLUDES(cli_lock) {
@@ -267,6 +285,23 @@ void cli_command_outcome(cli_record* record, int outcome) {
     Command* command = find_record_locked(record);
     const bool known = outcome >= CLI_OUTCOME_DONE && outcome <= CLI_OUTCOME_NO_MEMORY;
     if (command != nullptr && known) command->outcome = outcome;
+}
+
+void cli_hint(const char* text) {
+    const MutexLock guard(cli_lock);
+    Session* session = person_locked();
+    if (session != nullptr) tell_locked(session, FRAME_HINT, text);
+}
+
+void cli_progress(const cli_progress_numbers* numbers) {
+    ProgressPayload payload{numbers->received, numbers->total, numbers->file, numbers->files, {}};
+    (void)text_copy(payload.app, numbers->app);
+    const MutexLock guard(cli_lock);
+    Session* session = person_locked();
+    // Stale numbers are of no use: those that can't go out now never do.
+    if (session == nullptr || session_has_unsent_locked(session)) return;
+    tell_locked(session, FRAME_PROGRESS,
+                {reinterpret_cast<const char*>(&payload), sizeof(payload)});
 }
 
 void cli_flush(void) {

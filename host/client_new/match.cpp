@@ -9,6 +9,7 @@
 
 #include "base/text.h"
 #include "host/client_new/cli_protocol.h"
+#include "host/client_new/nearest_word.h"
 
 namespace client_new {
 
@@ -211,6 +212,13 @@ std::vector<std::string_view> keywords_meant(const std::vector<Option>& options,
     return meant;
 }
 
+// Why a line is refused, and where.
+struct Refusal {
+    std::string text;
+    const char* at = nullptr;  // in the line
+    std::string_view nearest;
+};
+
 std::string refuse_word(const std::vector<Option>& options,
                         const std::vector<std::string_view>& meant, std::string_view word) {
     if (meant.size() > 1) {
@@ -228,7 +236,7 @@ std::string refuse_word(const std::vector<Option>& options,
 
 // Takes every reading over one word. None left: *refusal says why.
 std::vector<Reading> advance(const Grammar& grammar, const std::vector<Reading>& readings,
-                             const Word& word, std::string* refusal) {
+                             const Word& word, Refusal* refusal) {
     std::vector<Reading> open;
     std::vector<Reading> with_line;
     for (const Reading& reading : readings) {
@@ -261,14 +269,16 @@ std::vector<Reading> advance(const Grammar& grammar, const std::vector<Reading>&
     onward.insert(onward.end(), with_line.begin(), with_line.end());
     if (onward.empty()) {
         const bool free_word = !failure.empty() && meant.empty();
-        *refusal = (free_word ? failure : refuse_word(options, meant, word.text)) + "\n";
+        refusal->text = (free_word ? failure : refuse_word(options, meant, word.text)) + "\n";
+        refusal->at = word.text.data();
+        if (meant.empty()) refusal->nearest = nearest_word(word.text, keywords_from(options, ""));
     }
     return onward;
 }
 
 // Takes the readings over the words; none left: *refusal says why.
 std::vector<Reading> advance_all(const Grammar& grammar, const std::vector<Word>& words,
-                                 uint32_t context, std::string* refusal) {
+                                 uint32_t context, Refusal* refusal) {
     std::vector<Reading> readings(1);
     readings[0].node = grammar.root;
     readings[0].record.context = context;
@@ -339,13 +349,18 @@ Match match_line(const Grammar& grammar, std::string_view line, uint32_t context
         return match;
     }
     const std::vector<Word> words = split_words(line);
-    const std::vector<Reading> readings = advance_all(grammar, words, context, &match.refusal);
+    Refusal refusal;
+    const std::vector<Reading> readings = advance_all(grammar, words, context, &refusal);
     for (const Option& option : collect_all(readings)) {
         if (option.node->kind != CLI_NODE_EOL || option.node->handler == nullptr) continue;
         match.handler = option.node->handler;
         match.record = option.reading.record;
         return match;
     }
+    match.refusal = std::move(refusal.text);
+    match.nearest = refusal.nearest;
+    match.wrong_at = refusal.at != nullptr ? static_cast<size_t>(refusal.at - line.data())
+                                           : trim_end(line).size() + 1;
     if (match.refusal.empty()) {
         match.refusal = words.empty()
                             ? "% Empty command\n"
@@ -357,9 +372,9 @@ Match match_line(const Grammar& grammar, std::string_view line, uint32_t context
 std::string match_help(const Grammar& grammar, std::string_view line) {
     std::vector<Word> words;
     const std::string_view partial = take_partial(line, &words);
-    std::string refusal;
+    Refusal refusal;
     const std::vector<Reading> readings = advance_all(grammar, words, 0, &refusal);
-    if (readings.empty()) return refusal;
+    if (readings.empty()) return refusal.text;
 
     std::vector<std::string> lines;
     const auto add = [&](const cli_node* node) {
@@ -385,7 +400,7 @@ std::string match_help(const Grammar& grammar, std::string_view line) {
 std::vector<std::string_view> match_complete(const Grammar& grammar, std::string_view line) {
     std::vector<Word> words;
     const std::string_view partial = take_partial(line, &words);
-    std::string refusal;
+    Refusal refusal;
     return keywords_from(collect_all(advance_all(grammar, words, 0, &refusal)), partial);
 }
 

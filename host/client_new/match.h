@@ -27,6 +27,8 @@ struct Match {
     cli_handler handler;  // null: refused
     cli_record record;    // words, flags and slots filled
     std::string refusal;  // one line with its line end
+    size_t wrong_at;      // offset in the line of what was refused
+    std::string nearest;  // the keyword that may have been meant; empty: none
 };
 
 // line: any bytes. context: of a command that is not a debug command.

@@ -63,7 +63,11 @@ void write_startup_config(cli_record*) {
     (void)modes_replay();  // its failure is the saving's, too
     const std::string reason = startup_config_save(
         "! Start-up configuration, saved by \"write\"\n" + running_config_text(s_config_trees));
-    if (!reason.empty()) command_refuse("% Not saved: " + reason + "\n");
+    if (!reason.empty()) {
+        command_refuse("% Not saved: " + reason + "\n");
+    } else {
+        cli_hint("Saved.\n");
+    }
 }
 
 void switch_all_debugging(int action) {
@@ -162,5 +166,7 @@ std::string modes_replay() {
     }
     return startup_config_replay(s_startup);
 }
+
+std::string modes_unsaved() { return startup_config_unsaved(running_config_text(s_config_trees)); }
 
 }  // namespace client_new

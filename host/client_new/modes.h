@@ -27,4 +27,8 @@ const Grammar& modes_grammar(Mode mode);
 // that were there at the first call. Returns "" or why it could not be read.
 std::string modes_replay();
 
+// Lines of configuration that "write" would add ("+ ") or take away ("- "); "": none, or
+// what is saved can't be read.
+std::string modes_unsaved();
+
 }  // namespace client_new

@@ -44,6 +44,9 @@ UniqueFd s_wake;
 tq_thread* s_listen_task = nullptr;
 bool s_commands_taken = false;
 std::vector<std::shared_ptr<Session>> s_sessions;
+// Sessions that are over and whose command is not. They are kept for their socket: the
+// event loop may know its number until the next turn, so no other thread must close it.
+std::vector<std::shared_ptr<Session>> s_leaving;
 
 int accept_ready(tq_thread* task);
 int wake_ready(tq_thread* task);
@@ -89,13 +92,22 @@ void end_session(Session* session, std::string_view reason) {
     session_drop_locked(session);
 }
 
-// Takes the session off the loop. Its record stays until its command has ended.
+// Takes the session off the loop.
 void remove_session(const std::shared_ptr<Session>& session) {
     tq_thread_cancel(session->read_task);
     tq_thread_cancel(session->write_task);
     session->read_task = nullptr;
     session->write_task = nullptr;
+    if (is_busy(session.get())) s_leaving.push_back(session);
     std::erase(s_sessions, session);
+}
+
+void send_caret(Session* session, const Match& match) {
+    const CaretPayload caret{static_cast<uint32_t>(match.wrong_at)};
+    std::string payload(reinterpret_cast<const char*>(&caret), sizeof(caret));
+    payload += match.nearest;
+    const MutexLock guard(cli_lock);
+    session_send_locked(session, FRAME_CARET, payload);
 }
 
 void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
@@ -120,6 +132,7 @@ void run_line(const std::shared_ptr<Session>& session, std::string_view line) {
     }
     const Match match = match_line(grammar, line, session->second_list ? 1 : 0);
     if (match.handler == nullptr) {
+        if (session->person) send_caret(session.get(), match);
         command_skip(session, match.refusal);
     } else {
         command_run(session, match);
@@ -172,6 +185,7 @@ void open_session(Session* session, std::string_view payload) {
     }
     session->opened = true;
     session->second_list = (open.flags & OPEN_SECOND_LIST) != 0;
+    session->person = (open.flags & OPEN_PERSON) != 0;
     session->waiting_lines.emplace_back();  // a blank line: answered when commands are taken
 }
 
@@ -238,12 +252,19 @@ void take_frame(Session* session, const Frame& frame) {
         case FRAME_PING:  // no sign of a person
             send_frame(session, FRAME_PONG, "");
             return;
+        case FRAME_UNSAVED:
+            send_frame(session, FRAME_REPLY, modes_unsaved());
+            return;
         case FRAME_OUTPUT:
         case FRAME_REFUSAL:
         case FRAME_END:
         case FRAME_REPLY:
         case FRAME_BYE:
         case FRAME_PONG:
+        case FRAME_RUNNING:
+        case FRAME_PROGRESS:
+        case FRAME_CARET:
+        case FRAME_HINT:
             return;
     }
 }
@@ -304,6 +325,7 @@ int wake_ready(tq_thread*) {
     service_must("cli-wake", arm_wake);
     eventfd_t count = 0;
     (void)eventfd_read(s_wake.get(), &count);  // non-blocking; nothing to read is fine
+    std::erase_if(s_leaving, [](const auto& session) { return session.use_count() == 1; });
     const std::vector<std::shared_ptr<Session>> sessions = s_sessions;
     for (const auto& session : sessions) serve_session(session);
     return 0;

@@ -34,7 +34,9 @@ struct Session {
     bool opened = false;
     bool second_list = false;
 
-    UniqueFd socket;  // set once; closed with the last holder of the record
+    bool person = false;  // a person looks on; set before its first command
+
+    UniqueFd socket;  // set once; closed with the record, on the main loop
 
     bool busy GUARDED_BY(cli_lock) = false;  // a command runs
     Mode mode GUARDED_BY(cli_lock) = Mode::kExec;

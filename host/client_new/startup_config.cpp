@@ -7,10 +7,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "base/file.h"
 #include "base/working_dir.h"
@@ -96,6 +98,31 @@ std::string settle(bool in_the_way) {
 }
 
 // Returns 0 or an errno value.
+int read_ours(FileBytes* file) {
+    return file_read(config_path().c_str(), FILE_NO_LINK | FILE_OURS | FILE_OURS_TO_CHANGE,
+                     FILE_MAX_BYTES, file);
+}
+
+std::vector<std::string_view> setting_lines(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        if (!line_is_blank(line)) lines.push_back(line);
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    }
+    return lines;
+}
+
+std::string lines_missing(const std::vector<std::string_view>& lines,
+                          const std::vector<std::string_view>& in, std::string_view mark) {
+    std::string missing;
+    for (const std::string_view line : lines) {
+        if (std::ranges::find(in, line) == in.end()) missing.append(mark).append(line).append("\n");
+    }
+    return missing;
+}
+
+// Returns 0 or an errno value.
 int move_aside() {
     const std::string path = config_path();
     const std::string aside = path + ".unread";
@@ -110,8 +137,7 @@ int move_aside() {
 std::string startup_config_replay(const Grammar& grammar) {
     if (s_settled) return "";
     FileBytes file;
-    int error = file_read(config_path().c_str(), FILE_NO_LINK | FILE_OURS | FILE_OURS_TO_CHANGE,
-                          FILE_MAX_BYTES, &file);
+    int error = read_ours(&file);
     if (error == 0 && !replay_lines(file.View(), grammar)) error = ENOMEM;
     if (error == 0 || error == ENOENT) return settle(false);
     const std::string reason = disbelief(error);
@@ -149,6 +175,15 @@ std::string startup_config_save(std::string_view text) {
         if (error != 0) reason = strerror(error);
     }
     return reason.empty() ? "" : path + ": " + reason;
+}
+
+std::string startup_config_unsaved(std::string_view text) {
+    FileBytes file;
+    const int error = read_ours(&file);
+    if (!s_settled || (error != 0 && error != ENOENT)) return "";
+    const std::vector<std::string_view> saved = setting_lines(file.View());
+    const std::vector<std::string_view> present = setting_lines(text);
+    return lines_missing(present, saved, "+ ") + lines_missing(saved, present, "- ");
 }
 
 }  // namespace client_new

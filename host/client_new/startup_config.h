@@ -29,4 +29,8 @@ void startup_config_give_up();
 // then still there (file_replace() names the exception).
 std::string startup_config_save(std::string_view text);
 
+// How the text differs from what is saved: its own lines with "+ " in front, those that
+// only the file has with "- ". "" also when the file can't be read.
+std::string startup_config_unsaved(std::string_view text);
+
 }  // namespace client_new

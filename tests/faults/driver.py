@@ -113,13 +113,13 @@ def count(scene: str) -> tuple[str, list[tuple], tuple[int, int], dict[str, str]
 
 
 def attempt(work: tuple[Point, tuple[int, int]]) -> dict:
-    """What the fault broke, and what it broke once but not again."""
+    """What the fault broke, and what it broke but not again with more patience."""
     point, held = work
     error = {"SHORT": SHORT}.get(point.detail, getattr(errno, point.detail, 0))
     loss = point.detail if point.kind == "cut" else ""
     seen: list[dict[str, str]] = []
-    for device.patience in (1, 1, 2.5, 2.5):  # a machine may be busy, a path taken by chance only
-        if len(seen) == 2 or (seen and not seen[0]):
+    for device.patience in (1, 3, 9, 9):  # a machine may be busy, a path taken by chance only
+        if seen and (not seen[-1] or len(seen) == 3):
             break
         try:
             if play(device, point.scene, KINDS[point.kind], loss, held, path=point.path,
@@ -127,7 +127,7 @@ def attempt(work: tuple[Point, tuple[int, int]]) -> dict:
                 seen.append(dict(device.found))
         except Exception as fault:  # of the driver itself: it must be seen, too
             seen.append({"end": f"{type(fault).__name__}: {fault}"})
-    broken = {p: text for p, text in seen[-1].items() if p in seen[0]} if seen else {}
+    broken = seen[-1] if seen else {}
     unsteady = {p: text for s in seen for p, text in s.items() if p not in broken}
     stack = [name for frame in point.frames for name in functions(*frame)] if broken else []
     return {"words": point.words(), "scene": point.scene, "kind": point.kind, "call": point.call,

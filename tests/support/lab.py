@@ -38,6 +38,7 @@ DEADLINE = 60.0
 T = TypeVar("T")
 
 ONE_FILE, MANUAL, INCREMENTAL = 1, 2, 4
+SECOND_LIST = ("--second-list",)
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
 
 
@@ -117,7 +118,7 @@ class Sample:
         self.process: subprocess.Popen[str] | None = None
         self.environment = {**os.environ, "TMPDIR": str(root), "DATA_VEMO_DIR": str(root),
                             "PRINTK_SYSLOG_FILE": str(self.log), "TERM": "xterm",
-                            "LC_ALL": "C.UTF-8"}
+                            "LC_ALL": "C.UTF-8", "HOME": str(root)}
 
     def start(self, **more: Any) -> None:
         self.process = self.scratch.spawn("sample", [BIN_DIR / "sample_daemon"],
@@ -406,8 +407,7 @@ class Device:
         return self.begin(*commands, options=options).finish(status)
 
     def configure(self, *lines: str, status: int = 0, second: bool = False) -> str:
-        return self.cli("configure", *lines, "end", status=status,
-                        options=("--second-list",) if second else ())
+        return self.cli("configure", *lines, "end", status=status, options=second * SECOND_LIST)
 
     def use(self, server: LabServer) -> None:
         """Asks this server; the daily run is half a day away."""

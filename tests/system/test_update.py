@@ -5,7 +5,7 @@ import re
 import shutil
 import signal
 
-from lab import INCREMENTAL, MANUAL, ONE_FILE, Device, LabServer, Scratch, wait_for
+from lab import INCREMENTAL, MANUAL, ONE_FILE, SECOND_LIST, Device, LabServer, Scratch, wait_for
 
 WAIT = "Downloading updated files, please wait...\n"
 QUIT = "Press Ctrl+C to quit\n"
@@ -176,17 +176,16 @@ def test_second_list_with_one_server_dead(
     device.configure("http update server 127.0.0.2 port 1",
                      f"http update server {other.host} port {other.port}", second=True)
     device.app("alpha")
-    second = ("--second-list",)
     dead = "%notice: Communicate with the server failed.\n"
-    assert device.cli("http check-version", status=3, options=second).startswith(
+    assert device.cli("http check-version", status=3, options=SECOND_LIST).startswith(
         f"Check version from server: 127.0.0.2\r\n{dead}"
         "Check version from server: 127.0.0.1\r\nBusiness modules need to be updated: alpha.\n")
-    assert device.cli("http update all", status=3, options=second) == (
+    assert device.cli("http update all", status=3, options=SECOND_LIST) == (
         f"Update module with server 127.0.0.2:\r\n{dead}" + with_server(
             "alpha: download and notify successfully.\n"))
     assert server.requests == [], "the first list is another list"
     device.configure("no http update server", second=True)
-    assert device.cli("http update all", status=3, options=second) == "", "nobody to ask"
+    assert device.cli("http update all", status=3, options=SECOND_LIST) == "", "nobody to ask"
 
 
 def test_what_one_server_can_not_deliver_the_next_one_may(
@@ -199,7 +198,7 @@ def test_what_one_server_can_not_deliver_the_next_one_may(
         (server.host, server.port), (other.host, other.port), ("localhost", other.port))),
         second=True)
     device.app("alpha", answer=lambda app, request: None)  # busy when the third is asked
-    shown = device.cli("http update all", options=("--second-list",))
+    shown = device.cli("http update all", options=SECOND_LIST)
     for text in (": Download failed.", "alpha: download and notify", ": Suspend, "):
         assert text in shown
 

@@ -43,7 +43,11 @@ def run(sample, *arguments, stdin="", **more):
      RECORD + "http update server h\n", ""),
     ([], "configure\nhttp update server bad%s\n" + "x" * 70000 + "\nshow record", 1, RECORD,
      "% Invalid server bad%s. \n% Line too long (at most 1023 bytes)\n"),
-], ids=["commands", "second list", "refused", "debug", "standard input", "bad input"])
+    (["-c", "show ? | b run | ex rec", "-c", "work x y | inc", "-c", "# | inc", "-c", "show run | x",
+      "-c", "show record| include 0", "-c", "show record | e no | i x|y"], "", 1,
+     "  running-config        The present configuration\n",
+     '% Incomplete command after "include"\n% Unexpected word: "|"\n% Unknown word: "record|"\n'),
+], ids=["commands", "second list", "refused", "debug", "standard input", "bad input", "filters"])
 def test_batch(daemon, arguments, stdin, status, output, errors):
     assert run(daemon, *arguments, stdin=stdin) == (status, output, errors)
 
@@ -64,10 +68,15 @@ def test_troubles_end_with_status_2(daemon):
         assert run(daemon, *arguments)[:2] == (2, ""), arguments
 
 
-def test_terminal_until_the_daemon_dies(daemon):
-    child = pexpect.spawn(shlex.quote(CLI), env=daemon.environment, timeout=DEADLINE,
+def spawn(sample):
+    child = pexpect.spawn(shlex.quote(CLI), env=sample.environment, timeout=DEADLINE,
                           encoding="utf-8", dimensions=(24, 80))
     child.expect_exact("http_client> ")
+    return child
+
+
+def test_terminal_until_the_daemon_dies(daemon):
+    child = spawn(daemon)
     for keys, *shown in [
         ("conf\t\r", "igure ", "http_client(config)# "),
         ("http update s?", "server                help\r\n", "http update s"),  # no Enter
@@ -86,10 +95,56 @@ def test_terminal_until_the_daemon_dies(daemon):
             child.expect_exact(text)
             assert "\x1b[A" not in child.before, "what was shown must stay"
     daemon.process.kill()
-    for shown in ("\r\n", "http_client_cli: the daemon has closed the session", pexpect.EOF):
+    for shown in ("\r\n", "http_client_cli: the daemon has closed the session", "leaves)..."):
         child.expect_exact(shown)
+    child.sendintr()
+    child.expect(pexpect.EOF)
     child.close()
     assert child.exitstatus == 2
+
+
+def test_terminal_outlives_the_daemon(daemon):
+    child = spawn(daemon)
+    child.send("configure\r")
+    child.expect_exact("(config)# ")
+    daemon.process.kill()
+    child.expect_exact("leaves)...\r\n")
+    (daemon.scratch.root / "sample.out").unlink()
+    daemon.start()
+    child.expect_exact("http_client_cli: connected again, in exec mode\r\nhttp_client> ")
+    child.send("show record\r")
+    child.expect_exact(RECORD.rstrip())
+
+
+def test_terminal_helps_a_person(daemon):
+    history = daemon.scratch.root / ".http_client_history"
+    history.write_text("show record\n")
+    history.chmod(0o600)
+    child = spawn(daemon)
+    for keys, shown in [
+        ("\x1b[A\r", RECORD),
+        ("shwo record\r", f"{' ' * 13}^\n% Unknown word: \"shwo\"\nDid you mean \"show\"?\n"),
+        ("show Recrd x\r", f"{' ' * 18}^\n% Unknown word: \"Recrd\"\nDid you mean \"record\"?\n"),
+        ("show x | inc y\r", f"{' ' * 18}^\n% Unknown word: \"x\"\nhttp_client> "),
+        ("work\r", f"{' ' * 18}^\n% Incomplete command after \"work\"\n"),
+        ("work flood\r", "4095\nhttp_client> "),  # runs: not a page at a time
+        ("show record | in\t?", "  TEXT\n"), ("no\r", RECORD),
+        ("help work\r", "  WORD                  kind\n"),
+        ("configure\r", "(config)# "), ("http update server h\r", "(config)# "),
+        ("quit\r", "Not saved (\"write\" saves it):\n+ http update server h\n"),
+    ]:
+        child.send(keys)
+        child.expect_exact(shown.replace("\n", "\r\n"))
+    child.expect(pexpect.EOF)
+    assert history.read_text().startswith("show record\nshow record\nshwo record\n")
+    assert stat.S_IMODE(history.stat().st_mode) == 0o600
+    child = spawn(daemon)
+    child.send("write\r")
+    child.expect_exact("Saved.\r\n")
+    child.sendeof()
+    child.expect(pexpect.EOF)
+    assert "Not saved" not in child.before
+    assert history.read_text().endswith("\nquit\nwrite\n")
 
 
 def test_silence_is_allowed_to_commands_not_to_the_daemon(daemon):
@@ -165,7 +220,6 @@ def test_support_bundle_says_what_it_lacks(daemon):
     assert index["journal.txt"] == "none: no journalctl here"
     assert index["status.txt"].startswith("none: % Unknown word"), "an older daemon"
     daemon.end()
-    path.unlink(missing_ok=True)
     (daemon.work / ".http_reg_server_dump").write_text("last words")
     status, errors, members, index = write()
     assert status == 1 and members["http_reg_server_dump"] == "last words"

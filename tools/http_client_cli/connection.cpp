@@ -18,7 +18,6 @@
 #include <cstdio>
 
 #include "base/clock.h"
-#include "base/file.h"
 #include "base/local_socket.h"
 
 using client_new::Frame;
@@ -98,6 +97,7 @@ bool take_frame(Connection* connection, Frame* frame, Event* event) {
         *event = connection_lost(connection, "the daemon sent something unreadable");
     } else if (frame->type == client_new::FRAME_BYE) {
         *event = connection_lost(connection, frame->payload);
+        connection->dismissed = true;
     }
     return true;
 }
@@ -126,18 +126,10 @@ void end_command(Connection* connection, const Frame& frame) {
     client_new::EndPayload end{};
     if (frame.payload.size() >= sizeof(end)) memcpy(&end, frame.payload.data(), sizeof(end));
     connection->answers_ping = (end.offers & client_new::END_ANSWERS_PING) != 0;
+    connection->serves_person = (end.offers & client_new::END_SERVES_PERSON) != 0;
     connection->mode = end.mode;
     connection->left = end.leave != 0;
     connection->status = end.status;
-}
-
-// Output that is lost (a full disk) does not stop the command, whose work matters
-// more than its words.
-void show_output(Connection* connection, std::string_view text) {
-    const int error = file_write_all(STDOUT_FILENO, text);
-    if (error == 0 || connection->output_lost) return;
-    connection->output_lost = true;
-    (void)fprintf(stderr, "http_client_cli: standard output: %s\n", strerror(error));
 }
 
 // Shows frames until the command's end. forward_interrupt: SIGINT is the
@@ -154,15 +146,22 @@ Outcome finish_command(Connection* connection, bool forward_interrupt) {
             send_frame(connection, client_new::FRAME_KEY, KEY_INTERRUPT);
         }
         if (event != Event::kFrame) continue;
-        if (frame.type == client_new::FRAME_OUTPUT) show_output(connection, frame.payload);
-        if (frame.type == client_new::FRAME_REFUSAL) {
-            (void)file_write_all(STDERR_FILENO, frame.payload);
-        }
         if (frame.type == client_new::FRAME_END) {
             end_command(connection, frame);
             return Outcome::kEnded;
         }
+        display_frame(&connection->display, frame);
     }
+}
+
+Outcome open_session(Connection* connection) {
+    const client_new::OpenPayload open{
+        client_new::PROTOCOL_VERSION,
+        (connection->second_list ? client_new::OPEN_SECOND_LIST : 0) |
+            (display_serves_person(connection->display) ? client_new::OPEN_PERSON : 0)};
+    ask_frame(connection, client_new::FRAME_OPEN,
+              {reinterpret_cast<const char*>(&open), sizeof(open)});
+    return finish_command(connection, false);
 }
 
 }  // namespace
@@ -175,11 +174,25 @@ bool connection_open(Connection* connection, bool second_list) {
                       strerror(errno));
         return false;
     }
-    const client_new::OpenPayload open{client_new::PROTOCOL_VERSION,
-                                       second_list ? client_new::OPEN_SECOND_LIST : 0};
-    ask_frame(connection, client_new::FRAME_OPEN,
-              {reinterpret_cast<const char*>(&open), sizeof(open)});
-    return finish_command(connection, false) == Outcome::kEnded;
+    connection->second_list = second_list;
+    return open_session(connection) == Outcome::kEnded;
+}
+
+Outcome connection_open_again(Connection* connection) {
+    UniqueFd socket;
+    const std::string path = client_new::cli_socket_path();
+    if (local_connect(path.c_str(), ANSWER_LIMIT_S, &socket) != 0) return Outcome::kLost;
+    connection->socket = std::move(socket);
+    connection->reader = FrameReader{client_new::REPLY_PAYLOAD_MAX};
+    connection->asked_ms = 0;
+    connection->lost.clear();
+    connection->dismissed = false;
+    return open_session(connection);
+}
+
+bool connection_asked_to_end(Connection* connection) {
+    Event event{};
+    return take_signal(connection, &event) && (event == Event::kInterrupt || event == Event::kQuit);
 }
 
 Event connection_wait(Connection* connection, bool input_too, Frame* frame) {

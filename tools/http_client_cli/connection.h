@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "display.h"
 #include "host/client_new/cli_protocol.h"
 
 // What woke the program while it waited.
@@ -28,12 +29,15 @@ struct Connection {
     client_new::FrameReader reader{client_new::REPLY_PAYLOAD_MAX};
     client_new::Mode mode = client_new::Mode::kExec;
     bool answers_ping = false;
+    bool serves_person = false;  // the daemon has hints, and says when a command goes on
+    bool second_list = false;
     int64_t asked_ms = 0;      // since when the daemon owes an answer, monotonic; 0: it does not
     bool left = false;         // the session ended by a command
     int status = 0;            // exit status that the last command asks for
     bool interrupted = false;  // SIGINT came while it ran
     std::string lost;          // why the daemon closed the session, for standard error
-    bool output_lost = false;  // a command's output could not be written; said so
+    bool dismissed = false;    // it was the daemon that wanted so
+    Display display;
 };
 
 enum class Outcome { kEnded, kQuit, kLost };
@@ -44,6 +48,13 @@ enum class Outcome { kEnded, kQuit, kLost };
 // Opens a session. False: there is no daemon, said so on standard error; or it
 // does not want us.
 bool connection_open(Connection* connection, bool second_list);
+
+// Opens a session anew after one that was lost. kLost: there is no daemon now, and nothing
+// is said.
+Outcome connection_open_again(Connection* connection);
+
+// Takes a signal that has come. True: it asks the program to end.
+bool connection_asked_to_end(Connection* connection);
 
 // Waits for a frame, a signal or, if asked, standard input.
 Event connection_wait(Connection* connection, bool input_too, client_new::Frame* frame);

@@ -9,11 +9,12 @@
 #include <memory>
 
 #include "base/file.h"
+#include "filter.h"
+#include "history.h"
 #include "input.h"
 
 namespace {
 
-constexpr int HISTORY_LINES = 200;
 constexpr wchar_t KEY_INTERRUPT = 3;
 
 struct Editor {
@@ -21,7 +22,8 @@ struct Editor {
     History* history;
     Connection* connection;
     const char* prompt;
-    InputResult result;  // why a read ended without a line
+    InputResult result;                // why a read ended without a line
+    std::vector<std::string> entered;  // in this session, for the next ones
 };
 
 std::unique_ptr<Editor> s_editor;
@@ -108,6 +110,11 @@ bool ask(EditLine* edit, client_new::FrameType type, std::string* reply, unsigne
 
 unsigned char help_key(EditLine* edit, int) {
     std::string text;
+    std::vector<std::string_view> words;
+    if (filter_is_typed(line_before_cursor(edit), &words)) {
+        for (const std::string_view word : words) text.append("  ").append(word).append(" TEXT\n");
+        return show(edit, text.empty() ? "  TEXT\n" : text);
+    }
     unsigned char ending = 0;
     if (!ask(edit, client_new::FRAME_HELP, &text, &ending)) return ending;
     return show(edit, text);
@@ -122,7 +129,12 @@ void keep_common(std::string* common, std::string_view word) {
 unsigned char complete_key(EditLine* edit, int) {
     std::string reply;
     unsigned char ending = 0;
-    if (!ask(edit, client_new::FRAME_COMPLETE, &reply, &ending)) return ending;
+    std::vector<std::string_view> words;
+    if (filter_is_typed(line_before_cursor(edit), &words)) {
+        for (const std::string_view word : words) reply.append(word).append("\n");
+    } else if (!ask(edit, client_new::FRAME_COMPLETE, &reply, &ending)) {
+        return ending;
+    }
     if (reply.empty()) return CC_ERROR;
 
     std::string common = reply.substr(0, reply.find('\n'));
@@ -157,8 +169,11 @@ bool open_editor(Connection* connection) {
     s_editor = std::move(editor);
     EditLine* edit = s_editor->edit;
     HistEvent event{};
-    (void)history(s_editor->history, &event, H_SETSIZE, HISTORY_LINES);
+    (void)history(s_editor->history, &event, H_SETSIZE, int{HISTORY_LINES});
     (void)history(s_editor->history, &event, H_SETUNIQUE, 1);
+    for (const std::string& line : history_load()) {
+        (void)history(s_editor->history, &event, H_ENTER, line.c_str());
+    }
     (void)el_set(edit, EL_EDITOR, "emacs");
     (void)el_set(edit, EL_SIGNAL, 0);
     (void)el_set(edit, EL_HIST, history, s_editor->history);
@@ -193,12 +208,19 @@ InputResult edit_read_line(Connection* connection, const char* prompt, std::stri
     line->assign(text, static_cast<size_t>(length));
     while (!line->empty() && (line->back() == '\n' || line->back() == '\r')) line->pop_back();
     HistEvent event{};
-    if (!line->empty()) (void)history(s_editor->history, &event, H_ENTER, line->c_str());
+    if (!line->empty()) {
+        (void)history(s_editor->history, &event, H_ENTER, line->c_str());
+        s_editor->entered.push_back(*line);
+        if (s_editor->entered.size() > HISTORY_LINES) {
+            s_editor->entered.erase(s_editor->entered.begin());
+        }
+    }
     return InputResult::kLine;
 }
 
 void edit_close() {
     if (s_editor == nullptr) return;
+    history_add(s_editor->entered);
     el_end(s_editor->edit);
     history_end(s_editor->history);
     s_editor.reset();

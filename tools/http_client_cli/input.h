@@ -17,5 +17,5 @@ InputResult plain_read_line(Connection* connection, const char* prompt, std::str
 // Ctrl+C cleared the line. kEnd: Ctrl+D.
 InputResult edit_read_line(Connection* connection, const char* prompt, std::string* line);
 
-// Gives the terminal back as it was.
+// Gives the terminal back as it was, and keeps the history.
 void edit_close();

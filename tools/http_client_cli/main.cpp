@@ -13,6 +13,7 @@
 
 #include "connection.h"
 #include "input.h"
+#include "operator.h"
 #include "tech_support.h"
 #include "time_limit.h"
 
@@ -123,7 +124,7 @@ int status_of(const Connection& connection, Outcome outcome) {
 // Runs one of several commands. The first that does not end well decides the exit status.
 // False: that was the last one.
 bool run_command(Connection* connection, std::string_view command, bool terminal, int* status) {
-    const Outcome outcome = connection_run(connection, command);
+    const Outcome outcome = operator_run(connection, command);
     if (*status == EXIT_SUCCESS) *status = status_of(*connection, outcome);
     // Who stops a command of a script means all of them.
     if (connection->interrupted && !terminal) *status = EXIT_BY_SIGINT;
@@ -138,6 +139,16 @@ int run_commands(Connection* connection, const std::vector<const char*>& command
     return status;
 }
 
+// A person's session has ended by a command, or was lost: says what there is to say. True:
+// there is a new one.
+bool goes_on(Connection* connection) {
+    if (connection->left) operator_leave(connection);
+    if (connection->lost.empty()) return false;
+    const bool reconnected = operator_reconnect(connection);
+    connection->lost.clear();  // told
+    return reconnected;
+}
+
 int run_input(Connection* connection, bool terminal) {
     int status = EXIT_SUCCESS;
     for (;;) {
@@ -150,25 +161,35 @@ int run_input(Connection* connection, bool terminal) {
                                             : plain_read_line(connection, prompt, &line);
         switch (result) {
             case InputResult::kLine:
-                if (!run_command(connection, line, terminal, &status)) return status;
+                connection->display.typed = prompt + line;
+                connection->display.typed_prompt = std::string_view(prompt).size();
+                if (!run_command(connection, line, terminal, &status) &&
+                    !(terminal && goes_on(connection))) {
+                    return status;
+                }
                 break;
             case InputResult::kInterrupted:
                 if (!terminal) return EXIT_BY_SIGINT;
                 break;
             case InputResult::kEnd:
+                if (terminal) operator_leave(connection);
+                return status;
             case InputResult::kQuit:
                 return status;
             case InputResult::kLost:
-                return EXIT_TROUBLE;
+                if (!terminal || !goes_on(connection)) return EXIT_TROUBLE;
+                break;
         }
     }
 }
 
 int run_session(Connection* connection, const Options& options) {
+    const bool typed =
+        options.commands.empty() && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+    connection->display.person = typed;
     if (!connection_open(connection, options.second_list)) return EXIT_TROUBLE;
     if (!options.commands.empty()) return run_commands(connection, options.commands);
-    const int status =
-        run_input(connection, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0);
+    const int status = run_input(connection, typed);
     edit_close();
     return status;
 }
@@ -191,7 +212,7 @@ int run_program(const Options& options) {
     if (!connection.lost.empty()) {
         (void)fprintf(stderr, "http_client_cli: %s\n", connection.lost.c_str());
     }
-    return connection.output_lost ? EXIT_TROUBLE : status;
+    return connection.display.output_lost ? EXIT_TROUBLE : status;
 }
 
 int run_one(const char* command) {
