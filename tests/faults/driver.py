@@ -2,7 +2,7 @@
 """Fails, kills and cuts off from power the daemon at every call that can fail.
 
     run                          every point of every scene, by two workers
-    run --sample 1000            as many, drawn by --seed
+    run --sample 700             as many, drawn by --seed
     run --scene start --kind once
     run --scene start --kind once --point malloc:1f3a5b7c9d2e4f60:1:ENOMEM
 
