@@ -2,8 +2,11 @@
 // scripts match them.
 #include "http/command_thread.h"
 
+#include <sys/prctl.h>
+
 #include <cstring>
 
+#include "buffer/memory.h"
 #include "frame/command_outcome.h"
 
 bool command_thread_create(cli_record* record, pthread_t* thread, void* (*body)(void*),
@@ -13,6 +16,15 @@ bool command_thread_create(cli_record* record, pthread_t* thread, void* (*body)(
     cli_printf("%%notice:Failed to create a thread, errno [%d %s].\n", error, strerror(error));
     command_outcome_set(record, CLI_OUTCOME_FAILED);
     return false;
+}
+
+void command_show_run(cli_record* record, CommandShowFn show) {
+    (void)pthread_detach(pthread_self());
+    (void)prctl(PR_SET_NAME, "http-show");
+    cli_proc_thread_start(record, pthread_self());
+    show(record);
+    mem_trim();
+    cli_proc_thread_end(record, pthread_self());
 }
 
 void command_status_print(UpdateStatus status) {

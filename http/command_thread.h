@@ -13,6 +13,22 @@
 [[nodiscard]] bool command_thread_create(cli_record* record, pthread_t* thread,
                                          void* (*body)(void*), void* argument);
 
+// The body of a thread that shows a report, and its command: for those that read the disk,
+// which may be slow.
+using CommandShowFn = void (*)(cli_record* record);
+void command_show_run(cli_record* record, CommandShowFn show);
+template <CommandShowFn show>
+void command_show(cli_record* record) {
+    const auto body = [](void* argument) -> void* {
+        command_show_run(static_cast<cli_record*>(argument), show);
+        return nullptr;
+    };
+    pthread_t thread{};
+    if (command_thread_create(record, &thread, body, record)) {
+        cli_proc_thread_start(record, thread);
+    }
+}
+
 // Prints the report line of a code.
 void command_status_print(UpdateStatus status);
 

@@ -16,45 +16,30 @@
 
 void JsonWriter::Time(int64_t seconds) {
     if (seconds == 0) {
-        (void)writer_.Null();
+        Null();
     } else {
         Text(UtcText(seconds).get());
     }
 }
 
-static void member(JsonWriter* writer, std::string_view key, int64_t number) {
-    writer->Key(key);
-    writer->Number(number);
-}
-
-static void member(JsonWriter* writer, std::string_view key, std::string_view text) {
-    writer->Key(key);
-    writer->Text(text);
-}
-
-static void member_time(JsonWriter* writer, std::string_view key, int64_t seconds) {
-    writer->Key(key);
-    writer->Time(seconds);
-}
-
 void totals_write(const HistoryTotals& totals, JsonWriter* writer) {
     writer->BeginObject();
-    member(writer, "last_number", totals.last_number);
+    writer->Member("last_number", totals.last_number);
     for (const UpdateRunKind kind : UPDATE_RUN_ALL_KINDS) {
         writer->Key(run_kind_name(kind));
         writer->BeginObject();
-        member(writer, "succeeded", static_cast<int64_t>(totals.succeeded[kind]));
-        member(writer, "failed", static_cast<int64_t>(totals.failed[kind]));
+        writer->Member("succeeded", static_cast<int64_t>(totals.succeeded[kind]));
+        writer->Member("failed", static_cast<int64_t>(totals.failed[kind]));
         writer->EndObject();
     }
-    member(writer, "fetched_bytes", static_cast<int64_t>(totals.fetched_bytes));
-    member(writer, "resumed_bytes", static_cast<int64_t>(totals.resumed_bytes));
+    writer->Member("fetched_bytes", static_cast<int64_t>(totals.fetched_bytes));
+    writer->Member("resumed_bytes", static_cast<int64_t>(totals.resumed_bytes));
     if (totals.last_success_number != 0) {
         writer->Key("last_success");
         writer->BeginObject();
-        member(writer, "number", totals.last_success_number);
-        member(writer, "kind", run_kind_name(totals.last_success_kind));
-        member_time(writer, "end", totals.last_success_s);
+        writer->Member("number", totals.last_success_number);
+        writer->Member("kind", run_kind_name(totals.last_success_kind));
+        writer->MemberTime("end", totals.last_success_s);
         writer->EndObject();
     }
     writer->EndObject();
@@ -62,21 +47,20 @@ void totals_write(const HistoryTotals& totals, JsonWriter* writer) {
 
 void cause_write(const Cause& cause, JsonWriter* writer) {
     writer->BeginObject();
-    member(writer, "phase", cause_phase_name(cause.phase));
-    member(writer, "reason", cause_reason_name(cause.reason));
-    member(writer, "number", cause.number);
-    member(writer, "host", cause.host);
-    member(writer, "port", cause.port);
-    writer->Key("redirected");
-    writer->Flag(cause.redirected);
-    member(writer, "file", cause.file);
-    member(writer, "text", cause.text);
+    writer->Member("phase", cause_phase_name(cause.phase));
+    writer->Member("reason", cause_reason_name(cause.reason));
+    writer->Member("number", cause.number);
+    writer->Member("host", cause.host);
+    writer->Member("port", cause.port);
+    writer->MemberFlag("redirected", cause.redirected);
+    writer->Member("file", cause.file);
+    writer->Member("text", cause.text);
     writer->EndObject();
 }
 
 static void failure_write(const Cause& cause, const char* message, JsonWriter* writer) {
     if (*message == '\0') return;
-    member(writer, "message", message);
+    writer->Member("message", message);
     if (cause.reason == CauseReason::None) return;
     writer->Key("cause");
     cause_write(cause, writer);
@@ -84,31 +68,31 @@ static void failure_write(const Cause& cause, const char* message, JsonWriter* w
 
 static void server_write(const RunServer& server, JsonWriter* writer) {
     writer->BeginObject();
-    member(writer, "host", server.host);
-    member(writer, "port", server.port);
-    member(writer, "status", server.status);
+    writer->Member("host", server.host);
+    writer->Member("port", server.port);
+    writer->Member("status", server.status);
     failure_write(server.cause, FailureWords(server).get(), writer);
     writer->EndObject();
 }
 
 static void app_write(const RunApp& app, JsonWriter* writer) {
     writer->BeginObject();
-    member(writer, "name", app.name);
-    member(writer, "server", app.server);
-    member(writer, "before", app.before);
-    member(writer, "offered", app.offered);
-    member(writer, "files", app.files);
-    member(writer, "files_done", app.files_done);
-    member(writer, "fetched_bytes", static_cast<int64_t>(app.fetched_bytes));
-    member(writer, "resumed_bytes", static_cast<int64_t>(app.resumed_bytes));
-    member(writer, "result", app.result);
+    writer->Member("name", app.name);
+    writer->Member("server", app.server);
+    writer->Member("before", app.before);
+    writer->Member("offered", app.offered);
+    writer->Member("files", app.files);
+    writer->Member("files_done", app.files_done);
+    writer->Member("fetched_bytes", static_cast<int64_t>(app.fetched_bytes));
+    writer->Member("resumed_bytes", static_cast<int64_t>(app.resumed_bytes));
+    writer->Member("result", app.result);
     failure_write(app.cause, FailureWords(app).get(), writer);
     if (app.answered) {
         writer->Key("answer");
         writer->BeginObject();
-        member(writer, "code", app.answer_code);
-        member(writer, "version", app.answer_version);
-        member_time(writer, "time", app.answer_s);
+        writer->Member("code", app.answer_code);
+        writer->Member("version", app.answer_version);
+        writer->MemberTime("time", app.answer_s);
         writer->EndObject();
     }
     writer->EndObject();
@@ -116,12 +100,12 @@ static void app_write(const RunApp& app, JsonWriter* writer) {
 
 void run_write(const RunRecord& run, RunOutcome outcome, JsonWriter* writer) {
     writer->BeginObject();
-    member(writer, "number", run.number);
-    member(writer, "kind", run_kind_name(run.kind));
-    member(writer, "outcome", run_outcome_name(outcome));
-    member_time(writer, "begin", run.begin_s);
-    member_time(writer, "end", run.end_s);
-    member(writer, "status", run.status);
+    writer->Member("number", run.number);
+    writer->Member("kind", run_kind_name(run.kind));
+    writer->Member("outcome", run_outcome_name(outcome));
+    writer->MemberTime("begin", run.begin_s);
+    writer->MemberTime("end", run.end_s);
+    writer->Member("status", run.status);
     writer->Key("servers");
     writer->BeginArray();
     for (uint32_t i = 0; i < run.server_count; ++i) server_write(run.servers[i], writer);

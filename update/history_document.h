@@ -19,18 +19,26 @@
 // Of the document; a reader takes no other.
 constexpr int64_t HISTORY_FORMAT = 1;
 
-// A stream for RapidJSON into a buffer of its owner. What finds no room is dropped, but
+// A stream for RapidJSON into a buffer of its owner. A full one is drained, at the end of
+// the document the rest. Where nobody drains it, what finds no room is dropped, but
 // counted: without a buffer it tells how large a text is.
 class JsonText {
   public:
     using Ch = char;
-    JsonText(char* buffer, size_t size) : buffer_(buffer), size_(size) {}
+    using DrainFn = void (*)(std::string_view text);
+    JsonText(char* buffer, size_t size, DrainFn drain = nullptr)
+        : buffer_(buffer), size_(size), drain_(drain) {}
 
     void Put(char c) {
+        if (length_ == size_) Flush();
         if (length_ < size_) buffer_[length_] = c;
         ++length_;
     }
-    void Flush() {}
+    void Flush() {
+        if (drain_ == nullptr) return;
+        drain_(View());
+        length_ = 0;
+    }
 
     [[nodiscard]] size_t length() const { return length_; }
     [[nodiscard]] bool whole() const { return length_ <= size_; }
@@ -40,6 +48,7 @@ class JsonText {
   private:
     char* buffer_;
     size_t size_;
+    DrainFn drain_;
     size_t length_ = 0;
 };
 
@@ -61,8 +70,27 @@ class JsonWriter {
     void Text(std::string_view text) { (void)writer_.String(text.data(), Length(text)); }
     void Number(int64_t number) { (void)writer_.Int64(number); }
     void Flag(bool flag) { (void)writer_.Bool(flag); }
+    void Null() { (void)writer_.Null(); }
     // Seconds since 1970, as text; 0: null.
     void Time(int64_t seconds);
+
+    // A key with its value.
+    void Member(std::string_view key, int64_t number) {
+        Key(key);
+        Number(number);
+    }
+    void Member(std::string_view key, std::string_view text) {
+        Key(key);
+        Text(text);
+    }
+    void MemberFlag(std::string_view key, bool flag) {
+        Key(key);
+        Flag(flag);
+    }
+    void MemberTime(std::string_view key, int64_t seconds) {
+        Key(key);
+        Time(seconds);
+    }
 
   private:
     using Pool = rapidjson::MemoryPoolAllocator<>;

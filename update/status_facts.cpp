@@ -3,6 +3,8 @@
 #include "update/status_facts.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "admin/admin.h"
@@ -60,14 +62,23 @@ static void progress_facts(UpdateStatusFacts* facts) {
     const int64_t taken_ms = std::max<int64_t>(now_ms - progress.begin_ms, 1);
     facts->bytes_per_s = progress.fresh_bytes * 1000 / static_cast<uint64_t>(taken_ms);
     facts->silence_s = (now_ms - progress.last_bytes_ms) / 1000;
+    // Of an unknown size the library always tells a little more than has come.
+    facts->size_is_known = progress.file_size > progress.down_size + 1;
 }
 
-static uint32_t daily_apps_count() {
-    AppSet apps;
-    reg_app_auto_set(&apps);
+static uint32_t set_count(const AppSet& apps) {
     uint32_t count = 0;
     for (int slot = 0; slot < APP_REG_MAX; ++slot) count += app_set_contains(apps, slot) ? 1U : 0U;
     return count;
+}
+
+static void app_facts(UpdateStatusFacts* facts) {
+    AppSet all{};
+    reg_app_all(&all);
+    facts->registered_apps = set_count(all);
+    AppSet daily;
+    reg_app_auto_set(&daily);
+    facts->daily_apps = set_count(daily);
 }
 
 void update_status_facts(UpdateStatusFacts* facts) {
@@ -81,7 +92,16 @@ void update_status_facts(UpdateStatusFacts* facts) {
     const DailyTime usual = default_update_time_get();
     facts->time_is_default =
         daily.update_hour == usual.update_hour && daily.update_minute == usual.update_minute;
-    facts->daily_apps = daily_apps_count();
+    app_facts(facts);
     facts->resume = resume_outlook();
     facts->now_s = time(nullptr);
+}
+
+int64_t update_next_daily_after(const RunRecord& run) {
+    constexpr int64_t hour_s = 3600;
+    return http_update_admin_next_daily(run.kind == UPDATE_RUN_DAILY ? hour_s : 0);
+}
+
+const char* history_error_words(int error) {
+    return error == EINVAL ? "it is damaged, what is told is incomplete" : strerror(error);
 }

@@ -21,6 +21,7 @@ struct UpdateStatusFacts {
     UpdateProgress progress;  // of its file
     uint64_t bytes_per_s;     // of the file, since it was begun
     int64_t silence_s;        // since bytes of it came
+    bool size_is_known;       // progress.file_size is the server's word
 
     // The newest run that is over:
     bool has_last;
@@ -37,6 +38,7 @@ struct UpdateStatusFacts {
     int64_t daily_s;
     uint32_t daily_apps;  // apps that it would update now
 
+    uint32_t registered_apps;
     ResumeOutlook resume;
     HistoryTotals totals;
     int history_error;  // 0, or why the history could not be read (errno)
@@ -44,3 +46,10 @@ struct UpdateStatusFacts {
 
 // facts is zero-filled.
 void update_status_facts(UpdateStatusFacts* facts);
+
+// When the daily update comes after that run, which is ending: it is not the one that
+// comes next, though its ten minutes may not be over. Seconds since 1970; 0: manual mode.
+[[nodiscard]] int64_t update_next_daily_after(const RunRecord& run);
+
+// What a result of history_read is to a person.
+[[nodiscard]] const char* history_error_words(int error);

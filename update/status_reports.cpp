@@ -2,10 +2,7 @@
 // comes. Absolute times stand with relative words, so that nobody has to subtract.
 #include "update/status_reports.h"
 
-#include <sys/prctl.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -149,10 +146,6 @@ const char* outcome_words(RunOutcome outcome) {
     }
 }
 
-const char* error_words(int error) {
-    return error == EINVAL ? "it is damaged, what is told is incomplete" : strerror(error);
-}
-
 const char* file_name(const char* path) {
     const char* slash = strrchr(path, '/');
     return slash == nullptr ? path : slash + 1;
@@ -198,9 +191,7 @@ void print_now(int output, const UpdateStatusFacts& facts) {
     const auto done = static_cast<unsigned long long>(progress.down_size);
     ShortText text;
     text.Append("file %u of %u, ", progress.down_num + 1, progress.file_num);
-    // Of an unknown size the library always tells a little more than has come.
-    const bool known = size > done + 1;
-    if (known) {
+    if (facts.size_is_known) {
         text.Append("%llu of %llu bytes (%llu%%), ", done, size, done * 100 / size);
     } else {
         text.Append("%llu bytes, ", done);
@@ -280,7 +271,7 @@ void update_status_print(int output, const UpdateStatusFacts& facts) {
     print_retry(output, facts);
     if (facts.history_error == 0) return;
     text = {};
-    text.Append("can't be read: %s", error_words(facts.history_error));
+    text.Append("can't be read: %s", history_error_words(facts.history_error));
     print_labelled(output, "History:", text.get());
 }
 
@@ -413,7 +404,7 @@ bool print_details(RunRecord& run, void* argument) {
 
 void print_read_error(int output, int error) {
     if (error == 0) return;
-    report_printf(output, "%% The history can't be read: %s\n", error_words(error));
+    report_printf(output, "%% The history can't be read: %s\n", history_error_words(error));
 }
 
 }  // namespace
@@ -444,42 +435,13 @@ static void status_show(cli_record* record) {
     update_status_print(REPORT_TERMINAL, *facts);
 }
 
-static void* status_thread(void* argument) {
-    auto* record = static_cast<cli_record*>(argument);
-    (void)pthread_detach(pthread_self());
-    (void)prctl(PR_SET_NAME, "http-show");
-    cli_proc_thread_start(record, pthread_self());
-    status_show(record);
-    mem_trim();
-    cli_proc_thread_end(record, pthread_self());
-    return nullptr;
-}
-
-static void* history_thread(void* argument) {
-    auto* record = static_cast<cli_record*>(argument);
-    (void)pthread_detach(pthread_self());
-    (void)prctl(PR_SET_NAME, "http-show");
-    cli_proc_thread_start(record, pthread_self());
+static void history_show(cli_record* record) {
     if (record->value1 == 0) {
         history_print(REPORT_TERMINAL);
     } else if (!history_run_print(REPORT_TERMINAL, static_cast<uint32_t>(record->value1))) {
         command_outcome_set(record, CLI_OUTCOME_REFUSED);
     }
-    mem_trim();
-    cli_proc_thread_end(record, pthread_self());
-    return nullptr;
 }
 
-void show_status_cmd(cli_record* record) {
-    pthread_t thread{};
-    if (command_thread_create(record, &thread, status_thread, record)) {
-        cli_proc_thread_start(record, thread);
-    }
-}
-
-void show_history_cmd(cli_record* record) {
-    pthread_t thread{};
-    if (command_thread_create(record, &thread, history_thread, record)) {
-        cli_proc_thread_start(record, thread);
-    }
-}
+void show_status_cmd(cli_record* record) { command_show<status_show>(record); }
+void show_history_cmd(cli_record* record) { command_show<history_show>(record); }

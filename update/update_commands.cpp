@@ -19,6 +19,7 @@
 #include "registry/app_registry.h"
 #include "resume/resume_timer.h"
 #include "update/progress.h"
+#include "update/status_json.h"
 #include "update/status_reports.h"
 #include "update/update_hints.h"
 #include "update/update_reports.h"
@@ -197,12 +198,15 @@ static const cli_node s_resume =
 static const cli_node s_version_end = eol_action(version_cmd);
 static const cli_node s_version =
     common_keyword_action("version", "http auto update info version", &s_version_end, &s_resume);
+static const cli_node s_json_end = eol_action(show_json_cmd);
+static const cli_node s_json = common_keyword_action(
+    "json", "all of it as one JSON document, for programs", &s_json_end, Tno_alt);
 static const cli_node s_history_run_end = eol_action(show_history_cmd);
 static const cli_node s_history_run = common_number_action(
     "number of a run", 1, INT32_MAX, CLI_SLOT_VALUE1, &s_history_run_end, Tno_alt);
 static const cli_node s_history_end = eol_action(show_history_cmd, &s_history_run);
 static const cli_node s_history =
-    common_keyword_action("history", "the last update runs", &s_history_end, Tno_alt);
+    common_keyword_action("history", "the last update runs", &s_history_end, &s_json);
 static const cli_node s_status_end = eol_action(show_status_cmd);
 static const cli_node s_status = common_keyword_action(
     "status", "what goes on, how it went and what comes next", &s_status_end, &s_history);

@@ -13,6 +13,7 @@
 
 #include "connection.h"
 #include "input.h"
+#include "json_document.h"
 #include "operator.h"
 #include "tech_support.h"
 #include "time_limit.h"
@@ -25,6 +26,7 @@ constexpr int EXIT_BY_SIGINT = 130;
 
 constexpr char USAGE[] =
     "Usage: http_client_cli [--second-list] [--timeout S] [-c COMMAND]...\n"
+    "       http_client_cli [--timeout S] --json\n"
     "       http_client_cli [--timeout S] --tech-support FILE.tar.gz\n"
     "\n"
     "Runs commands in the daemon http_client: those given with -c, else those typed\n"
@@ -33,6 +35,7 @@ constexpr char USAGE[] =
     "and Ctrl+D leaves.\n"
     "\n"
     "  -c, --command COMMAND   run COMMAND; all commands run in one session\n"
+    "      --json              print all that the reports tell as one JSON document\n"
     "      --second-list       commands use the second list of update servers\n"
     "      --timeout S         end after S seconds, with exit status 2\n"
     "      --tech-support FILE write reports, files and logs for support into FILE\n"
@@ -46,13 +49,15 @@ struct Options {
     std::vector<const char*> commands;
     const char* tech_support = nullptr;
     bool second_list = false;
+    bool json = false;
 };
 
-enum { OPTION_SECOND_LIST = 256, OPTION_TECH_SUPPORT, OPTION_TIMEOUT, OPTION_VERSION };
+enum { OPTION_SECOND_LIST = 256, OPTION_JSON, OPTION_TECH_SUPPORT, OPTION_TIMEOUT, OPTION_VERSION };
 constexpr unsigned TIMEOUT_MAX_S = 999999;
 
 constexpr option LONG_OPTIONS[] = {
     {"command", required_argument, nullptr, 'c'},
+    {"json", no_argument, nullptr, OPTION_JSON},
     {"second-list", no_argument, nullptr, OPTION_SECOND_LIST},
     {"tech-support", required_argument, nullptr, OPTION_TECH_SUPPORT},
     {"timeout", required_argument, nullptr, OPTION_TIMEOUT},
@@ -73,12 +78,22 @@ void limit_time(std::string_view text) {
     time_limit_start(seconds, EXIT_TROUBLE);
 }
 
+// The document and the bundle have no session that the rest could be for.
+bool fit_together(const Options& options) {
+    const bool session = options.second_list || !options.commands.empty();
+    return (session ? 1 : 0) + (options.json ? 1 : 0) + (options.tech_support != nullptr ? 1 : 0) <=
+           1;
+}
+
 Options parse_options(int argc, char** argv) {
     Options options;
     for (;;) {
         switch (getopt_long(argc, argv, "c:h", LONG_OPTIONS, nullptr)) {
             case 'c':
                 options.commands.push_back(optarg);
+                break;
+            case OPTION_JSON:
+                options.json = true;
                 break;
             case OPTION_SECOND_LIST:
                 options.second_list = true;
@@ -97,10 +112,7 @@ Options parse_options(int argc, char** argv) {
                 exit(EXIT_SUCCESS);
             case -1:
                 if (optind < argc) bad_usage();
-                if (options.tech_support != nullptr &&
-                    (options.second_list || !options.commands.empty())) {
-                    bad_usage();
-                }
+                if (!fit_together(options)) bad_usage();
                 return options;
             default:
                 bad_usage();
@@ -227,6 +239,7 @@ int main(int argc, char** argv) {
     (void)setlocale(LC_CTYPE, "");
     const Options options = parse_options(argc, argv);
     if (options.tech_support != nullptr) return tech_support_write(options.tech_support, run_one);
+    if (options.json) return json_document_print(run_one);
     const int status = run_program(options);
     if (status == EXIT_BY_SIGINT) end_by_sigint();
     return status;
