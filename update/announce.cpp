@@ -12,6 +12,8 @@
 #include "resume/resume_list.h"
 #include "resume/resume_timer.h"
 #include "update/history.h"
+#include "update/metrics.h"
+#include "update/status_facts.h"
 
 namespace {
 
@@ -92,15 +94,18 @@ void announce_run(const RunRecord& run) {
     if (*failure.get() != '\0') line.Append(": %s", failure.get());
     append_retry(&line);
     line.Append("; ");
-    // The daily run that has just ended is not the next one.
-    constexpr int64_t hour_s = 3600;
-    append_next(&line, http_update_admin_next_daily(run.kind == UPDATE_RUN_DAILY ? hour_s : 0));
+    append_next(&line, update_next_daily_after(run));
     const bool failed = *failure.get() != '\0' && outcome != RunOutcome::Cancelled;
     if (failed) {
         http_client_warning("%s", line.text);
     } else {
         http_client_notice("%s", line.text);
     }
+}
+
+void announce_end(const RunRecord& run) {
+    announce_run(run);
+    metrics_run_ended(run);
 }
 
 void announce_failed_app(const char* app, const char* version, int32_t code) {
@@ -123,7 +128,10 @@ void append_servers(Line* line) {
 
 }  // namespace
 
-void announce_init() { history_listen({announce_run, announce_failed_app}); }
+void announce_init() {
+    metrics_init();
+    history_listen({announce_end, announce_failed_app});
+}
 
 void announce_start() {
     Line line;

@@ -1,6 +1,7 @@
-"""What programs are told: the JSON document."""
+"""What programs are told: the JSON document and the figures of a monitoring system."""
 
 import json
+import re
 from typing import Any
 
 import jsonschema
@@ -57,3 +58,41 @@ def test_document_holds_what_the_reports_tell(device: Device, server: LabServer)
     history = device.data / "oam/http_client/history.json"
     history.write_text(history.read_text()[:-40])
     assert [error["part"] for error in document(device)["errors"]] == ["history"]
+
+
+LINE = re.compile(r'# (?:HELP \w+ \w.*|TYPE \w+ (?:counter|gauge))|'
+                  r'http_client_(\w+(?:\{\w+="[^"\\]+"(?:,\w+="[^"\\]+")*\})?) (\d+)')
+
+
+def figures(device: Device) -> dict[str, int]:
+    lines = [LINE.fullmatch(line) for line in (device.root / "a.prom").read_text().splitlines()]
+    return {line[1]: int(line[2]) for line in lines if line[1]}  # each of them fits
+
+
+def test_figures_go_on_after_a_restart(device: Device, server: LabServer) -> None:
+    path = device.root / "a.prom"
+    device.kill()
+    device.start(HTTP_CLIENT_METRICS_FILE=str(path))
+    server.release("alpha", "2.0", {"a.bin": 1000})
+    device.app("alpha")
+    device.use(server)
+    device.cli("http update all")
+    first = figures(device)
+    assert first['runs_total{kind="foreground",outcome="succeeded"}'] == 1
+    assert (first["fetched_bytes_total"], first["apps_registered"]) == (1000, 1)
+    assert (first["last_run_success"], first["retries_left"]) == (1, 5)
+    assert "next_run_timestamp_seconds" in first
+    device.kill()
+    device.start(HTTP_CLIENT_METRICS_FILE=str(path))
+    device.app("alpha", "2.0")
+    device.configure("http update mode manual", "http update server 127.0.0.1 port 9")
+    device.cli("http update all", status=3)
+    second = figures(device)
+    assert second['runs_total{kind="foreground",outcome="failed"}'] == 1
+    assert (second["last_run_success"], second["fetched_bytes_total"]) == (0, 1000)
+    assert second["last_success_timestamp_seconds"] == first["last_success_timestamp_seconds"]
+    assert "next_run_timestamp_seconds" not in second
+    path.unlink()
+    path.mkdir()  # nothing can take its place
+    device.cli("http update all", "http update all", status=3)
+    assert device.syslog().count("figures can't be written: ") == 1
