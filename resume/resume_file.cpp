@@ -58,8 +58,9 @@ static int take_up_unfinished() {
     const int error = xml_doc_load(beside, &document);
     if (error == ENOENT) return 0;
     if (could_not_read(error)) return error;
-    if (xml_root_get(document.get()) != nullptr)
+    if (xml_root_get(document.get()) != nullptr) {
         return rename(beside, resume_file_path) == 0 ? 0 : errno;
+    }
     (void)unlink(beside);  // the next save does so, too
     return 0;
 }

@@ -192,8 +192,10 @@ static HistoryTotals totals_copy() {
 static void answers_forget(const Answers& written) {
     const MutexLock guard(s_lock);
     for (size_t i = 0; i < std::size(written.entries); ++i) {
-        const bool same = memcmp(&s_answers.entries[i], &written.entries[i], sizeof(Answer)) == 0;
-        if (same && written.entries[i].answered) s_answers.entries[i] = {};
+        const Answer& done = written.entries[i];
+        Answer& entry = s_answers.entries[i];
+        const bool same = entry.run == done.run && strcmp(entry.app, done.app) == 0;
+        if (same && done.answered) entry = {};
     }
 }
 

@@ -139,20 +139,20 @@ enum class Place {
 };
 
 struct Inner {
-    Place outer;
     std::string_view key;
+    Place outer;
     Place inner;
 };
 
 constexpr Inner INNERS[] = {
-    {Place::Document, "totals", Place::Totals},
-    {Place::Document, "runs", Place::Runs},
-    {Place::Totals, "last_success", Place::LastSuccess},
-    {Place::Run, "servers", Place::Servers},
-    {Place::Run, "apps", Place::Apps},
-    {Place::Server, "cause", Place::Cause},
-    {Place::App, "cause", Place::Cause},
-    {Place::App, "answer", Place::Answer},
+    {"totals", Place::Document, Place::Totals},
+    {"runs", Place::Document, Place::Runs},
+    {"last_success", Place::Totals, Place::LastSuccess},
+    {"servers", Place::Run, Place::Servers},
+    {"apps", Place::Run, Place::Apps},
+    {"cause", Place::Server, Place::Cause},
+    {"cause", Place::App, Place::Cause},
+    {"answer", Place::App, Place::Answer},
 };
 
 // A value; of a number text is empty, of a text number is 0.

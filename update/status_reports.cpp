@@ -242,8 +242,9 @@ void print_daily(int output, const UpdateStatusFacts& facts) {
 
 void print_retry(int output, const UpdateStatusFacts& facts) {
     const ResumeOutlook& resume = facts.resume;
-    if (resume.apps == 0)
+    if (resume.apps == 0) {
         return print_labelled(output, "Next retry:", "none, nothing is left over");
+    }
     ShortText text;
     if (resume.is_armed) {
         text.Append("%s, in %s", when(facts.now_s + resume.seconds_left, facts.now_s).get(),

@@ -51,8 +51,8 @@ Answer wait_for_answer(Connection* connection, const SingleKeys& keys) {
             case Event::kInput: {
                 char key = 0;
                 const Answer answer = read_answer(&key);
-                if (answer != Answer::kNoMore || key == 'q' || key == 'Q' || key == 4)
-                    return answer;
+                const bool quit = key == 'q' || key == 'Q' || key == 4;
+                if (quit || answer != Answer::kNoMore) return answer;
                 break;
             }
             case Event::kInterrupt:

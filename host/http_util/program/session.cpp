@@ -128,14 +128,13 @@ void response_show() {
         received = message_receive(s_session.socket, &message, -1, &file);
     }
     s_session.heard_ms = monotonic_ms();
-    if (received == Received::Gone) {
-        s_session.over = true;
-    } else if (message.type == MessageType::Body && file.valid()) {
+    const bool heard = received != Received::Gone;
+    if (heard && message.type == MessageType::Body && file.valid()) {
         s_session.writer.Begin(std::move(file), message.body);
         s_session.reported = message.body.offset;
         s_session.reported_ms = s_session.heard_ms;
         s_session.state = State::Taking;
-    } else if (message.type == MessageType::Drop) {
+    } else if (heard && message.type == MessageType::Drop) {
         s_session.discarded = 0;
         s_session.state = State::Discarding;
     } else {
