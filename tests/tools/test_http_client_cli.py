@@ -140,7 +140,7 @@ def test_terminal_helps_a_person(daemon):
     assert stat.S_IMODE(history.stat().st_mode) == 0o600
     child = spawn(daemon)
     child.send("write\r")
-    child.expect_exact("Saved.\r\n")
+    child.expect_exact("Saved.\r\nhttp_client> ")  # between prompts Ctrl+D is lost
     child.sendeof()
     child.expect(pexpect.EOF)
     assert "Not saved" not in child.before
